@@ -1,0 +1,11 @@
+# PW_SANITIZE: empty, "address" (ASan+UBSan) or "thread" (TSan).
+set(PW_SANITIZE "" CACHE STRING "Sanitizer row: address or thread")
+if(PW_SANITIZE STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+elseif(PW_SANITIZE STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+elseif(NOT PW_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "PW_SANITIZE must be empty, address or thread")
+endif()
