@@ -1,0 +1,42 @@
+// Execution contexts.
+//
+// A context is a multiton keyed by instance id. It owns one CEventList and one CTimerList;
+// whoever waits on that event list is the context's thread, and every callback of the
+// context (event, timer, directory watcher) runs there. Creating or acquiring a context
+// counts a reference; each one is balanced by releaseInstance(), and the last release
+// destroys the context with its lists. Create, acquire and release are safe from any thread.
+#pragma once
+
+class CEventList;
+class CTimerList;
+
+class CExecutionContext {
+public:
+    typedef unsigned int INSTANCE_ID;
+
+    // Creates the context of `id`, or takes a reference to the existing one. `context`
+    // receives it. Returns 0 or a failure code (context untouched then).
+    static long CreateMultitonInstance(CExecutionContext*& context, INSTANCE_ID id);
+    // Takes a reference to the existing context of `id`; null if there is none.
+    static CExecutionContext* acquireInstance(INSTANCE_ID id);
+    // Drops one reference; the last one destroys the context.
+    void releaseInstance();
+
+    CEventList* GetEventList() const { return m_pEventList; }
+    CTimerList* GetTimerList() const { return m_pTimerList; }
+    INSTANCE_ID GetInstanceId() const { return m_id; }
+
+    CExecutionContext(const CExecutionContext&) = delete;
+    CExecutionContext& operator=(const CExecutionContext&) = delete;
+
+private:
+    explicit CExecutionContext(INSTANCE_ID id);
+    ~CExecutionContext();
+
+    INSTANCE_ID m_id;
+    unsigned int m_references;
+    CEventList* m_pEventList;
+    CTimerList* m_pTimerList;
+
+    friend struct ContextRegistry;
+};

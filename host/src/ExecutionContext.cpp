@@ -1,0 +1,79 @@
+// Execution contexts: a process-wide registry of reference-counted contexts by instance id.
+#include "ExecutionContext.h"
+
+#include <map>
+#include <mutex>
+
+#include "EventList.h"
+#include "HostTestControl.h"
+#include "ResultCodes.h"
+#include "Timer.h"
+
+// The registry owns the contexts; a context leaves it (and is destroyed) with its last
+// reference. One mutex guards the map and every reference count.
+struct ContextRegistry {
+    std::mutex mutex;
+    std::map<CExecutionContext::INSTANCE_ID, CExecutionContext*> contexts;
+
+    static ContextRegistry& Get() {
+        // Never destroyed: contexts may be released by the host during process exit.
+        static ContextRegistry* registry = new ContextRegistry;
+        return *registry;
+    }
+
+    static CExecutionContext* Create(CExecutionContext::INSTANCE_ID id) {
+        return new CExecutionContext(id);
+    }
+    static void Destroy(CExecutionContext* context) { delete context; }
+};
+
+CExecutionContext::CExecutionContext(INSTANCE_ID id)
+    : m_id(id), m_references(0), m_pEventList(new CEventList), m_pTimerList(new CTimerList) {}
+
+CExecutionContext::~CExecutionContext() {
+    delete m_pTimerList;
+    delete m_pEventList;
+}
+
+long CExecutionContext::CreateMultitonInstance(CExecutionContext*& context, INSTANCE_ID id) {
+    long code = 0;
+    if (pwtest::TakeFault(pwtest::Fault::CreateExecutionContext, code)) {
+        return code;
+    }
+    ContextRegistry& registry = ContextRegistry::Get();
+    std::lock_guard<std::mutex> lock(registry.mutex);
+    CExecutionContext*& slot = registry.contexts[id];
+    if (slot == nullptr) {
+        slot = ContextRegistry::Create(id);
+    }
+    ++slot->m_references;
+    context = slot;
+    return pwresult::kSuccess;
+}
+
+CExecutionContext* CExecutionContext::acquireInstance(INSTANCE_ID id) {
+    long code = 0;
+    if (pwtest::TakeFault(pwtest::Fault::AcquireInstance, code)) {
+        return nullptr;
+    }
+    ContextRegistry& registry = ContextRegistry::Get();
+    std::lock_guard<std::mutex> lock(registry.mutex);
+    auto found = registry.contexts.find(id);
+    if (found == registry.contexts.end()) {
+        return nullptr;
+    }
+    ++found->second->m_references;
+    return found->second;
+}
+
+void CExecutionContext::releaseInstance() {
+    ContextRegistry& registry = ContextRegistry::Get();
+    {
+        std::lock_guard<std::mutex> lock(registry.mutex);
+        if (--m_references > 0) {
+            return;
+        }
+        registry.contexts.erase(m_id);
+    }
+    ContextRegistry::Destroy(this);
+}

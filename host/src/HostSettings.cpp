@@ -1,0 +1,215 @@
+// The host's own settings file and its application to the framework.
+#include "HostSettings.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <mutex>
+
+#include "AppLog.h"
+#include "HostClock.h"
+#include "HostLogInternal.h"
+#include "ResultCodes.h"
+#include "UniqueFd.h"
+
+namespace {
+
+const char kLogSource[] = "host/src/HostSettings";
+const size_t kMaxSettingsBytes = 1024u * 1024u;
+
+struct AppliedSettings {
+    std::mutex mutex;
+    pwhost::HostSettings settings;
+};
+
+AppliedSettings& Applied() {
+    static AppliedSettings* applied = new AppliedSettings;
+    return *applied;
+}
+
+std::string Trim(const std::string& text) {
+    const char* blanks = " \t\r\v\f";
+    size_t first = text.find_first_not_of(blanks);
+    if (first == std::string::npos) {
+        return std::string();
+    }
+    size_t last = text.find_last_not_of(blanks);
+    return text.substr(first, last - first + 1);
+}
+
+bool ParseSinks(const std::string& value, unsigned int& sinks) {
+    unsigned int parsed = 0;
+    size_t start = 0;
+    for (;;) {
+        size_t comma = value.find(',', start);
+        std::string name = Trim(
+            value.substr(start, comma == std::string::npos ? std::string::npos : comma - start));
+        if (name == "syslog") {
+            parsed |= CAppLog::SinkSyslog;
+        } else if (name == "stderr") {
+            parsed |= CAppLog::SinkStderr;
+        } else if (name == "file") {
+            parsed |= CAppLog::SinkFile;
+        } else {
+            return false;
+        }
+        if (comma == std::string::npos) {
+            break;
+        }
+        start = comma + 1;
+    }
+    sinks = parsed;
+    return true;
+}
+
+bool IsPort(const std::string& text) {
+    if (text.empty() || text.size() > 5 ||
+        text.find_first_not_of("0123456789") != std::string::npos) {
+        return false;
+    }
+    long port = strtol(text.c_str(), nullptr, 10);
+    return port >= 1 && port <= 65535;
+}
+
+// HOST:PORT:ADDR:PORT; ADDR may be a bracketed IPv6 address, which holds colons itself.
+bool IsConnectTo(const std::string& value) {
+    size_t hostEnd = value.find(':');
+    if (hostEnd == std::string::npos || hostEnd == 0) {
+        return false;
+    }
+    size_t portEnd = value.find(':', hostEnd + 1);
+    size_t lastColon = value.rfind(':');
+    if (portEnd == std::string::npos || lastColon <= portEnd + 1) {
+        return false;
+    }
+    return IsPort(value.substr(hostEnd + 1, portEnd - hostEnd - 1)) &&
+           IsPort(value.substr(lastColon + 1));
+}
+
+bool ParseScale(const std::string& value, double& scale) {
+    if (value.empty()) {
+        return false;
+    }
+    char* end = nullptr;
+    errno = 0;
+    double parsed = strtod(value.c_str(), &end);
+    if (errno != 0 || *end != '\0' || !std::isfinite(parsed) || !(parsed > 0.0)) {
+        return false;
+    }
+    scale = parsed;
+    return true;
+}
+
+// Applies one key and value; false when the value is not acceptable for the key.
+bool ApplyKey(const std::string& key, const std::string& value, pwhost::HostSettings& settings,
+              bool& known) {
+    known = true;
+    if (key == "log") {
+        return ParseSinks(value, settings.logSinks);
+    }
+    if (key == "log_file" || key == "ca_file") {
+        if (value.empty()) {
+            return false;
+        }
+        (key == "log_file" ? settings.logFile : settings.caFile) = value;
+        return true;
+    }
+    if (key == "connect_to") {
+        if (!IsConnectTo(value)) {
+            return false;
+        }
+        settings.connectTo = value;
+        return true;
+    }
+    if (key == "time_scale") {
+        return ParseScale(value, settings.timeScale);
+    }
+    known = false;
+    return false;
+}
+
+}  // namespace
+
+namespace pwhost {
+
+bool LoadHostSettings(const std::string& path, HostSettings& settings) {
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.Valid()) {
+        int error = errno;
+        CAppLog::LogReturnCode(__func__, kLogSource, __LINE__, CAppLog::Error, "open",
+                               pwresult::kFailure, "%s: %s", path.c_str(),
+                               ErrnoText(error).c_str());
+        return false;
+    }
+    std::string content;
+    int read = ReadAll(fd.Get(), content, kMaxSettingsBytes);
+    if (read < 0) {
+        int error = errno;
+        CAppLog::LogReturnCode(__func__, kLogSource, __LINE__, CAppLog::Error, "read",
+                               pwresult::kFailure, "%s: %s", path.c_str(),
+                               ErrnoText(error).c_str());
+        return false;
+    }
+    if (read > 0) {
+        PWHOST_LOG(CAppLog::Error, "%s: larger than %zu bytes", path.c_str(), kMaxSettingsBytes);
+        return false;
+    }
+    unsigned int lineNumber = 0;
+    size_t start = 0;
+    while (start < content.size()) {
+        size_t newline = content.find('\n', start);
+        size_t end = newline == std::string::npos ? content.size() : newline;
+        std::string line = Trim(content.substr(start, end - start));
+        start = end + 1;
+        ++lineNumber;
+        if (line.empty() || line[0] == '#') {
+            continue;
+        }
+        size_t equals = line.find('=');
+        if (equals == std::string::npos) {
+            PWHOST_LOG(CAppLog::Warning, "%s:%u: no \"=\", line skipped", path.c_str(), lineNumber);
+            continue;
+        }
+        std::string key = Trim(line.substr(0, equals));
+        std::string value = Trim(line.substr(equals + 1));
+        bool known = false;
+        if (!ApplyKey(key, value, settings, known)) {
+            if (known) {
+                PWHOST_LOG(CAppLog::Warning, "%s:%u: bad value \"%s\" for %s, skipped",
+                           path.c_str(), lineNumber, value.c_str(), key.c_str());
+            } else {
+                PWHOST_LOG(CAppLog::Warning, "%s:%u: unknown key \"%s\", skipped", path.c_str(),
+                           lineNumber, key.c_str());
+            }
+        }
+    }
+    return true;
+}
+
+void ApplyHostSettings(const HostSettings& settings) {
+    if (settings.logSinks != 0) {
+        if ((settings.logSinks & CAppLog::SinkFile) && settings.logFile.empty()) {
+            PWHOST_LOG(CAppLog::Warning, "file log requested without log_file");
+        }
+        // The capture sink belongs to the tests that turned it on.
+        unsigned int keep = CAppLog::ConfiguredSinks() & CAppLog::SinkCapture;
+        CAppLog::ConfigureSinks(settings.logSinks | keep, settings.logFile);
+    }
+    // A manual clock belongs to the tests that set it; otherwise the scale applies.
+    if (!ClockIsManual()) {
+        UseScaledClock(settings.timeScale);
+    }
+    AppliedSettings& applied = Applied();
+    std::lock_guard<std::mutex> lock(applied.mutex);
+    applied.settings = settings;
+}
+
+HostSettings CurrentHostSettings() {
+    AppliedSettings& applied = Applied();
+    std::lock_guard<std::mutex> lock(applied.mutex);
+    return applied.settings;
+}
+
+}  // namespace pwhost

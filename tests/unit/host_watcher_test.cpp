@@ -1,0 +1,175 @@
+// Directory watcher: changes reach the callback through the context's wait.
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "EventList.h"
+#include "ExecutionContext.h"
+#include "FileSystemWatcher.h"
+#include "HostTestControl.h"
+#include "ResultCodes.h"
+#include "TestSupport.h"
+
+namespace {
+
+const CExecutionContext::INSTANCE_ID kContextId = 911;
+const unsigned int kThreatMask = 0x1C6;  // modify, attrib, moved from/to, create
+
+struct Seen {
+    std::vector<int> events;
+    void* context = nullptr;
+};
+
+void Record(void* context, int event) {
+    Seen* seen = static_cast<Seen*>(context);
+    seen->events.push_back(event);
+    seen->context = context;
+}
+
+class WatcherTest : public pwtest::HostFixture {
+protected:
+    void SetUp() override {
+        HostFixture::SetUp();
+        ASSERT_EQ(CExecutionContext::CreateMultitonInstance(m_context, kContextId),
+                  pwresult::kSuccess);
+        m_watched = m_dir / "watched";
+        ASSERT_EQ(mkdir(m_watched.c_str(), 0755), 0);
+    }
+    void TearDown() override {
+        m_watcher.reset();
+        m_context->releaseInstance();
+        HostFixture::TearDown();
+    }
+    void Watch(unsigned int mask) {
+        long result = -1;
+        m_watcher.reset(
+            new CFileSystemWatcher(result, kContextId, Record, &m_seen, m_watched, mask));
+        ASSERT_EQ(result, pwresult::kSuccess);
+        ASSERT_TRUE(m_watcher->IsWatchStillValid());
+    }
+    // inotify queues events before the file-system call returns: a zero wait sees them.
+    long Pump() { return m_context->GetEventList()->WaitOnEvents(0, true); }
+
+    pwtest::TempDir m_dir;
+    std::string m_watched;
+    CExecutionContext* m_context = nullptr;
+    Seen m_seen;
+    std::unique_ptr<CFileSystemWatcher> m_watcher;
+};
+
+struct ChangeCase {
+    const char* name;
+    std::function<void(const std::string& watched, const std::string& outside)> change;
+    int expectedBits;
+};
+
+TEST_F(WatcherTest, EachBatchOfChangesReachesTheCallbackOnce) {
+    const ChangeCase cases[] = {
+        {"create",
+         [](const std::string& w, const std::string&) { pwtest::WriteFile(w + "/new", ""); },
+         IN_CREATE},
+        {"modify",
+         [](const std::string& w, const std::string&) { pwtest::WriteFile(w + "/new", "more"); },
+         IN_MODIFY},
+        {"move out",
+         [](const std::string& w, const std::string& o) {
+             rename((w + "/new").c_str(), (o + "/moved").c_str());
+         },
+         IN_MOVED_FROM},
+        {"move in",
+         [](const std::string& w, const std::string& o) {
+             rename((o + "/moved").c_str(), (w + "/back").c_str());
+         },
+         IN_MOVED_TO},
+        {"several files in one batch",
+         [](const std::string& w, const std::string&) {
+             pwtest::WriteFile(w + "/a", "1");
+             pwtest::WriteFile(w + "/b", "2");
+         },
+         IN_CREATE | IN_MODIFY},
+    };
+    Watch(kThreatMask);
+    for (const ChangeCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        m_seen.events.clear();
+        c.change(m_watched, m_dir.path());
+        EXPECT_EQ(Pump(), pwresult::kSuccess);
+        ASSERT_EQ(m_seen.events.size(), 1u);
+        EXPECT_EQ(m_seen.events[0] & c.expectedBits, c.expectedBits);
+        EXPECT_EQ(m_seen.context, &m_seen);
+        EXPECT_EQ(Pump(), pwresult::kWaitTimedOut);
+    }
+    EXPECT_TRUE(m_watcher->IsWatchStillValid());
+}
+
+TEST_F(WatcherTest, EventsOutsideTheMaskAreNotReported) {
+    pwtest::WriteFile(m_watched + "/existing", "");
+    Watch(IN_CREATE);
+    pwtest::WriteFile(m_watched + "/existing", "changed");
+    Pump();
+    EXPECT_TRUE(m_seen.events.empty());
+}
+
+TEST_F(WatcherTest, RemovingOrMovingTheDirectoryEndsTheWatch) {
+    for (bool remove : {true, false}) {
+        SCOPED_TRACE(remove ? "removed" : "moved away");
+        if (!remove) {
+            ASSERT_EQ(mkdir(m_watched.c_str(), 0755), 0);
+        }
+        Watch(kThreatMask);
+        if (remove) {
+            ASSERT_EQ(rmdir(m_watched.c_str()), 0);
+        } else {
+            ASSERT_EQ(rename(m_watched.c_str(), (m_dir / "elsewhere").c_str()), 0);
+        }
+        Pump();
+        EXPECT_FALSE(m_watcher->IsWatchStillValid());
+    }
+}
+
+TEST_F(WatcherTest, WatcherThatCannotStartIsInert) {
+    ASSERT_TRUE(pwtest::WriteFile(m_dir / "file", ""));
+    struct Case {
+        const char* name;
+        CExecutionContext::INSTANCE_ID context;
+        CFileSystemWatcher::Callback callback;
+        std::string directory;
+        long expected;
+    };
+    const Case cases[] = {
+        {"missing directory", kContextId, Record, m_dir / "missing", pwresult::kWatcherError},
+        {"a file, not a directory", kContextId, Record, m_dir / "file", pwresult::kWatcherError},
+        {"no such context", kContextId + 1, Record, m_watched, pwresult::kContextUnavailable},
+        {"no callback", kContextId, nullptr, m_watched, pwresult::kNullCallback},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        long result = 0;
+        CFileSystemWatcher watcher(result, c.context, c.callback, &m_seen, c.directory,
+                                   kThreatMask);
+        EXPECT_EQ(result, c.expected);
+        EXPECT_FALSE(watcher.IsWatchStillValid());
+    }
+    EXPECT_EQ(CExecutionContext::acquireInstance(kContextId + 1), nullptr);
+}
+
+TEST_F(WatcherTest, WatcherHoldsItsContextUntilDestroyed) {
+    Watch(kThreatMask);
+    m_context->releaseInstance();
+    CExecutionContext* held = CExecutionContext::acquireInstance(kContextId);
+    ASSERT_EQ(held, m_context);
+    held->releaseInstance();
+    m_watcher.reset();
+    EXPECT_EQ(CExecutionContext::acquireInstance(kContextId), nullptr);
+    // TearDown releases once more: take the reference it expects.
+    ASSERT_EQ(CExecutionContext::CreateMultitonInstance(m_context, kContextId), pwresult::kSuccess);
+}
+
+}  // namespace

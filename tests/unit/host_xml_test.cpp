@@ -1,0 +1,155 @@
+// The XML reader: what a handler sees, in which order, and how bad documents fail.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "AppLog.h"
+#include "HostTestControl.h"
+#include "ResultCodes.h"
+#include "TestSupport.h"
+#include "XmlParser.h"
+
+namespace {
+
+class TraceHandler : public XmlMgr {
+public:
+    void addElement(const std::string& name) override { trace.push_back("<" + name); }
+    void endElement(const std::string& name) override { trace.push_back(name + ">"); }
+    void setElementValue(const std::string& value) override { trace.push_back("=" + value); }
+    void addAttribute(const std::string& name, const std::string& value) override {
+        trace.push_back("@" + name + "=" + value);
+    }
+    std::vector<std::string> trace;
+};
+
+class XmlParserTest : public pwtest::HostFixture {
+protected:
+    long ParseFile(const std::string& content, TraceHandler& handler) {
+        const std::string path = m_dir / "doc.xml";
+        EXPECT_TRUE(pwtest::WriteFile(path, content));
+        XmlParser parser(&handler);
+        return parser.parseFile(path, false);
+    }
+    pwtest::TempDir m_dir;
+};
+
+struct DeliveryCase {
+    const char* name;
+    const char* document;
+    std::vector<std::string> trace;
+};
+
+TEST_F(XmlParserTest, DeliversEachElementsTextOnceInDocumentOrder) {
+    const DeliveryCase cases[] = {
+        {"plain", "<a>x</a>", {"<a", "=x", "a>"}},
+        {"no text", "<a></a>", {"<a", "a>"}},
+        {"attributes in order", "<a k=\"1\" j='2'/>", {"<a", "@k=1", "@j=2", "a>"}},
+        {"mixed: text after a child belongs to no element",
+         "<a>x<b>y</b>z</a>",
+         {"<a", "=x", "<b", "=y", "b>", "=z", "a>"}},
+        {"nested siblings",
+         "<r>\n <a>1</a>\n <b>2</b>\n</r>",
+         {"<r", "=\n ", "<a", "=1", "a>", "=\n ", "<b", "=2", "b>", "=\n", "r>"}},
+        {"entities, character references and CDATA make one text",
+         "<a>1&amp;2&#65;<![CDATA[<3>]]>4</a>",
+         {"<a", "=1&2A<3>4", "a>"}},
+        {"a comment does not split the text", "<a>1<!-- c -->2</a>", {"<a", "=12", "a>"}},
+        {"internal entity", "<!DOCTYPE a [<!ENTITY e \"ee\">]><a>&e;</a>", {"<a", "=ee", "a>"}},
+        {"external entity is not loaded",
+         "<!DOCTYPE a [<!ENTITY x SYSTEM \"file:///etc/passwd\">]><a>[&x;]</a>",
+         {"<a", "=[]", "a>"}},
+        {"declaration and surrounding white space",
+         "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<a>v</a>\n",
+         {"<a", "=v", "a>"}},
+    };
+    for (const DeliveryCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        TraceHandler fromFile;
+        EXPECT_EQ(ParseFile(c.document, fromFile), pwresult::kSuccess);
+        EXPECT_EQ(fromFile.trace, c.trace);
+        TraceHandler fromString;
+        XmlParser parser(&fromString);
+        EXPECT_EQ(parser.parseString(c.document), pwresult::kSuccess);
+        EXPECT_EQ(fromString.trace, c.trace);
+    }
+}
+
+std::string BillionLaughs() {
+    std::string doc = "<?xml version=\"1.0\"?><!DOCTYPE lolz [<!ENTITY lol0 \"lol\">";
+    for (int i = 1; i < 10; ++i) {
+        doc += "<!ENTITY lol" + std::to_string(i) + " \"";
+        for (int j = 0; j < 10; ++j) {
+            doc += "&lol" + std::to_string(i - 1) + ";";
+        }
+        doc += "\">";
+    }
+    return doc + "]><lolz>&lol9;</lolz>";
+}
+
+// One 40 KiB entity referenced 20000 times: about 800 MB if expanded.
+std::string QuadraticBlowup() {
+    std::string doc = "<!DOCTYPE a [<!ENTITY big \"" + std::string(40000, 'x') + "\">]><a>";
+    for (int i = 0; i < 20000; ++i) {
+        doc += "&big;";
+    }
+    return doc + "</a>";
+}
+
+struct FailureCase {
+    const char* name;
+    std::string document;
+    long expected;
+};
+
+TEST_F(XmlParserTest, BadDocumentsFailWithALogLine) {
+    const FailureCase cases[] = {
+        {"empty", "", pwresult::kXmlParseError},
+        {"white space only", " \n\t", pwresult::kXmlParseError},
+        {"truncated", "<Feedback><ServiceDisable>true</Service", pwresult::kXmlParseError},
+        {"unclosed root", "<a><b>x</b>", pwresult::kXmlParseError},
+        {"mismatched tags", "<a><b></a></b>", pwresult::kXmlParseError},
+        {"not XML", "ServiceDisable: true\n", pwresult::kXmlParseError},
+        {"binary", std::string("\x00\x01\x02\xff\xfe<a>\x00</a>", 12), pwresult::kXmlParseError},
+        {"two roots", "<a/><b/>", pwresult::kXmlParseError},
+        {"undefined entity", "<a>&nope;</a>", pwresult::kXmlParseError},
+        {"billion laughs", BillionLaughs(), pwresult::kXmlParseError},
+        {"quadratic blow-up", QuadraticBlowup(), pwresult::kXmlParseError},
+        {"over the size limit", "<a>" + std::string(XmlParser::kMaxDocumentBytes, 'x') + "</a>",
+         pwresult::kXmlTooLarge},
+    };
+    for (const FailureCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        pwtest::ClearCapturedLogs();
+        TraceHandler handler;
+        const std::string path = m_dir / "bad.xml";
+        ASSERT_TRUE(pwtest::WriteFile(path, c.document));
+        XmlParser parser(&handler);
+        EXPECT_EQ(parser.parseFile(path, false), c.expected);
+        EXPECT_FALSE(parser.lastError().empty());
+        std::vector<pwtest::LogRecord> logs = pwtest::CapturedLogs();
+        ASSERT_EQ(logs.size(), 1u) << DumpLog();
+        EXPECT_EQ(logs[0].importance, CAppLog::Error);
+        EXPECT_EQ(logs[0].sourceFile, "host/src/XmlParser");
+        EXPECT_EQ(XmlParser(&handler).parseString(c.document), c.expected);
+    }
+}
+
+TEST_F(XmlParserTest, UnreadableFilesAreFileErrors) {
+    TraceHandler handler;
+    XmlParser parser(&handler);
+    EXPECT_EQ(parser.parseFile(m_dir / "missing.xml", false), pwresult::kXmlFileError);
+    EXPECT_EQ(parser.parseFile(m_dir.path(), false), pwresult::kXmlFileError);
+    EXPECT_TRUE(handler.trace.empty());
+}
+
+TEST_F(XmlParserTest, MegabyteOfElementTextArrivesInOneCall) {
+    const std::string text(1024 * 1024, 'q');
+    TraceHandler handler;
+    ASSERT_EQ(ParseFile("<Feedback><CustomerID>" + text + "</CustomerID></Feedback>", handler),
+              pwresult::kSuccess);
+    ASSERT_EQ(handler.trace.size(), 5u);
+    EXPECT_EQ(handler.trace[2], "=" + text);
+}
+
+}  // namespace
