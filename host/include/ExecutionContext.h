@@ -5,9 +5,16 @@
 // context (event, timer, directory watcher) runs there. Creating or acquiring a context
 // counts a reference; each one is balanced by releaseInstance(), and the last release
 // destroys the context with its lists. Create, acquire and release are safe from any thread.
+//
+// Directory watchers belong to their context: a watcher that its creator never destroys is
+// destroyed by the framework as soon as the watchers are the only users left of their
+// context, so that no callback can reach an owner that is gone.
 #pragma once
 
+#include <vector>
+
 class CEventList;
+class CFileSystemWatcher;
 class CTimerList;
 
 class CExecutionContext {
@@ -37,6 +44,13 @@ private:
     unsigned int m_references;
     CEventList* m_pEventList;
     CTimerList* m_pTimerList;
+    // Watchers holding a reference to this context.
+    std::vector<CFileSystemWatcher*> m_watchers;
 
     friend struct ContextRegistry;
+    friend class CFileSystemWatcher;
+    // Acquires the context of `id` on behalf of `watcher`; null if there is none.
+    static CExecutionContext* AcquireForWatcher(INSTANCE_ID id, CFileSystemWatcher* watcher);
+    // Drops the watcher's reference (the watcher is going away).
+    void ReleaseForWatcher(CFileSystemWatcher* watcher);
 };

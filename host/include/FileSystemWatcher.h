@@ -3,7 +3,9 @@
 // Watches one directory with the caller's inotify mask. Its descriptor joins the event
 // list of the given execution context, so the callback runs on that context's thread
 // (inside CEventList::WaitOnEvents). IsWatchStillValid() turns false once the watched
-// directory is deleted or moved away. Construct and destroy on the context's thread.
+// directory is deleted or moved away. Construct and destroy on the context's thread. A
+// watcher that its creator leaves behind is destroyed by the framework once nothing but
+// watchers uses its context (see ExecutionContext.h).
 #pragma once
 
 #include <string>

@@ -1,10 +1,12 @@
 // Execution contexts: a process-wide registry of reference-counted contexts by instance id.
 #include "ExecutionContext.h"
 
+#include <algorithm>
 #include <map>
 #include <mutex>
 
 #include "EventList.h"
+#include "FileSystemWatcher.h"
 #include "HostTestControl.h"
 #include "ResultCodes.h"
 #include "Timer.h"
@@ -68,12 +70,43 @@ CExecutionContext* CExecutionContext::acquireInstance(INSTANCE_ID id) {
 
 void CExecutionContext::releaseInstance() {
     ContextRegistry& registry = ContextRegistry::Get();
+    std::vector<CFileSystemWatcher*> orphans;
     {
         std::lock_guard<std::mutex> lock(registry.mutex);
         if (--m_references > 0) {
-            return;
+            if (m_references != m_watchers.size()) {
+                return;
+            }
+            // Only watchers use the context now: nobody can destroy them any more.
+            orphans.swap(m_watchers);
+        } else {
+            registry.contexts.erase(m_id);
         }
-        registry.contexts.erase(m_id);
+    }
+    if (!orphans.empty()) {
+        for (CFileSystemWatcher* watcher : orphans) {
+            delete watcher;  // the last one's release destroys the context
+        }
+        return;
     }
     ContextRegistry::Destroy(this);
+}
+
+CExecutionContext* CExecutionContext::AcquireForWatcher(INSTANCE_ID id,
+                                                        CFileSystemWatcher* watcher) {
+    CExecutionContext* context = acquireInstance(id);
+    if (context != nullptr) {
+        std::lock_guard<std::mutex> lock(ContextRegistry::Get().mutex);
+        context->m_watchers.push_back(watcher);
+    }
+    return context;
+}
+
+void CExecutionContext::ReleaseForWatcher(CFileSystemWatcher* watcher) {
+    {
+        std::lock_guard<std::mutex> lock(ContextRegistry::Get().mutex);
+        m_watchers.erase(std::remove(m_watchers.begin(), m_watchers.end(), watcher),
+                         m_watchers.end());
+    }
+    releaseInstance();
 }

@@ -33,7 +33,7 @@ CFileSystemWatcher::CFileSystemWatcher(long& result, CExecutionContext::INSTANCE
         result = pwresult::kNullCallback;
         return;
     }
-    m_pExecutionContext = CExecutionContext::acquireInstance(contextId);
+    m_pExecutionContext = CExecutionContext::AcquireForWatcher(contextId, this);
     if (m_pExecutionContext == nullptr) {
         result = pwresult::kContextUnavailable;
         PWHOST_LOG(CAppLog::Error, "no execution context %u", contextId);
@@ -81,8 +81,9 @@ void CFileSystemWatcher::Release() {
         m_wd = -1;
     }
     if (m_pExecutionContext != nullptr) {
-        m_pExecutionContext->releaseInstance();
+        CExecutionContext* context = m_pExecutionContext;
         m_pExecutionContext = nullptr;
+        context->ReleaseForWatcher(this);
     }
     m_bValid = false;
 }

@@ -160,13 +160,16 @@ TEST_F(WatcherTest, WatcherThatCannotStartIsInert) {
     EXPECT_EQ(CExecutionContext::acquireInstance(kContextId + 1), nullptr);
 }
 
-TEST_F(WatcherTest, WatcherHoldsItsContextUntilDestroyed) {
+TEST_F(WatcherTest, WatcherLeftBehindGoesWithTheLastOtherUserOfItsContext) {
     Watch(kThreatMask);
+    CFileSystemWatcher* leftBehind = m_watcher.release();
+    (void)leftBehind;  // destroyed by the framework, never by the test
+    CExecutionContext* other = CExecutionContext::acquireInstance(kContextId);
+    ASSERT_EQ(other, m_context);
+    other->releaseInstance();  // the fixture's reference still keeps it
+    ASSERT_EQ(CExecutionContext::acquireInstance(kContextId), m_context);
     m_context->releaseInstance();
-    CExecutionContext* held = CExecutionContext::acquireInstance(kContextId);
-    ASSERT_EQ(held, m_context);
-    held->releaseInstance();
-    m_watcher.reset();
+    m_context->releaseInstance();  // now only the watcher uses it: both go
     EXPECT_EQ(CExecutionContext::acquireInstance(kContextId), nullptr);
     // TearDown releases once more: take the reference it expects.
     ASSERT_EQ(CExecutionContext::CreateMultitonInstance(m_context, kContextId), pwresult::kSuccess);

@@ -1,0 +1,106 @@
+// Exported entry points and the feedback plug-in object.
+#define PH_LOG_SOURCE "vpn/PhoneHome/PhoneHomePluginImp"
+
+#include "PhoneHomePluginImp.h"
+
+#include <cstring>
+
+#include "PhoneHomeAgent.h"
+#include "PhoneHomeLog.h"
+
+extern "C" {
+
+const PluginInterface g_AvailableInterfaces[2] = {
+    {PHONEHOME_PLUGIN_INTERFACE_NAME, 1},
+    {COMPONENT_STATUS_INTERFACE_NAME, 1},
+};
+
+Plugin* CreatePlugin(const char* interfaceName) {
+    if (interfaceName == nullptr) {
+        return nullptr;
+    }
+    if (strcmp(interfaceName, PHONEHOME_PLUGIN_INTERFACE_NAME) == 0) {
+        long result = 0;
+        CPhoneHomePlugin* plugin = new CPhoneHomePlugin(result);
+        if (result != 0) {
+            PH_LOG_RC(PH_WARNING, "CreatePlugin", result);
+            delete static_cast<Plugin*>(plugin);
+            return nullptr;
+        }
+        return plugin;
+    }
+    if (strcmp(interfaceName, COMPONENT_STATUS_INTERFACE_NAME) == 0) {
+        return new CPhoneHomeStatus();
+    }
+    return nullptr;
+}
+
+bool DisposePlugin(Plugin* plugin) {
+    delete plugin;
+    return true;
+}
+
+PluginInterfaceList GetAvailableInterfaces() {
+    PluginInterfaceList list;
+    list.interfaces = g_AvailableInterfaces;
+    list.count = 2;
+    return list;
+}
+
+}  // extern "C"
+
+CPhoneHomePlugin::CPhoneHomePlugin(long& result)
+    : m_pPhoneHomePluginCB(nullptr), m_bRunning(false), m_pPhoneHomeAgent(nullptr) {
+    m_pPhoneHomeAgent = new CPhoneHomeAgent(result, *this);
+}
+
+CPhoneHomePlugin::~CPhoneHomePlugin() {
+    if (m_pPhoneHomeAgent != nullptr) {
+        m_pPhoneHomeAgent->Stop();
+        delete m_pPhoneHomeAgent;
+        m_pPhoneHomeAgent = nullptr;
+    }
+}
+
+bool CPhoneHomePlugin::SupportsInterface(const char* name, unsigned int version) {
+    return name != nullptr && strcmp(name, PHONEHOME_PLUGIN_INTERFACE_NAME) == 0 && version == 1;
+}
+
+long CPhoneHomePlugin::StartPhoneHome() {
+    if (m_pPhoneHomeAgent == nullptr) {
+        return 0;
+    }
+    m_bRunning = true;
+    m_pPhoneHomeAgent->Start();
+    m_bRunning = false;
+    return 0;
+}
+
+long CPhoneHomePlugin::StopPhoneHome() {
+    m_bRunning = false;
+    m_pPhoneHomeAgent->Stop();
+    return 0;
+}
+
+long CPhoneHomePlugin::IsPhoneHomeRunning() { return m_bRunning ? 0 : pwresult::kFailure; }
+
+long CPhoneHomePlugin::PluginDirChanged() {
+    if (!m_bRunning) {
+        return pwresult::kFailure;
+    }
+    m_pPhoneHomeAgent->FireDelayGetThreatReportDirTimer();
+    return 0;
+}
+
+long CPhoneHomePlugin::SetPhoneHomePluginCB(IPhoneHomePluginCB* callback) {
+    if (callback == nullptr) {
+        return pwresult::kNullCallback;
+    }
+    m_pPhoneHomePluginCB = callback;
+    return 0;
+}
+
+long CPhoneHomePlugin::UnSetPhoneHomePluginCB() {
+    m_pPhoneHomePluginCB = nullptr;
+    return 0;
+}
