@@ -1,0 +1,301 @@
+// The file binding of the bencode library: CBencodeStream's load and flush under an
+// exclusive, non-blocking flock, and the file members of the list and the dictionary.
+//
+// Each load or flush opens, locks, transfers once, unlocks and closes; nothing stays open
+// between calls. Staging mode never overwrites an existing main file: the data goes to the
+// main file's ".temp" sibling instead, and the container keeps it until the main file has
+// been taken away.
+#include "Bencode.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <new>
+
+#include "BencodeLog.h"
+
+namespace {
+
+const char kTempSuffix[] = ".temp";
+
+// Owns one descriptor.
+class CFileDescriptor {
+public:
+    explicit CFileDescriptor(int fd) : m_fd(fd) {}
+    ~CFileDescriptor() { Close(); }
+    CFileDescriptor(CFileDescriptor const&) = delete;
+    CFileDescriptor& operator=(CFileDescriptor const&) = delete;
+
+    int Get() const { return m_fd; }
+    bool Valid() const { return m_fd >= 0; }
+    void Reset(int fd) {
+        Close();
+        m_fd = fd;
+    }
+    void Close() {
+        if (m_fd >= 0) {
+            close(m_fd);
+            m_fd = -1;
+        }
+    }
+
+private:
+    int m_fd;
+};
+
+}  // namespace
+
+CBencodeStream::CBencodeStream(std::string const& fileName, bool useTempFile)
+    : m_capacity(0),
+      m_size(0),
+      m_readPos(0),
+      m_writePos(0),
+      m_state(0),
+      m_fileName(fileName),
+      m_useTempFile(useTempFile) {}
+
+CBencodeStream::~CBencodeStream() {}
+
+void CBencodeStream::ResetStream() {
+    m_data.reset();
+    m_capacity = 0;
+    m_size = 0;
+    m_readPos = 0;
+    m_writePos = 0;
+}
+
+// Whether the file exists is judged by errno alone, as left by the read-only open (errno is
+// not cleared beforehand). A missing file is created empty, so that loading it succeeds.
+int CBencodeStream::LoadStream() {
+    std::string path = m_fileName;
+    if (m_useTempFile) {
+        path += kTempSuffix;
+    }
+
+    CFileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (errno == ENOENT) {
+        file.Reset(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, sm_fileCreationMode));
+        if (!file.Valid()) {
+            BENCODE_LOG_CODE("open", errno, "File open failed");
+            return eBencodeFileError;
+        }
+        file.Reset(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!file.Valid()) {
+            BENCODE_LOG_CODE("open", errno, "File open failed");
+            return eBencodeFileError;
+        }
+    } else if (errno != 0) {
+        BENCODE_LOG_CODE("open", errno, "File open failed");
+        return eBencodeFileError;
+    }
+
+    if (flock(file.Get(), LOCK_EX | LOCK_NB) != 0) {
+        BENCODE_LOG_CODE("flock", errno, "Failed to acquire file lock");
+        return eBencodeLockError;
+    }
+
+    struct stat status;
+    if (fstat(file.Get(), &status) != 0) {
+        BENCODE_LOG_CODE("fstat", errno, "Failed to get file size");
+        flock(file.Get(), LOCK_UN);
+        return eBencodeFileError;
+    }
+    if (status.st_size > static_cast<off_t>(MAX_BENCODE_FILE_SIZE)) {
+        BENCODE_LOG_ERROR("File size exceeds maximum limit");
+        flock(file.Get(), LOCK_UN);
+        return eBencodeInvalidData;
+    }
+
+    size_t size = static_cast<size_t>(status.st_size);
+    std::unique_ptr<char[]> data(new (std::nothrow) char[size + 1]);
+    if (!data) {
+        BENCODE_LOG_CODE("read", ENOMEM, "File read failed");
+        flock(file.Get(), LOCK_UN);
+        return eBencodeFileError;
+    }
+    ssize_t count = read(file.Get(), data.get(), size);
+    int readError = errno;
+
+    if (flock(file.Get(), LOCK_UN) != 0) {
+        BENCODE_LOG_CODE("flock", errno, "Failed to release file lock");
+    }
+    if (count < 0 || static_cast<size_t>(count) < size) {
+        file.Close();
+        BENCODE_LOG_CODE("read", readError, "File read failed");
+        return eBencodeFileError;
+    }
+    file.Close();
+
+    // The content ends at the first NUL byte, if any.
+    data[size] = '\0';
+    char const* nul = static_cast<char const*>(memchr(data.get(), 0, size));
+    m_size = nul != nullptr ? static_cast<size_t>(nul - data.get()) : size;
+    m_data = std::move(data);
+    m_capacity = size + 1;
+    m_readPos = 0;
+    m_writePos = 0;
+    return eBencodeSuccess;
+}
+
+// Writes the whole content (up to the furthest byte loaded or written). In staging mode
+// the main file is created exclusively; if it already exists (judged by errno alone, not
+// cleared beforehand) the data goes to the ".temp" file instead. The open truncates before
+// the lock is taken.
+int CBencodeStream::FlushStream(bool& stagedInTempFile) {
+    stagedInTempFile = false;
+    const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
+
+    CFileDescriptor file(-1);
+    bool toTempFile = false;
+    if (!m_useTempFile) {
+        file.Reset(open(m_fileName.c_str(), flags, sm_fileCreationMode));
+    } else {
+        file.Reset(open(m_fileName.c_str(), flags | O_EXCL, sm_fileCreationMode));
+        if (errno == EEXIST) {
+            toTempFile = true;
+            file.Reset(open((m_fileName + kTempSuffix).c_str(), flags, sm_fileCreationMode));
+        }
+    }
+    if (!file.Valid()) {
+        BENCODE_LOG_CODE("open", errno, "File open failed");
+        return eBencodeFileError;
+    }
+
+    if (flock(file.Get(), LOCK_EX | LOCK_NB) != 0) {
+        BENCODE_LOG_CODE("flock", errno, "Failed to acquire file lock");
+        return eBencodeFileError;
+    }
+    static const char kNothing = 0;
+    ssize_t written = write(file.Get(), m_size != 0 ? m_data.get() : &kNothing, m_size);
+    flock(file.Get(), LOCK_UN);
+    file.Close();
+
+    if (written < 0 || static_cast<size_t>(written) != m_size) {
+        BENCODE_LOG_ERROR("File write failed");
+        return eBencodeFileError;
+    }
+    stagedInTempFile = toTempFile;
+    return eBencodeSuccess;
+}
+
+// ---------------------------------------------------------------------------------------
+// File members of the containers
+// ---------------------------------------------------------------------------------------
+
+namespace {
+
+// Serialises `container` over the start of its stream's buffer: the write position goes
+// back to the start, or, when the state bits refuse that (for example after loading an
+// empty file), the bits are cleared instead.
+template <typename Container>
+bool SerialiseIntoStream(Container& container, CBencodeStream& stream) {
+    if (!stream.Seekp(0, std::ios_base::beg)) {
+        stream.Clear();
+    }
+    return container.Externalize(stream);
+}
+
+}  // namespace
+
+CBencodeList::CBencodeList(std::string const& fileName, EBencodeResult& result, bool useTempFile)
+    : CBencode(eBencodeList), m_stream(nullptr), m_useTempFile(useTempFile) {
+    m_stream = new CBencodeStream(fileName, useTempFile);
+    result = Internalize();
+    if (result != eBencodeSuccess) {
+        BENCODE_LOG_CODE("Internalize", result, "CBencodeList Internalize failed");
+        Reset();
+    }
+}
+
+EBencodeResult CBencodeList::Internalize() {
+    if (m_stream == nullptr) {
+        return eBencodeStreamNotSet;
+    }
+    int loaded = m_stream->LoadStream();
+    if (loaded != eBencodeSuccess) {
+        return static_cast<EBencodeResult>(loaded);
+    }
+    return Internalize(*m_stream) ? eBencodeSuccess : eBencodeInvalidData;
+}
+
+// After a write into the main file in staging mode the list is emptied: what was handed
+// over is dropped. The buffer is emptied in every case.
+EBencodeResult CBencodeList::Externalize() {
+    if (m_stream == nullptr) {
+        BENCODE_LOG_ERROR("Bencode stream should be set before calling Externalize");
+        return eBencodeStreamNotSet;
+    }
+    EBencodeResult result = eBencodeFileError;
+    if (SerialiseIntoStream(*this, *m_stream)) {
+        bool staged = false;
+        result = static_cast<EBencodeResult>(m_stream->FlushStream(staged));
+        if (result != eBencodeSuccess) {
+            BENCODE_LOG_CODE("FlushStream", result, "Failed to flush stream to the file");
+        } else if (m_useTempFile && !staged) {
+            Reset();
+        }
+    }
+    m_stream->ResetStream();
+    return result;
+}
+
+void CBencodeList::SetBencodeFileName(std::string const& fileName) {
+    if (m_stream != nullptr) {
+        m_stream->SetFileName(fileName);
+    } else {
+        m_stream = new CBencodeStream(fileName, m_useTempFile);
+    }
+}
+
+CBencodeDictionary::CBencodeDictionary(std::string const& fileName, EBencodeResult& result,
+                                       bool useTempFile)
+    : CBencode(eBencodeDictionary), m_stream(nullptr), m_useTempFile(useTempFile) {
+    m_stream = new CBencodeStream(fileName, useTempFile);
+    result = Internalize();
+    if (result != eBencodeSuccess) {
+        BENCODE_LOG_CODE("Internalize", result, "Bencode dictionary internalize failed");
+        Reset();
+    }
+}
+
+EBencodeResult CBencodeDictionary::Internalize() {
+    if (m_stream == nullptr) {
+        return eBencodeStreamNotSet;
+    }
+    int loaded = m_stream->LoadStream();
+    if (loaded != eBencodeSuccess) {
+        return static_cast<EBencodeResult>(loaded);
+    }
+    return Internalize(*m_stream) ? eBencodeSuccess : eBencodeInvalidData;
+}
+
+// As the list's, except that a dictionary without a stream fails silently.
+EBencodeResult CBencodeDictionary::Externalize() {
+    if (m_stream == nullptr) {
+        return eBencodeStreamNotSet;
+    }
+    EBencodeResult result = eBencodeFileError;
+    if (SerialiseIntoStream(*this, *m_stream)) {
+        bool staged = false;
+        result = static_cast<EBencodeResult>(m_stream->FlushStream(staged));
+        if (result != eBencodeSuccess) {
+            BENCODE_LOG_CODE("FlushStream", result, "Failed to flush stream to the file");
+        } else if (m_useTempFile && !staged) {
+            Reset();
+        }
+    }
+    m_stream->ResetStream();
+    return result;
+}
+
+void CBencodeDictionary::SetBencodeFileName(std::string const& fileName) {
+    if (m_stream != nullptr) {
+        m_stream->SetFileName(fileName);
+    } else {
+        m_stream = new CBencodeStream(fileName, m_useTempFile);
+    }
+}
