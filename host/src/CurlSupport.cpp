@@ -1,0 +1,167 @@
+// libcurl set-up, failure logging and the shared caches of the HTTPS client.
+#include "CurlSupport.h"
+
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include "HostLogInternal.h"
+#include "HttpSessionCurl.h"
+
+namespace {
+
+const char kLogSource[] = "host/src/CurlSupport";
+
+}  // namespace
+
+namespace pwhost {
+
+bool CurlGlobalInit() {
+    static std::once_flag once;
+    static CURLcode rc = CURLE_OK;
+    std::call_once(once, []() {
+        rc = curl_global_init(CURL_GLOBAL_DEFAULT);
+        if (rc != CURLE_OK) {
+            LogCurlFailure(__func__, kLogSource, __LINE__, "curl_global_init",
+                           pwresult::kHttpInitFailed, rc);
+        }
+    });
+    return rc == CURLE_OK;
+}
+
+void LogCurlFailure(const char* function, const char* source, int line, const char* call, long code,
+                    CURLcode curlCode) {
+    CAppLog::LogReturnCode(function, source, line, CAppLog::Error, call, code,
+                           "libcurl error %d: %s", static_cast<int>(curlCode),
+                           curl_easy_strerror(curlCode));
+}
+
+void LogOpenSslFailure(const char* function, const char* source, int line, const char* call,
+                       long code) {
+    std::string text;
+    unsigned long error;
+    while ((error = ERR_get_error()) != 0) {
+        char buffer[256];
+        ERR_error_string_n(error, buffer, sizeof buffer);
+        if (!text.empty()) {
+            text += "; ";
+        }
+        text += buffer;
+    }
+    CAppLog::LogReturnCode(function, source, line, CAppLog::Error, call, code, "%s",
+                           text.empty() ? "no OpenSSL error queued" : text.c_str());
+}
+
+void CurlMultiDeleter::operator()(CURLM* handle) const {
+    CURLMcode rc = curl_multi_cleanup(handle);
+    if (rc != CURLM_OK) {
+        CAppLog::LogReturnCode(__func__, kLogSource, __LINE__, CAppLog::Warning,
+                               "curl_multi_cleanup", pwresult::kHttpTransferFailed, "%s",
+                               curl_multi_strerror(rc));
+    }
+}
+
+bool SlistAppend(CurlSlistPtr& list, const std::string& line) {
+    curl_slist* extended = curl_slist_append(list.get(), line.c_str());
+    if (extended == nullptr) {
+        PWHOST_LOG(CAppLog::Error, "curl_slist_append failed (out of memory)");
+        return false;
+    }
+    list.release();
+    list.reset(extended);
+    return true;
+}
+
+std::shared_ptr<CurlShare> CurlShare::Create(bool connections) {
+    if (!CurlGlobalInit()) {
+        return nullptr;
+    }
+    std::shared_ptr<CurlShare> share(new CurlShare);
+    share->m_handle = curl_share_init();
+    if (share->m_handle == nullptr) {
+        PWHOST_LOG(CAppLog::Error, "curl_share_init failed");
+        return nullptr;
+    }
+    struct Option {
+        CURLSHoption option;
+        long value;
+        const char* name;
+    };
+    std::vector<Option> options = {
+        {CURLSHOPT_LOCKFUNC, 0, "CURLSHOPT_LOCKFUNC"},
+        {CURLSHOPT_UNLOCKFUNC, 0, "CURLSHOPT_UNLOCKFUNC"},
+        {CURLSHOPT_USERDATA, 0, "CURLSHOPT_USERDATA"},
+        {CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS, "CURL_LOCK_DATA_DNS"},
+    };
+    if (connections) {
+        options.push_back({CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT, "CURL_LOCK_DATA_CONNECT"});
+        options.push_back(
+            {CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION, "CURL_LOCK_DATA_SSL_SESSION"});
+    }
+    for (const Option& option : options) {
+        CURLSHcode rc;
+        switch (option.option) {
+            case CURLSHOPT_LOCKFUNC:
+                rc = curl_share_setopt(share->m_handle, option.option, &CurlShare::Lock);
+                break;
+            case CURLSHOPT_UNLOCKFUNC:
+                rc = curl_share_setopt(share->m_handle, option.option, &CurlShare::Unlock);
+                break;
+            case CURLSHOPT_USERDATA:
+                rc = curl_share_setopt(share->m_handle, option.option, share.get());
+                break;
+            default:
+                rc = curl_share_setopt(share->m_handle, option.option, option.value);
+                break;
+        }
+        if (rc != CURLSHE_OK) {
+            CAppLog::LogReturnCode(__func__, kLogSource, __LINE__, CAppLog::Error,
+                                   "curl_share_setopt", pwresult::kHttpInitFailed, "%s: %s",
+                                   option.name, curl_share_strerror(rc));
+            return nullptr;
+        }
+    }
+    return share;
+}
+
+CurlShare::~CurlShare() {
+    if (m_handle != nullptr) {
+        CURLSHcode rc = curl_share_cleanup(m_handle);
+        if (rc != CURLSHE_OK) {
+            // Still in use by a handle: leak it rather than free memory in use.
+            CAppLog::LogReturnCode(__func__, kLogSource, __LINE__, CAppLog::Warning,
+                                   "curl_share_cleanup", pwresult::kHttpTransferFailed, "%s",
+                                   curl_share_strerror(rc));
+        }
+    }
+}
+
+void CurlShare::Lock(CURL*, curl_lock_data data, curl_lock_access, void* self) {
+    static_cast<CurlShare*>(self)->m_locks[data].lock();
+}
+
+void CurlShare::Unlock(CURL*, curl_lock_data data, void* self) {
+    static_cast<CurlShare*>(self)->m_locks[data].unlock();
+}
+
+std::shared_ptr<CurlShare> CurlShare::ProcessDns() {
+    static std::mutex mutex;
+    static std::shared_ptr<CurlShare>* dns = new std::shared_ptr<CurlShare>;  // lives to exit
+    std::lock_guard<std::mutex> lock(mutex);
+    if (!*dns) {
+        *dns = Create(false);
+    }
+    return *dns;
+}
+
+std::shared_ptr<CurlShare> CurlShare::ThreadConnections(const std::string& policy) {
+    // The thread's shares end with the thread; sessions that still use one keep it alive.
+    thread_local std::map<std::string, std::shared_ptr<CurlShare>> shares;
+    std::shared_ptr<CurlShare>& share = shares[policy];
+    if (!share) {
+        share = Create(true);
+    }
+    return share;
+}
+
+}  // namespace pwhost
