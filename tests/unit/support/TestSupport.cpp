@@ -27,7 +27,9 @@ TempDir::TempDir() {
     m_path = buffer.data();
 }
 
-TempDir::~TempDir() { RemoveTree(m_path); }
+TempDir::~TempDir() {
+    RemoveTree(m_path);
+}
 
 void RemoveTree(const std::string& path) {
     struct stat st;

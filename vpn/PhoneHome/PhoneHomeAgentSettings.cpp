@@ -1,0 +1,143 @@
+// Agent settings: directory layout, feedback profile, config file overrides, the disable
+// marker, and the key-colon-value reader shared with the history file.
+#define PH_LOG_SOURCE "vpn/PhoneHome/PhoneHomeAgent"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+
+#include "FileSystem.h"
+#include "PhoneHomeAgent.h"
+#include "PhoneHomeConfig.h"
+#include "PhoneHomeLog.h"
+#include "PhoneHomePluginImp.h"
+#include "PhoneHomeText.h"
+#include "XmlParser.h"
+
+namespace {
+
+// A signed decimal as strtol reads it (leading blanks and sign, stops at the first
+// non-digit, 0 when there is no number), kept to 32 bits on every architecture and then
+// taken as unsigned, so that negative values wrap.
+unsigned int ParseSignedToUnsigned(const std::string& text) {
+    long long value = strtoll(text.c_str(), nullptr, 10);
+    if (value > INT32_MAX) {
+        value = INT32_MAX;
+    } else if (value < INT32_MIN) {
+        value = INT32_MIN;
+    }
+    return static_cast<unsigned int>(static_cast<int32_t>(value));
+}
+
+}  // namespace
+
+bool CPhoneHomeAgent::InitPhoneHomeAgent() {
+    m_tstrFeedbackDir =
+        std::string(phonehome::kInstallDir) + "/" + phonehome::kFeedbackDirName + "/";
+    m_tstrOutboundDir = m_tstrFeedbackDir + "outbound" + "/";
+    std::string moduleDataDir = m_tstrFeedbackDir + "moduledata" + "/";
+    m_tstrHistoryFile = m_tstrFeedbackDir + "history";
+    m_tstrConfigFile = m_tstrFeedbackDir + "config";
+    m_tstrProfileFile = m_tstrFeedbackDir + phonehome::kProfileFileName;
+
+    for (const std::string* directory : {&moduleDataDir, &m_tstrFeedbackDir, &m_tstrOutboundDir}) {
+        if (MakeSureDirectoryPathExists(directory->c_str()) == 0) {
+            PH_LOG(PH_ERROR, "Failed to create %s Directory", directory->c_str());
+            return false;
+        }
+    }
+
+    LoadSettingsFromXmlFile();
+    LoadSettingsFromConfigFile();
+
+    if (!GetMachineID(m_tstrMachineID)) {
+        SHA1Hash("DefaultMachineID", m_tstrMachineID);
+        PH_LOG(PH_WARNING, "Unable to retrieve machineID, using default: %s",
+               m_tstrMachineID.c_str());
+    }
+
+    std::string statusFile = moduleDataDir + CPhoneHomeUtility::sm_tstrPhoneHomeStatusFileName;
+    if (m_bDisabled) {
+        int fd = open(statusFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+        if (fd < 0) {
+            PH_LOG(PH_ERROR, "Failed to create phoneHome status file");
+            return false;
+        }
+        close(fd);
+        return true;
+    }
+    // The first start after the service is re-enabled removes the marker and fails; the
+    // next start proceeds. Other components rely on this sequence.
+    if (remove(statusFile.c_str()) == 0) {
+        PH_LOG(PH_ERROR, "Failed to remove phoneHome status file");
+        return false;
+    }
+
+    LoadHistory();
+    return InitPhoneHomePayload();
+}
+
+void CPhoneHomeAgent::LoadSettingsFromXmlFile() {
+    std::unique_ptr<PhoneHomeXmlMgr> handler(new PhoneHomeXmlMgr());
+    std::unique_ptr<XmlParser> parser(new XmlParser(handler.get()));
+    long result = parser->parseFile(m_tstrProfileFile, false);
+    if (result != 0) {
+        PH_LOG_RC(PH_ERROR, "XmlParser::parseFile", result);
+    } else {
+        m_bDisabled = handler->GetServiceDisable();
+        m_bIncludeCrashReport = handler->GetIncludeCrashReport();
+        if (!handler->GetCustomerID().empty()) {
+            m_tstrCustomerID = handler->GetCustomerID();
+        }
+        if (handler->GetFeedbackInterval() != 0) {
+            m_uiFeedbackInterval = static_cast<unsigned int>(handler->GetFeedbackInterval());
+        }
+        if (handler->GetCheckCrashInterval() != 0) {
+            m_uiCheckCrashInterval = static_cast<unsigned int>(handler->GetCheckCrashInterval());
+        }
+    }
+    parser.reset();
+    handler.reset();
+}
+
+void CPhoneHomeAgent::LoadSettingsFromConfigFile() {
+    if (!LoadFileToMap(m_tstrConfigFile, m_mapConfig)) {
+        return;
+    }
+    const std::string& feedback = m_mapConfig["feedback_interval"];
+    if (!feedback.empty()) {
+        m_uiFeedbackInterval = ParseSignedToUnsigned(feedback);
+    }
+    const std::string& checkCrash = m_mapConfig["check_crash_interval"];
+    if (!checkCrash.empty()) {
+        m_uiCheckCrashInterval = ParseSignedToUnsigned(checkCrash);
+    }
+}
+
+bool CPhoneHomeAgent::LoadFileToMap(const std::string& path,
+                                    std::map<std::string, std::string>& map) {
+    std::ifstream in(path, std::ios::in | std::ios::binary);
+    if (!in.is_open()) {
+        PH_LOG(PH_WARNING, "Can't open file %s", path.c_str());
+        return false;
+    }
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.empty() || line[0] == '#') {
+            continue;
+        }
+        size_t colon = line.find(':');
+        if (colon == std::string::npos) {
+            continue;
+        }
+        std::string key = phonehome::AsciiLower(line.substr(0, colon));
+        size_t end = line.find_first_of("\r\n", colon + 1);
+        map[key] =
+            line.substr(colon + 1, end == std::string::npos ? std::string::npos : end - colon - 1);
+    }
+    return true;
+}
