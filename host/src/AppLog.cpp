@@ -91,7 +91,8 @@ std::string RenderLine(const pwtest::LogRecord& record) {
     line += ": ";
     if (record.hasResult) {
         char code[16];
-        snprintf(code, sizeof code, "0x%08X", static_cast<unsigned int>(PwResultNormalize(record.result)));
+        snprintf(code, sizeof code, "0x%08X",
+                 static_cast<unsigned int>(PwResultNormalize(record.result)));
         line += record.failedCall;
         line += " failed (";
         line += code;
@@ -176,8 +177,8 @@ void CAppLog::LogDebugMessage(const char* function, const char* sourceFile, int 
     Emit(std::move(record));
 }
 
-void CAppLog::LogReturnCode(const char* function, const char* sourceFile, int line,
-                            int importance, const char* failedCall, long result) {
+void CAppLog::LogReturnCode(const char* function, const char* sourceFile, int line, int importance,
+                            const char* failedCall, long result) {
     pwtest::LogRecord record = MakeRecord(function, sourceFile, line, importance);
     record.failedCall = failedCall != nullptr ? failedCall : "";
     record.result = result;
@@ -185,9 +186,8 @@ void CAppLog::LogReturnCode(const char* function, const char* sourceFile, int li
     Emit(std::move(record));
 }
 
-void CAppLog::LogReturnCode(const char* function, const char* sourceFile, int line,
-                            int importance, const char* failedCall, long result,
-                            const char* format, ...) {
+void CAppLog::LogReturnCode(const char* function, const char* sourceFile, int line, int importance,
+                            const char* failedCall, long result, const char* format, ...) {
     pwtest::LogRecord record = MakeRecord(function, sourceFile, line, importance);
     record.failedCall = failedCall != nullptr ? failedCall : "";
     record.result = result;
@@ -225,8 +225,8 @@ void CAppLog::ConfigureSinks(unsigned int sinks, const std::string& filePath) {
     if ((sinks & SinkFile) && state.fileFd < 0 && !filePath.empty()) {
         state.fileFd = open(filePath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
         if (state.fileFd < 0) {
-            std::string line = "E host/AppLog: cannot open log file " + filePath + ": " +
-                               strerror(errno) + "\n";
+            std::string line =
+                "E host/AppLog: cannot open log file " + filePath + ": " + strerror(errno) + "\n";
             WriteAll(STDERR_FILENO, line);
         }
     }
@@ -246,8 +246,8 @@ void StartLogCapture() {
     std::lock_guard<std::mutex> lock(state.mutex);
     state.captured.clear();
     // Tests see their records in memory; syslog stays out of the way.
-    state.sinks = (state.sinks & ~static_cast<unsigned int>(CAppLog::SinkSyslog)) |
-                  CAppLog::SinkCapture;
+    state.sinks =
+        (state.sinks & ~static_cast<unsigned int>(CAppLog::SinkSyslog)) | CAppLog::SinkCapture;
 }
 
 void StopLogCapture() {
@@ -281,6 +281,8 @@ size_t CountLogText(const std::string& text) {
     return count;
 }
 
-bool HasLogText(const std::string& text) { return CountLogText(text) > 0; }
+bool HasLogText(const std::string& text) {
+    return CountLogText(text) > 0;
+}
 
 }  // namespace pwtest

@@ -130,7 +130,9 @@ void UseScaledClock(double scale) {
     NotifyChangeLocked(s);
 }
 
-void UseRealClock() { UseScaledClock(1.0); }
+void UseRealClock() {
+    UseScaledClock(1.0);
+}
 
 double ClockScale() {
     ClockState& s = State();
@@ -202,6 +204,8 @@ void SetManualUnixSeconds(uint32_t unixSeconds) {
     NotifyChangeLocked(s);
 }
 
-void UseRealClock() { pwhost::UseRealClock(); }
+void UseRealClock() {
+    pwhost::UseRealClock();
+}
 
 }  // namespace pwtest

@@ -77,7 +77,9 @@ void OverrideDeviceId(const std::string& deviceId) {
     s.deviceId = deviceId;
 }
 
-void ClearDeviceIdOverride() { OverrideDeviceId(std::string()); }
+void ClearDeviceIdOverride() {
+    OverrideDeviceId(std::string());
+}
 
 }  // namespace pwtest
 
