@@ -13,6 +13,6 @@
 #define PH_LOG(importance, ...) \
     CAppLog::LogDebugMessage(__func__, PH_LOG_SOURCE, __LINE__, importance, __VA_ARGS__)
 
-#define PH_LOG_RC(importance, failedCall, result, ...)                                 \
-    CAppLog::LogReturnCode(__func__, PH_LOG_SOURCE, __LINE__, importance, failedCall, \
-                           result, ##__VA_ARGS__)
+#define PH_LOG_RC(importance, failedCall, result, ...)                                        \
+    CAppLog::LogReturnCode(__func__, PH_LOG_SOURCE, __LINE__, importance, failedCall, result, \
+                           ##__VA_ARGS__)

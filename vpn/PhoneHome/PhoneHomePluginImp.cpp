@@ -82,7 +82,9 @@ long CPhoneHomePlugin::StopPhoneHome() {
     return 0;
 }
 
-long CPhoneHomePlugin::IsPhoneHomeRunning() { return m_bRunning ? 0 : pwresult::kFailure; }
+long CPhoneHomePlugin::IsPhoneHomeRunning() {
+    return m_bRunning ? 0 : pwresult::kFailure;
+}
 
 long CPhoneHomePlugin::PluginDirChanged() {
     if (!m_bRunning) {

@@ -108,6 +108,6 @@ public:
 
 namespace phonehome {
 // Directory and file names under the installation directory.
-extern const char* const kFeedbackDirName;     // "CustomerExperienceFeedback"
-extern const char* const kProfileFileName;     // "CustomerExperience_Feedback.xml"
+extern const char* const kFeedbackDirName;  // "CustomerExperienceFeedback"
+extern const char* const kProfileFileName;  // "CustomerExperience_Feedback.xml"
 }  // namespace phonehome

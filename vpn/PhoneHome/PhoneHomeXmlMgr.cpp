@@ -50,9 +50,13 @@ PhoneHomeXmlMgr::PhoneHomeXmlMgr()
 
 PhoneHomeXmlMgr::~PhoneHomeXmlMgr() {}
 
-void PhoneHomeXmlMgr::addElement(const std::string& name) { m_tstrCurrentElement = name; }
+void PhoneHomeXmlMgr::addElement(const std::string& name) {
+    m_tstrCurrentElement = name;
+}
 
-void PhoneHomeXmlMgr::endElement(const std::string& /*name*/) { m_tstrCurrentElement.clear(); }
+void PhoneHomeXmlMgr::endElement(const std::string& /*name*/) {
+    m_tstrCurrentElement.clear();
+}
 
 void PhoneHomeXmlMgr::setElementValue(const std::string& value) {
     if (m_tstrCurrentElement == sm_tstrFeedback) {
