@@ -153,7 +153,10 @@ class EndToEnd(unittest.TestCase):
 
     def log(self):
         path = os.path.join(self.work, "host.log")
-        return open(path, errors="replace").read() if os.path.exists(path) else ""
+        if not os.path.exists(path):
+            return ""
+        with open(path, errors="replace") as log:
+            return log.read()
 
     def module_file(self, name, entries):
         path = os.path.join(self.work, "modules", name)
@@ -190,8 +193,8 @@ class EndToEnd(unittest.TestCase):
         self.assertFalse(os.path.exists(vpn))
         self.assertFalse(os.path.exists(websec))
 
-        history = dict(line.split(":", 1) for line in
-                       open(os.path.join(FEEDBACK, "history")).read().splitlines())
+        with open(os.path.join(FEEDBACK, "history")) as history_file:
+            history = dict(line.split(":", 1) for line in history_file.read().splitlines())
         self.assertEqual("2", history["last_sequence_number"])
         self.assertNotEqual("", history["last_post"])
         self.assertNotEqual("", history["last_feedback"])
@@ -204,7 +207,8 @@ class EndToEnd(unittest.TestCase):
         report = os.path.join(OUTBOUND, "feedback_data1.cef")
         self.assertTrue(wait_for(lambda: len(self.server.requests()) >= 1), self.log())
         self.assertTrue(os.path.exists(report))
-        kept = open(report, "rb").read()
+        with open(report, "rb") as kept_file:
+            kept = kept_file.read()
         self.server.set_mode("ok")
         self.assertTrue(wait_for(lambda: not os.path.exists(report)), self.log())
         self.stop_host()
