@@ -2,6 +2,7 @@
 // "ModuleData", the payload is written as a numbered outbound file, and posting follows.
 #define PH_LOG_SOURCE "vpn/PhoneHome/PhoneHomeAgent"
 
+#include <cerrno>
 #include <cstdio>
 #include <sstream>
 
@@ -72,6 +73,9 @@ long CPhoneHomeAgent::GetModuleData(const std::string& moduleName, const std::st
     if (!m_ModuleSettings.Get(fileKey, path)) {
         return 0;  // the module reported no file this time
     }
+    // The file stream tells a missing file from a failed open by errno alone, so whatever an
+    // earlier call left there (a refused post, another module's lock) must not count.
+    errno = 0;
     EBencodeResult result = eBencodeSuccess;
     CBencodeDictionary* data = new CBencodeDictionary(path, result, false);
     if (result != eBencodeSuccess) {
@@ -79,6 +83,9 @@ long CPhoneHomeAgent::GetModuleData(const std::string& moduleName, const std::st
         delete data;
         return result;
     }
+    // The tree holds the module's data now; the file's bytes need not stay in memory beside
+    // it until the report is written.
+    data->GetStream()->ResetStream();
     if (!moduleData.Insert(moduleName, data)) {
         PH_LOG(PH_ERROR, "Failed to insert %s module dictionary", moduleName.c_str());
         return -1;

@@ -1,0 +1,558 @@
+// Module data collection on the "Phone Home" timer: module files taken into the payload and
+// deleted, locked files retried, bad files skipped and kept, the numbered outbound file and
+// its sequence number, and modules that keep writing while a cycle runs.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "AgentTestSupport.h"
+#include "ExecutionContext.h"
+#include "FeedbackServer.h"
+#include "FileSystem.h"
+#include "HostSettings.h"
+#include "Timer.h"
+
+using namespace pwtest;
+
+namespace {
+
+const char kVpnFailed[] = "Failed to internalize VpnModule Module data";
+const char kGaveUp[] = "Failed to collect phoneHome data from all the components";
+const unsigned long kIntervalMs = 2592000000ul;
+
+// A second process that runs its steps one at a time, each when the test asks for it, and
+// exits (dropping its locks) when the test lets it go.
+class Child {
+public:
+    explicit Child(std::vector<std::function<bool()>> steps) {
+        int go[2], done[2];
+        if (pipe2(go, O_CLOEXEC) != 0 || pipe2(done, O_CLOEXEC) != 0) {
+            ADD_FAILURE() << "pipe2";
+            return;
+        }
+        m_pid = fork();
+        if (m_pid == 0) {
+            close(go[1]);
+            close(done[0]);
+            char byte = 0;
+            for (auto& step : steps) {
+                if (read(go[0], &byte, 1) != 1) {
+                    _exit(1);
+                }
+                byte = step() ? 'y' : 'n';
+                if (write(done[1], &byte, 1) != 1) {
+                    _exit(1);
+                }
+            }
+            while (read(go[0], &byte, 1) == 1) {
+            }
+            _exit(0);
+        }
+        close(go[0]);
+        close(done[1]);
+        m_go = go[1];
+        m_done = done[0];
+    }
+    ~Child() { Finish(); }
+    // Runs the next step; true when it succeeded.
+    bool Next() {
+        char byte = 's';
+        return write(m_go, &byte, 1) == 1 && read(m_done, &byte, 1) == 1 && byte == 'y';
+    }
+    void Finish() {
+        if (m_go >= 0) {
+            close(m_go);
+            close(m_done);
+            m_go = m_done = -1;
+            waitpid(m_pid, nullptr, 0);
+        }
+    }
+
+private:
+    pid_t m_pid = -1;
+    int m_go = -1;
+    int m_done = -1;
+};
+
+// A child whose one step takes the exclusive lock of `path` and keeps it.
+std::unique_ptr<Child> LockInAnotherProcess(const std::string& path) {
+    std::unique_ptr<Child> child(new Child({[path] {
+        int fd = open(path.c_str(), O_RDONLY);
+        return fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) == 0;
+    }}));
+    EXPECT_TRUE(child->Next()) << "lock " << path;
+    return child;
+}
+
+// Sends the feedback server's connections to a loopback port where nothing listens.
+void RefuseOutboundConnections() {
+    int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(0, bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address));
+    ASSERT_EQ(0, getsockname(s, reinterpret_cast<sockaddr*>(&address), &length));
+    close(s);
+    pwhost::HostSettings settings = pwhost::CurrentHostSettings();
+    settings.connectTo = std::string(kFeedbackServerName) +
+                         ":443:127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+    pwhost::ApplyHostSettings(settings);
+}
+
+// The bencode bytes of `value`.
+std::string Wire(CBencode& value) {
+    CBencodeStream stream("", false);
+    value.Externalize(stream);
+    return stream.Size() == 0 ? "" : std::string(stream.Data(), stream.Size());
+}
+
+// The parsed payload in `bytes`: its period and the bytes of its "QualityImprovementData".
+struct Report {
+    long long start = -1;
+    long long end = -1;
+    std::string data;
+};
+
+Report ParseReport(const std::string& bytes) {
+    Report report;
+    CBencodeStream stream("", false);
+    CBencodeList payload(false);
+    stream.Write(bytes.data(), static_cast<unsigned int>(bytes.size()));
+    if (!payload.Internalize(stream) || payload[3] == nullptr ||
+        payload[3]->GetType() != CBencode::eBencodeList) {
+        return report;
+    }
+    CBencodeList& level2 = *static_cast<CBencodeList*>(payload[3]);
+    CBencodeDictionary* data = nullptr;
+    if (level2[0] == nullptr || !level2[0]->Get(report.start) || level2[1] == nullptr ||
+        !level2[1]->Get(report.end) || level2[2] == nullptr ||
+        !static_cast<CBencodeDictionary*>(level2[2])->Get("QualityImprovementData", data, false)) {
+        return report;
+    }
+    report.data = Wire(*data);
+    return report;
+}
+
+class CollectionTest : public AgentFixture {
+protected:
+    void SetUp() override {
+        AgentFixture::SetUp();
+        RefuseOutboundConnections();
+        long result = 0;
+        m_plugin.reset(new CPhoneHomePlugin(result));
+        ASSERT_EQ(0, result);
+    }
+    void TearDown() override {
+        m_runner.reset();
+        m_plugin.reset();
+        ClearRoute();
+        AgentFixture::TearDown();
+    }
+    CPhoneHomeAgent& agent() { return *m_plugin->GetAgent(); }
+
+    // Initialises the agent without running its loop and gives it the two timers that a
+    // cycle re-arms; the test plays the loop by calling OnTimerExpired.
+    void Prepare() {
+        ASSERT_TRUE(agent().InitPhoneHomeAgent()) << DumpLog();
+        for (auto timer :
+             {std::make_pair(&agent().m_pPhoneHomeTimer, CPhoneHomeAgent::kPhoneHomeTimerId),
+              std::make_pair(&agent().m_pPostRetryTimer, CPhoneHomeAgent::kPostRetryTimerId)}) {
+            long rc = 0;
+            *timer.first = new CTimer(rc, agent().m_pExecutionContext->GetTimerList(), &agent(),
+                                      nullptr, timer.second);
+            ASSERT_EQ(0, rc);
+        }
+        ClearCapturedLogs();
+    }
+    void PhoneHomeExpires() { agent().OnTimerExpired(nullptr, CPhoneHomeAgent::kPhoneHomeTimerId); }
+
+    // Writes a module file and reports its path under `key`.
+    std::string Deposit(const char* key, const std::string& name, const std::string& bytes) {
+        std::string path = ModuleDataDir() + name;
+        EXPECT_TRUE(WriteFile(path, bytes));
+        agent().m_ModuleSettings.Insert(key, path);
+        return path;
+    }
+    static std::string Outbound(unsigned int sequence) {
+        return OutboundDir() + "feedback_data" + std::to_string(sequence) + ".cef";
+    }
+    static Report ReportOf(unsigned int sequence) {
+        return FileExists(Outbound(sequence)) ? ParseReport(ReadFileOrEmpty(Outbound(sequence)))
+                                              : Report();
+    }
+    static long long Remaining(CTimer* timer) {
+        unsigned long ms = 0;
+        return timer != nullptr && timer->IsRunning() && timer->RemainingMs(ms)
+                   ? static_cast<long long>(ms)
+                   : -1;
+    }
+
+    std::unique_ptr<CPhoneHomePlugin> m_plugin;
+    std::unique_ptr<ServiceRunner> m_runner;
+};
+
+TEST_F(CollectionTest, EveryReportedFileIsTakenInWholeAndDeleted) {
+    Prepare();
+    const std::string ostra = "d6:countsli1ei-2ee4:named1:x0:ee";
+    const std::string vpn = "d5:bytes1000:" + std::string(1000, '\xff') + "7:tunnels3:ikee";
+    std::vector<std::string> paths = {
+        Deposit("OstraPhoneHomeFile", "ostra.dat", ostra),
+        Deposit("WebSecurityPhoneHomeFile", "websec.dat", "de"),
+        Deposit("VpnPhoneHomeFile", "vpn.dat", vpn),
+        Deposit("TelemetryPhoneHomeFile", "telemetry.dat", "d1:ai0ee"),
+    };
+    errno = ECONNREFUSED;  // as an earlier refused post leaves it
+    PhoneHomeExpires();
+
+    EXPECT_EQ("d10:ModuleDatad11:OstraModule" + ostra + "15:TelemetryModuled1:ai0ee9:VpnModule" +
+                  vpn + "17:WebSecurityModuledeee",
+              ReportOf(1).data);
+    for (const std::string& path : paths) {
+        EXPECT_FALSE(FileExists(path)) << path;
+    }
+    EXPECT_TRUE(agent().m_mapPendingModules.empty());
+    EXPECT_EQ(0u, agent().m_pQualityImprovementData->Size());
+    EXPECT_EQ(static_cast<long long>(kIntervalMs), Remaining(agent().m_pPhoneHomeTimer));
+    std::map<std::string, std::string> history = ReadHistory();
+    EXPECT_EQ("2", history["last_sequence_number"]);
+    EXPECT_EQ(std::to_string(kStartSeconds), history["last_feedback"]);
+    // The post was refused: the file waits for the retry, which is armed.
+    EXPECT_EQ(3u, agent().m_uiPostRetryCount);
+    EXPECT_EQ(1800000, Remaining(agent().m_pPostRetryTimer));
+}
+
+TEST_F(CollectionTest, UnusableReportsAreSkippedForTheCycleAndBadFilesKept) {
+    Prepare();
+    const std::string vpn = ModuleDataDir() + "vpn.dat";
+    struct Case {
+        const char* name;
+        std::function<void()> make;  // writes the file and reports it (or not)
+        bool failed;                 // reported as unreadable
+        const char* arrives;         // ModuleData's bytes in the report
+        bool kept;                   // the file stays as it was
+    } cases[] = {
+        {"nothing reported", [] {}, false, "d10:ModuleDatadee", false},
+        {"an integer reported",
+         [this] { agent().m_ModuleSettings.Insert("VpnPhoneHomeFile", 7LL); }, false,
+         "d10:ModuleDatadee", false},
+        {"file missing", [&] { agent().m_ModuleSettings.Insert("VpnPhoneHomeFile", vpn); }, false,
+         "d10:ModuleDatad9:VpnModuledeee", false},
+        {"empty file", [this] { Deposit("VpnPhoneHomeFile", "vpn.dat", ""); }, false,
+         "d10:ModuleDatad9:VpnModuledeee", false},
+        {"truncated", [this] { Deposit("VpnPhoneHomeFile", "vpn.dat", "d3:abc"); }, true,
+         "d10:ModuleDatadee", true},
+        {"a list", [this] { Deposit("VpnPhoneHomeFile", "vpn.dat", "li1ee"); }, true,
+         "d10:ModuleDatadee", true},
+        {"too large",
+         [this] {
+             Deposit("VpnPhoneHomeFile", "vpn.dat",
+                     "d1:x" + std::to_string(MAX_BENCODE_FILE_SIZE) + ":" +
+                         std::string(MAX_BENCODE_FILE_SIZE, 'x') + "e");
+         },
+         true, "d10:ModuleDatadee", true},
+        {"a directory",
+         [&] {
+             mkdir(vpn.c_str(), 0700);
+             agent().m_ModuleSettings.Insert("VpnPhoneHomeFile", vpn);
+         },
+         true, "d10:ModuleDatadee", true},
+        {"directory missing",
+         [&] { agent().m_ModuleSettings.Insert("VpnPhoneHomeFile", vpn + "/no/such"); }, true,
+         "d10:ModuleDatadee", false},
+    };
+    unsigned int sequence = 1;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        ClearCapturedLogs();
+        RemoveTree(vpn);
+        agent().m_ModuleSettings.Reset();
+        c.make();
+        std::string before = ReadFileOrEmpty(vpn);
+        PhoneHomeExpires();
+        EXPECT_EQ(c.failed ? 1u : 0u, CountLogText(kVpnFailed)) << DumpLog();
+        // No retry in the same cycle: the report went out at once.
+        EXPECT_EQ(static_cast<long long>(kIntervalMs), Remaining(agent().m_pPhoneHomeTimer));
+        EXPECT_EQ(c.arrives, ReportOf(sequence++).data);
+        EXPECT_EQ(c.kept, FileExists(vpn));
+        if (c.kept) {
+            EXPECT_EQ(before, ReadFileOrEmpty(vpn));
+        }
+    }
+}
+
+TEST_F(CollectionTest, LockedModuleIsRetriedFourTimesThenLeftForTheNextCycle) {
+    // The host reports two module files at the starter; the VPN module's writer keeps its
+    // file locked.
+    struct Callback : IPhoneHomePluginCB {
+        long GetSettingsCB(IBencodeSettings& settings) override {
+            ++calls;
+            settings.Insert("VpnPhoneHomeFile", (ModuleDataDir() + "vpn.dat").c_str(), false);
+            settings.Insert("TelemetryPhoneHomeFile", (ModuleDataDir() + "tel.dat").c_str(), false);
+            return 0;
+        }
+        std::atomic<int> calls{0};
+    } callback;
+    m_plugin->SetPhoneHomePluginCB(&callback);
+    ASSERT_NE(0, MakeSureDirectoryPathExists(ModuleDataDir().c_str()));
+    ASSERT_TRUE(WriteFile(ModuleDataDir() + "vpn.dat", "d4:lateli1eee"));
+    ASSERT_TRUE(WriteFile(ModuleDataDir() + "tel.dat", "d4:seeni1ee"));
+    std::unique_ptr<Child> writer = LockInAnotherProcess(ModuleDataDir() + "vpn.dat");
+
+    m_runner.reset(new ServiceRunner(*m_plugin));
+    ASSERT_TRUE(m_runner->WaitUntilWaiting());
+    AdvanceManualClock(300000);  // the starter asks for the settings
+    ASSERT_TRUE(WaitUntil([&callback] { return callback.calls == 1; }));
+    ASSERT_TRUE(m_runner->WaitUntilWaiting());
+    AdvanceManualClock(300000);  // the first "Phone Home"
+    for (unsigned int attempt = 1; attempt <= 5; ++attempt) {
+        SCOPED_TRACE(attempt);
+        if (attempt > 1) {
+            AdvanceManualClock(20000);
+        }
+        ASSERT_TRUE(WaitUntil([attempt] { return CountLogText(kVpnFailed) == attempt; }))
+            << DumpLog();
+        ASSERT_TRUE(m_runner->WaitUntilWaiting());
+        EXPECT_FALSE(FileExists(ModuleDataDir() + "tel.dat"));  // taken in at once
+        if (attempt < 5) {
+            EXPECT_EQ(4 - attempt, agent().m_uiCollectRetryCount);
+            EXPECT_EQ(20000, Remaining(agent().m_pPhoneHomeTimer));
+            EXPECT_FALSE(FileExists(Outbound(1)));
+        }
+    }
+    EXPECT_EQ(1u, CountLogText(kGaveUp));
+    EXPECT_EQ(4u, agent().m_uiCollectRetryCount);
+    EXPECT_EQ(static_cast<long long>(kIntervalMs), Remaining(agent().m_pPhoneHomeTimer));
+    EXPECT_EQ("d10:ModuleDatad15:TelemetryModuled4:seeni1eeee", ReportOf(1).data);
+    EXPECT_EQ("d4:lateli1eee", ReadFileOrEmpty(ModuleDataDir() + "vpn.dat"));
+
+    // Once its writer is done, the file goes out with the next cycle.
+    writer.reset();
+    AdvanceManualClock(kIntervalMs);
+    ASSERT_TRUE(WaitUntil([] { return FileExists(Outbound(2)); })) << DumpLog();
+    ASSERT_TRUE(m_runner->WaitUntilWaiting());
+    m_runner->Stop();
+    // The telemetry module has not written again: its path gives an empty dictionary.
+    EXPECT_EQ("d10:ModuleDatad15:TelemetryModulede9:VpnModuled4:lateli1eeeee", ReportOf(2).data);
+    EXPECT_FALSE(FileExists(ModuleDataDir() + "vpn.dat"));
+    EXPECT_EQ(5u, CountLogText(kVpnFailed));
+    EXPECT_EQ(1u, CountLogText(kGaveUp));
+}
+
+TEST_F(CollectionTest, RetryThatCannotBeArmedEndsTheCycleUncounted) {
+    Prepare();
+    std::string vpn = Deposit("VpnPhoneHomeFile", "vpn.dat", "de");
+    std::unique_ptr<Child> writer = LockInAnotherProcess(vpn);
+    FailNext(Fault::StartTimer, PwResult(0xFE020003));
+    PhoneHomeExpires();
+
+    bool logged = false;
+    for (const LogRecord& record : CapturedLogs()) {
+        logged |= record.failedCall == "StartTimer" && PwResultEquals(record.result, 0xFE020003) &&
+                  record.text == "Failure in starting phoneHome timer";
+    }
+    EXPECT_TRUE(logged) << DumpLog();
+    EXPECT_TRUE(HasLogText("Failed to collect phoneHome data from modules"));
+    EXPECT_EQ(4u, agent().m_uiCollectRetryCount);
+    EXPECT_EQ(1u, agent().m_mapPendingModules.count("VpnModule"));
+    // The caller falls back to the feedback interval; nothing was written.
+    EXPECT_EQ(static_cast<long long>(kIntervalMs), Remaining(agent().m_pPhoneHomeTimer));
+    EXPECT_FALSE(FileExists(Outbound(1)));
+}
+
+TEST_F(CollectionTest, SequenceNumberWrapsAfterHundredAndHundredIsNotReloaded) {
+    Prepare();
+    ASSERT_TRUE(WriteFile(Outbound(1), "an earlier report"));
+    agent().m_uiSequenceNumber = 99;
+    PhoneHomeExpires();
+    EXPECT_TRUE(FileExists(Outbound(99)));
+    EXPECT_EQ(100u, agent().m_uiSequenceNumber);
+    EXPECT_EQ("100", ReadHistory()["last_sequence_number"]);
+
+    // A restart now: 100 is refused on load and numbering restarts at 1.
+    m_plugin.reset();
+    long result = 0;
+    m_plugin.reset(new CPhoneHomePlugin(result));
+    Prepare();
+    EXPECT_EQ(1u, agent().m_uiSequenceNumber);
+
+    // In memory 100 is a valid number: it is used once, then the numbering wraps.
+    ClearCapturedLogs();
+    agent().m_uiSequenceNumber = 100;
+    PhoneHomeExpires();
+    EXPECT_TRUE(FileExists(Outbound(100)));
+    EXPECT_EQ(1u, agent().m_uiSequenceNumber);
+    EXPECT_EQ("1", ReadHistory()["last_sequence_number"]);
+    PhoneHomeExpires();
+    EXPECT_FALSE(FileExists(Outbound(101)));
+    EXPECT_NE("an earlier report", ReadFileOrEmpty(Outbound(1)));  // replaced
+    EXPECT_EQ(2u, agent().m_uiSequenceNumber);
+}
+
+TEST_F(CollectionTest, FailedOutboundWriteDropsTheDataButKeepsTheNumber) {
+    Prepare();
+    std::string vpn = Deposit("VpnPhoneHomeFile", "vpn.dat", "d1:ai1ee");
+    CBencodeDictionary* crashes = nullptr;
+    ASSERT_TRUE(agent().m_pQualityImprovementData->Get("CrashReports", crashes, true));
+    crashes->Insert("dump", std::string("bytes"));
+    ASSERT_EQ(0, mkdir(Outbound(1).c_str(), 0700));  // in the way of the file
+    SetManualUnixSeconds(kStartSeconds + 50);
+    PhoneHomeExpires();
+
+    bool logged = false;
+    for (const LogRecord& record : CapturedLogs()) {
+        logged |= record.failedCall == "CBencodeList::Externalize" &&
+                  record.text == "Failed to externalize phoneHome payload";
+    }
+    EXPECT_TRUE(logged) << DumpLog();
+    EXPECT_TRUE(HasLogText("Failure to create phoneHome bencode file"));
+    EXPECT_EQ(0u, agent().m_pQualityImprovementData->Size());
+    EXPECT_FALSE(FileExists(vpn));  // taken in, and lost with the failed write
+    EXPECT_EQ(1u, agent().m_uiSequenceNumber);
+    EXPECT_EQ(0u, agent().m_uiPostRetryCount);
+    EXPECT_EQ(std::to_string(kStartSeconds + 50), agent().m_mapHistory["last_feedback"]);
+    EXPECT_EQ(static_cast<long long>(kIntervalMs), Remaining(agent().m_pPhoneHomeTimer));
+
+    // The next report reuses the number and covers the time since the failed attempt. The
+    // module's data are gone; its reported path now gives an empty dictionary.
+    RemoveTree(Outbound(1));
+    SetManualUnixSeconds(kStartSeconds + 80);
+    PhoneHomeExpires();
+    Report next = ReportOf(1);
+    EXPECT_EQ("d10:ModuleDatad9:VpnModuledeee", next.data);
+    EXPECT_EQ(kStartSeconds + 50, next.start);
+    EXPECT_EQ(kStartSeconds + 80, next.end);
+}
+
+TEST_F(CollectionTest, ConsecutiveReportsCoverConsecutivePeriods) {
+    Prepare();
+    const unsigned int at[] = {kStartSeconds + 600, kStartSeconds + 600, kStartSeconds + 2592600,
+                               kStartSeconds + 5185200};
+    for (unsigned int now : at) {
+        SetManualUnixSeconds(now);
+        PhoneHomeExpires();
+    }
+    long long previousEnd = kStartSeconds;  // the payload was built at initialisation
+    for (unsigned int sequence = 1; sequence <= 4; ++sequence) {
+        Report report = ReportOf(sequence);
+        EXPECT_EQ(previousEnd, report.start) << sequence;
+        EXPECT_EQ(at[sequence - 1], report.end) << sequence;
+        previousEnd = report.end;
+    }
+    EXPECT_EQ(std::to_string(at[3]), ReadHistory()["last_feedback"]);
+}
+
+TEST_F(CollectionTest, BrokenPayloadOrHistoryStopsTheReport) {
+    struct Case {
+        const char* name;
+        std::function<void(CPhoneHomeAgent&)> breakIt;
+        const char* message;
+        bool written;
+    } cases[] = {
+        {"ModuleData is not a dictionary",
+         [](CPhoneHomeAgent& a) { a.m_pQualityImprovementData->Insert("ModuleData", 5LL); },
+         "Failed to get \"ModuleData\" dictionary", false},
+        {"payload ends in an integer", [](CPhoneHomeAgent& a) { a.m_PhoneHomePayload.Append(1LL); },
+         "Failure in retrieving Bencoded phoneHome payload structure", false},
+        {"period cut short",
+         [](CPhoneHomeAgent& a) { static_cast<CBencodeList*>(a.m_PhoneHomePayload[3])->Remove(1); },
+         "Failure in updating current time in Bencoded phoneHome payload structure", false},
+        {"history not writable", [](CPhoneHomeAgent&) { mkdir(HistoryPath().c_str(), 0700); },
+         "SaveHistoryFile Failed", true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        long result = 0;
+        m_plugin.reset(new CPhoneHomePlugin(result));
+        RemoveTree(OutboundDir());
+        RemoveTree(HistoryPath());
+        Prepare();
+        c.breakIt(agent());
+        PhoneHomeExpires();
+        EXPECT_EQ(1u, CountLogText(c.message)) << DumpLog();
+        EXPECT_TRUE(HasLogText("Failed to collect phoneHome data from modules"));
+        EXPECT_EQ(c.written, FileExists(Outbound(1)));
+        EXPECT_EQ(0u, agent().m_uiPostRetryCount);  // nothing was posted
+        EXPECT_EQ(static_cast<long long>(kIntervalMs), Remaining(agent().m_pPhoneHomeTimer));
+    }
+}
+
+TEST_F(CollectionTest, ModuleWritingInStagingModeDuringACycle) {
+    FeedbackServer server;
+    ASSERT_TRUE(server.Running());
+    server.Route();
+    Prepare();
+    const std::string vpn = ModuleDataDir() + "vpn.dat";
+    const std::string ostra = ModuleDataDir() + "ostra.dat";
+    agent().m_ModuleSettings.Insert("VpnPhoneHomeFile", vpn);
+    agent().m_ModuleSettings.Insert("OstraPhoneHomeFile", ostra);
+    ASSERT_TRUE(WriteFile(ostra, "d1:oi1ee"));
+
+    // The VPN module deposits in staging mode: a flush creates the file when it is absent,
+    // and otherwise keeps what it has in "<file>.temp" and in memory.
+    std::unique_ptr<CBencodeDictionary> module;
+    int ostraFd = -1;
+    // The stream tells an existing file by errno alone: each flush starts from a clean one.
+    auto flush = [&module] {
+        errno = 0;
+        return module->Externalize() == eBencodeSuccess;
+    };
+    Child writer({
+        [&] {
+            EBencodeResult loaded = eBencodeFileError;
+            module.reset(new CBencodeDictionary(vpn, loaded, true));
+            module->Insert("first", 1LL);
+            bool created = loaded == eBencodeSuccess && flush();
+            module->Insert("second", 2LL);
+            ostraFd = open(ostra.c_str(), O_RDONLY);  // the other module is busy writing
+            return created && flush() && flock(ostraFd, LOCK_EX | LOCK_NB) == 0;
+        },
+        [&] {
+            module->Insert("third", 3LL);
+            close(ostraFd);
+            return flush();
+        },
+    });
+    ASSERT_TRUE(writer.Next());
+    EXPECT_EQ("d6:secondi2ee", ReadFileOrEmpty(vpn + ".temp"));
+
+    PhoneHomeExpires();  // takes the VPN file, waits for the other module's lock
+    EXPECT_EQ(20000, Remaining(agent().m_pPhoneHomeTimer));
+    EXPECT_FALSE(FileExists(vpn));
+    ASSERT_TRUE(writer.Next());  // the VPN module flushes again meanwhile
+    PhoneHomeExpires();          // the retry
+    writer.Finish();
+    SetManualUnixSeconds(kStartSeconds + 2592000);
+    PhoneHomeExpires();  // the next cycle
+
+    ASSERT_TRUE(server.WaitForRequests(2)) << DumpLog();
+    std::vector<RecordedRequest> requests = server.Requests();
+    ASSERT_EQ(2u, requests.size());
+    std::vector<std::string> arrived;
+    for (const RecordedRequest& request : requests) {
+        ASSERT_EQ(0u, request.body.compare(0, 5, "data="));
+        arrived.push_back(ParseReport(request.body.substr(5)).data);
+    }
+    EXPECT_EQ("d10:ModuleDatad11:OstraModuled1:oi1ee9:VpnModuled5:firsti1eeee", arrived[0]);
+    // The other module's path gives an empty dictionary until it writes again.
+    EXPECT_EQ("d10:ModuleDatad11:OstraModulede9:VpnModuled6:secondi2e5:thirdi3eeee", arrived[1]);
+    EXPECT_FALSE(FileExists(vpn));
+    // The staging file is the module's own: the agent neither reads nor removes it.
+    EXPECT_EQ("d6:secondi2ee", ReadFileOrEmpty(vpn + ".temp"));
+    EXPECT_FALSE(FileExists(Outbound(1)));
+    EXPECT_FALSE(FileExists(Outbound(2)));
+}
+
+}  // namespace
