@@ -1,6 +1,6 @@
 // Test controls of the host framework: used only by tests, never by the plug-in.
 //
-// The capture sink, the manual clock, the OS record and locale overrides, and fault
+// The capture sink, the manual clock, the OS record and device-identifier overrides, and fault
 // switches that make the next call of a host service fail, so that each failure branch
 // of a caller can be driven without patching it.
 #pragma once
@@ -42,7 +42,7 @@ void AdvanceManualClock(uint64_t milliseconds);
 void SetManualUnixSeconds(uint32_t unixSeconds);  // moves the wall clock only
 void UseRealClock();
 
-// OS record and locale environment overrides.
+// OS record override. (The locale environment is the process environment: tests set LC_ALL.)
 void OverrideOsVersion(const OS_VERSION_INFO& record);
 void ClearOsVersionOverride();
 
