@@ -26,14 +26,14 @@ class CPhoneHomePlugin;
 class CPhoneHomeAgent : public ITimerCB, public IEventCB {
 public:
     // Timer and event ids.
-    static const unsigned long kWakeupEventId = 1;
-    static const unsigned long kPhoneHomeStarterTimerId = 2;
-    static const unsigned long kPhoneHomeTimerId = 3;
-    static const unsigned long kCheckCrashTimerId = 4;
-    static const unsigned long kDelayGetThreatReportDirTimerId = 5;
-    static const unsigned long kPostRetryTimerId = 6;
+    static constexpr unsigned long kWakeupEventId = 1;
+    static constexpr unsigned long kPhoneHomeStarterTimerId = 2;
+    static constexpr unsigned long kPhoneHomeTimerId = 3;
+    static constexpr unsigned long kCheckCrashTimerId = 4;
+    static constexpr unsigned long kDelayGetThreatReportDirTimerId = 5;
+    static constexpr unsigned long kPostRetryTimerId = 6;
     // The agent's execution context (multiton instance id).
-    static const unsigned int kExecutionContextId = 3;
+    static constexpr unsigned int kExecutionContextId = 3;
 
     CPhoneHomeAgent(long& result, CPhoneHomePlugin& plugin);
     ~CPhoneHomeAgent() override;
