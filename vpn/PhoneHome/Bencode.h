@@ -235,6 +235,9 @@ private:
     size_t m_size;
     size_t m_readPos;
     size_t m_writePos;
+    // Content size before the last ResetStream: a fresh buffer is sized for it at once, so
+    // that a container saved again and again does not regrow its buffer on every save.
+    size_t m_sizeHint;
     unsigned int m_state;
     std::string m_fileName;
     bool m_useTempFile;

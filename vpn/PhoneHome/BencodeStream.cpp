@@ -54,6 +54,7 @@ CBencodeStream::CBencodeStream(std::string const& fileName, bool useTempFile)
       m_size(0),
       m_readPos(0),
       m_writePos(0),
+      m_sizeHint(0),
       m_state(0),
       m_fileName(fileName),
       m_useTempFile(useTempFile) {}
@@ -61,6 +62,9 @@ CBencodeStream::CBencodeStream(std::string const& fileName, bool useTempFile)
 CBencodeStream::~CBencodeStream() {}
 
 void CBencodeStream::ResetStream() {
+    if (m_size != 0) {
+        m_sizeHint = m_size;
+    }
     m_data.reset();
     m_capacity = 0;
     m_size = 0;

@@ -37,6 +37,9 @@ bool CBencodeStream::Reserve(size_t capacity) {
         return true;
     }
     size_t grown = m_capacity < 128 ? 256 : m_capacity * 2;
+    if (m_capacity == 0 && m_sizeHint > grown) {
+        grown = m_sizeHint + m_sizeHint / 16;
+    }
     if (grown < capacity) {
         grown = capacity;
     }
@@ -282,6 +285,23 @@ CBencodeStream& CBencodeStream::operator>>(long long& value) {
     if (m_state != 0) {
         BENCODE_LOG_ERROR("Failed to read integer value");
         return *this;
+    }
+    // Fast path for the form the writer produces: up to 18 plain digits (no overflow
+    // possible) followed by the terminator. Anything else takes the general path below.
+    {
+        char const* start = m_data.get() + m_readPos;
+        char const* end = m_data.get() + m_size;
+        char const* p = start;
+        unsigned long long magnitude = 0;
+        while (p < end && p - start < 18 && *p >= '0' && *p <= '9') {
+            magnitude = magnitude * 10 + static_cast<unsigned int>(*p - '0');
+            ++p;
+        }
+        if (p != start && p < end && (*p == ':' || *p == 'e')) {
+            value = static_cast<long long>(magnitude);
+            m_readPos += static_cast<size_t>(p - start);
+            return *this;
+        }
     }
     char text[sm_iMaxIntSize];
     int length = 0;

@@ -1,0 +1,222 @@
+// CJsonWriter: a bencode tree as JSON text.
+#include "JsonWriter.h"
+
+#include <cstdio>
+
+#include "Bencode.h"
+
+namespace {
+
+// Length of the valid UTF-8 sequence that starts at `index`, or 0 if none does there.
+size_t Utf8SequenceLength(const std::string& bytes, size_t index) {
+    const unsigned char lead = static_cast<unsigned char>(bytes[index]);
+    if (lead < 0x80) {
+        return 1;
+    }
+    size_t length = 0;
+    unsigned int codePoint = 0;
+    unsigned int minimum = 0;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+        length = 2;
+        codePoint = lead & 0x1Fu;
+        minimum = 0x80;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        length = 3;
+        codePoint = lead & 0x0Fu;
+        minimum = 0x800;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        length = 4;
+        codePoint = lead & 0x07u;
+        minimum = 0x10000;
+    } else {
+        return 0;
+    }
+    if (bytes.size() - index < length) {
+        return 0;
+    }
+    for (size_t i = 1; i < length; ++i) {
+        const unsigned char next = static_cast<unsigned char>(bytes[index + i]);
+        if ((next & 0xC0u) != 0x80u) {
+            return 0;
+        }
+        codePoint = (codePoint << 6) | (next & 0x3Fu);
+    }
+    if (codePoint < minimum || codePoint > 0x10FFFF ||
+        (codePoint >= 0xD800 && codePoint <= 0xDFFF)) {
+        return 0;
+    }
+    return length;
+}
+
+}  // namespace
+
+CJsonWriter::CJsonWriter(unsigned int indent) : m_indent(indent) {}
+
+bool CJsonWriter::IsValidUtf8(const std::string& bytes) {
+    for (size_t i = 0; i < bytes.size();) {
+        const size_t length = Utf8SequenceLength(bytes, i);
+        if (length == 0) {
+            return false;
+        }
+        i += length;
+    }
+    return true;
+}
+
+std::string CJsonWriter::Base64(const std::string& bytes) {
+    static const char kAlphabet[] =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string text;
+    text.reserve((bytes.size() + 2) / 3 * 4);
+    size_t i = 0;
+    for (; i + 3 <= bytes.size(); i += 3) {
+        const unsigned int group = (static_cast<unsigned char>(bytes[i]) << 16) |
+                                   (static_cast<unsigned char>(bytes[i + 1]) << 8) |
+                                   static_cast<unsigned char>(bytes[i + 2]);
+        text += kAlphabet[(group >> 18) & 63];
+        text += kAlphabet[(group >> 12) & 63];
+        text += kAlphabet[(group >> 6) & 63];
+        text += kAlphabet[group & 63];
+    }
+    const size_t rest = bytes.size() - i;
+    if (rest != 0) {
+        unsigned int group = static_cast<unsigned char>(bytes[i]) << 16;
+        if (rest == 2) {
+            group |= static_cast<unsigned char>(bytes[i + 1]) << 8;
+        }
+        text += kAlphabet[(group >> 18) & 63];
+        text += kAlphabet[(group >> 12) & 63];
+        text += rest == 2 ? kAlphabet[(group >> 6) & 63] : '=';
+        text += '=';
+    }
+    return text;
+}
+
+void CJsonWriter::Write(const CBencode& value, std::string& out) const {
+    WriteValue(value, 0, out);
+    out += '\n';
+}
+
+void CJsonWriter::NewLine(unsigned int depth, std::string& out) const {
+    if (m_indent != 0) {
+        out += '\n';
+        out.append(static_cast<size_t>(depth) * m_indent, ' ');
+    }
+}
+
+void CJsonWriter::WriteString(const std::string& bytes, std::string& out) {
+    char escape[8];
+    out += '"';
+    for (size_t i = 0; i < bytes.size();) {
+        const size_t length = Utf8SequenceLength(bytes, i);
+        if (length == 0) {
+            snprintf(escape, sizeof(escape), "\\udc%02x", static_cast<unsigned char>(bytes[i]));
+            out += escape;
+            ++i;
+            continue;
+        }
+        if (length > 1) {
+            out.append(bytes, i, length);
+            i += length;
+            continue;
+        }
+        const char c = bytes[i++];
+        switch (c) {
+            case '"':
+                out += "\\\"";
+                break;
+            case '\\':
+                out += "\\\\";
+                break;
+            case '\n':
+                out += "\\n";
+                break;
+            case '\r':
+                out += "\\r";
+                break;
+            case '\t':
+                out += "\\t";
+                break;
+            default:
+                if (static_cast<unsigned char>(c) < 0x20) {
+                    snprintf(escape, sizeof(escape), "\\u%04x", static_cast<unsigned char>(c));
+                    out += escape;
+                } else {
+                    out += c;
+                }
+        }
+    }
+    out += '"';
+}
+
+void CJsonWriter::WriteValue(const CBencode& value, unsigned int depth, std::string& out) const {
+    switch (value.GetType()) {
+        case CBencode::eBencodeInteger: {
+            long long integer = 0;
+            value.Get(integer);
+            out += std::to_string(integer);
+            break;
+        }
+        case CBencode::eBencodeString: {
+            std::string bytes;
+            value.Get(bytes);
+            if (IsValidUtf8(bytes)) {
+                WriteString(bytes, out);
+            } else {
+                out += "{\"base64\": \"";
+                out += Base64(bytes);
+                out += "\"}";
+            }
+            break;
+        }
+        case CBencode::eBencodeList: {
+            const std::vector<CBencode*>& items = static_cast<const CBencodeList&>(value).Items();
+            if (items.empty()) {
+                out += "[]";
+                break;
+            }
+            out += '[';
+            for (size_t i = 0; i < items.size(); ++i) {
+                if (i != 0) {
+                    out += ',';
+                }
+                NewLine(depth + 1, out);
+                const CBencode* item = items[i];
+                if (item == nullptr) {
+                    out += "null";
+                } else {
+                    WriteValue(*item, depth + 1, out);
+                }
+            }
+            NewLine(depth, out);
+            out += ']';
+            break;
+        }
+        case CBencode::eBencodeDictionary: {
+            const CBencodeDictionary& dictionary = static_cast<const CBencodeDictionary&>(value);
+            if (dictionary.Size() == 0) {
+                out += "{}";
+                break;
+            }
+            out += '{';
+            bool first = true;
+            for (const CBencodeDictionary::EntryMap::value_type& entry : dictionary.Entries()) {
+                if (!first) {
+                    out += ',';
+                }
+                first = false;
+                NewLine(depth + 1, out);
+                WriteString(entry.first, out);
+                out += m_indent != 0 ? ": " : ":";
+                if (entry.second == nullptr) {
+                    out += "null";
+                } else {
+                    WriteValue(*entry.second, depth + 1, out);
+                }
+            }
+            NewLine(depth, out);
+            out += '}';
+            break;
+        }
+    }
+}
