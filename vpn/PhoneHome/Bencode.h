@@ -230,7 +230,12 @@ private:
     bool Reserve(size_t capacity);
     void SetState(unsigned int bits) { m_state |= bits; }
 
-    std::unique_ptr<char[]> m_data;
+    // malloc'd, so that growing a large buffer can remap it in place instead of holding the
+    // old and the new copy at once.
+    struct FreeBuffer {
+        void operator()(char* data) const;
+    };
+    std::unique_ptr<char, FreeBuffer> m_data;
     size_t m_capacity;
     size_t m_size;
     size_t m_readPos;

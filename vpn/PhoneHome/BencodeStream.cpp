@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 
@@ -115,7 +116,7 @@ int CBencodeStream::LoadStream() {
     }
 
     size_t size = static_cast<size_t>(status.st_size);
-    std::unique_ptr<char[]> data(new (std::nothrow) char[size + 1]);
+    std::unique_ptr<char, FreeBuffer> data(static_cast<char*>(malloc(size + 1)));
     if (!data) {
         BENCODE_LOG_CODE("read", ENOMEM, "File read failed");
         flock(file.Get(), LOCK_UN);
@@ -135,7 +136,7 @@ int CBencodeStream::LoadStream() {
     file.Close();
 
     // The content ends at the first NUL byte, if any.
-    data[size] = '\0';
+    data.get()[size] = '\0';
     char const* nul = static_cast<char const*>(memchr(data.get(), 0, size));
     m_size = nul != nullptr ? static_cast<size_t>(nul - data.get()) : size;
     m_data = std::move(data);

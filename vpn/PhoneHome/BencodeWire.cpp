@@ -9,6 +9,7 @@
 #include "Bencode.h"
 
 #include <charconv>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <new>
@@ -43,16 +44,18 @@ bool CBencodeStream::Reserve(size_t capacity) {
     if (grown < capacity) {
         grown = capacity;
     }
-    std::unique_ptr<char[]> data(new (std::nothrow) char[grown]);
-    if (!data) {
-        return false;
+    char* data = static_cast<char*>(realloc(m_data.get(), grown));
+    if (data == nullptr) {
+        return false;  // the old buffer is still there, unchanged
     }
-    if (m_size != 0) {
-        memcpy(data.get(), m_data.get(), m_size);
-    }
-    m_data = std::move(data);
+    m_data.release();
+    m_data.reset(data);
     m_capacity = grown;
     return true;
+}
+
+void CBencodeStream::FreeBuffer::operator()(char* data) const {
+    free(data);
 }
 
 // Overwrites at the write position and extends the content. Refused unless the stream is
@@ -81,7 +84,7 @@ bool CBencodeStream::PutBytes(char const* data, size_t count) {
 
 bool CBencodeStream::PutByte(char c) {
     if (m_state == 0 && m_writePos < m_capacity) {
-        m_data[m_writePos++] = c;
+        m_data.get()[m_writePos++] = c;
         if (m_writePos > m_size) {
             m_size = m_writePos;
         }
@@ -114,7 +117,7 @@ bool CBencodeStream::Read(char* buffer, unsigned int count) {
 
 bool CBencodeStream::GetByte(char& c) {
     if (m_state == 0 && m_readPos < m_size) {
-        c = m_data[m_readPos++];
+        c = m_data.get()[m_readPos++];
         return true;
     }
     return Read(&c, 1);
@@ -145,7 +148,7 @@ int CBencodeStream::Peek() {
         return std::char_traits<char>::eof();
     }
     if (m_readPos < m_size) {
-        return static_cast<unsigned char>(m_data[m_readPos]);
+        return static_cast<unsigned char>(m_data.get()[m_readPos]);
     }
     m_state |= kEofBit;
     return std::char_traits<char>::eof();
@@ -311,7 +314,7 @@ CBencodeStream& CBencodeStream::operator>>(long long& value) {
             BENCODE_LOG_ERROR("Failed to read integer value");
             return *this;
         }
-        char c = m_data[m_readPos];
+        char c = m_data.get()[m_readPos];
         if (c == ':' || c == 'e') {
             break;
         }
