@@ -204,7 +204,16 @@ void CAppLog::LogMessage(Logging::MessageID id, ...) {
     record.messageId = id;
     const char* format = CatalogueText(id);
     va_list args;
+    // MessageID has unsigned int as its fixed underlying type, which default argument
+    // promotion leaves as it is; clang warns about any enum here all the same.
+#if defined(__clang__)
+#pragma clang diagnostic push
+#pragma clang diagnostic ignored "-Wvarargs"
+#endif
     va_start(args, id);
+#if defined(__clang__)
+#pragma clang diagnostic pop
+#endif
     if (format != nullptr) {
         record.text = FormatV(format, args);
     } else {
