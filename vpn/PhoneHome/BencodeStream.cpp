@@ -204,6 +204,47 @@ bool SerialiseIntoStream(Container& container, CBencodeStream& stream) {
     return container.Externalize(stream);
 }
 
+// The file members that lists and dictionaries share.
+template <typename Container>
+EBencodeResult LoadBound(Container& container, CBencodeStream* stream) {
+    if (stream == nullptr) {
+        return eBencodeStreamNotSet;
+    }
+    int loaded = stream->LoadStream();
+    if (loaded != eBencodeSuccess) {
+        return static_cast<EBencodeResult>(loaded);
+    }
+    return container.Internalize(*stream) ? eBencodeSuccess : eBencodeInvalidData;
+}
+
+// After a write into the main file in staging mode the container is emptied: what was
+// handed over is dropped. The buffer is emptied in every case.
+template <typename Container>
+EBencodeResult SaveBound(Container& container, CBencodeStream& stream, bool useTempFile) {
+    EBencodeResult result = eBencodeFileError;
+    if (SerialiseIntoStream(container, stream)) {
+        bool staged = false;
+        result = static_cast<EBencodeResult>(stream.FlushStream(staged));
+        if (result != eBencodeSuccess) {
+            CAppLog::LogReturnCode("Externalize", BENCODE_SOURCE_FILE, __LINE__, CAppLog::Error,
+                                   "FlushStream", static_cast<long>(result),
+                                   "Failed to flush stream to the file");
+        } else if (useTempFile && !staged) {
+            container.Reset();
+        }
+    }
+    stream.ResetStream();
+    return result;
+}
+
+void BindStream(CBencodeStream*& stream, std::string const& fileName, bool useTempFile) {
+    if (stream != nullptr) {
+        stream->SetFileName(fileName);
+    } else {
+        stream = new CBencodeStream(fileName, useTempFile);
+    }
+}
+
 }  // namespace
 
 CBencodeList::CBencodeList(std::string const& fileName, EBencodeResult& result, bool useTempFile)
@@ -217,43 +258,19 @@ CBencodeList::CBencodeList(std::string const& fileName, EBencodeResult& result, 
 }
 
 EBencodeResult CBencodeList::Internalize() {
-    if (m_stream == nullptr) {
-        return eBencodeStreamNotSet;
-    }
-    int loaded = m_stream->LoadStream();
-    if (loaded != eBencodeSuccess) {
-        return static_cast<EBencodeResult>(loaded);
-    }
-    return Internalize(*m_stream) ? eBencodeSuccess : eBencodeInvalidData;
+    return LoadBound(*this, m_stream);
 }
 
-// After a write into the main file in staging mode the list is emptied: what was handed
-// over is dropped. The buffer is emptied in every case.
 EBencodeResult CBencodeList::Externalize() {
     if (m_stream == nullptr) {
         BENCODE_LOG_ERROR("Bencode stream should be set before calling Externalize");
         return eBencodeStreamNotSet;
     }
-    EBencodeResult result = eBencodeFileError;
-    if (SerialiseIntoStream(*this, *m_stream)) {
-        bool staged = false;
-        result = static_cast<EBencodeResult>(m_stream->FlushStream(staged));
-        if (result != eBencodeSuccess) {
-            BENCODE_LOG_CODE("FlushStream", result, "Failed to flush stream to the file");
-        } else if (m_useTempFile && !staged) {
-            Reset();
-        }
-    }
-    m_stream->ResetStream();
-    return result;
+    return SaveBound(*this, *m_stream, m_useTempFile);
 }
 
 void CBencodeList::SetBencodeFileName(std::string const& fileName) {
-    if (m_stream != nullptr) {
-        m_stream->SetFileName(fileName);
-    } else {
-        m_stream = new CBencodeStream(fileName, m_useTempFile);
-    }
+    BindStream(m_stream, fileName, m_useTempFile);
 }
 
 CBencodeDictionary::CBencodeDictionary(std::string const& fileName, EBencodeResult& result,
@@ -268,14 +285,7 @@ CBencodeDictionary::CBencodeDictionary(std::string const& fileName, EBencodeResu
 }
 
 EBencodeResult CBencodeDictionary::Internalize() {
-    if (m_stream == nullptr) {
-        return eBencodeStreamNotSet;
-    }
-    int loaded = m_stream->LoadStream();
-    if (loaded != eBencodeSuccess) {
-        return static_cast<EBencodeResult>(loaded);
-    }
-    return Internalize(*m_stream) ? eBencodeSuccess : eBencodeInvalidData;
+    return LoadBound(*this, m_stream);
 }
 
 // As the list's, except that a dictionary without a stream fails silently.
@@ -283,24 +293,9 @@ EBencodeResult CBencodeDictionary::Externalize() {
     if (m_stream == nullptr) {
         return eBencodeStreamNotSet;
     }
-    EBencodeResult result = eBencodeFileError;
-    if (SerialiseIntoStream(*this, *m_stream)) {
-        bool staged = false;
-        result = static_cast<EBencodeResult>(m_stream->FlushStream(staged));
-        if (result != eBencodeSuccess) {
-            BENCODE_LOG_CODE("FlushStream", result, "Failed to flush stream to the file");
-        } else if (m_useTempFile && !staged) {
-            Reset();
-        }
-    }
-    m_stream->ResetStream();
-    return result;
+    return SaveBound(*this, *m_stream, m_useTempFile);
 }
 
 void CBencodeDictionary::SetBencodeFileName(std::string const& fileName) {
-    if (m_stream != nullptr) {
-        m_stream->SetFileName(fileName);
-    } else {
-        m_stream = new CBencodeStream(fileName, m_useTempFile);
-    }
+    BindStream(m_stream, fileName, m_useTempFile);
 }
