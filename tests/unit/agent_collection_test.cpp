@@ -96,22 +96,6 @@ std::unique_ptr<Child> LockInAnotherProcess(const std::string& path) {
     return child;
 }
 
-// Sends the feedback server's connections to a loopback port where nothing listens.
-void RefuseOutboundConnections() {
-    int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ASSERT_EQ(0, bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address));
-    ASSERT_EQ(0, getsockname(s, reinterpret_cast<sockaddr*>(&address), &length));
-    close(s);
-    pwhost::HostSettings settings = pwhost::CurrentHostSettings();
-    settings.connectTo = std::string(kFeedbackServerName) +
-                         ":443:127.0.0.1:" + std::to_string(ntohs(address.sin_port));
-    pwhost::ApplyHostSettings(settings);
-}
-
 // The bencode bytes of `value`.
 std::string Wire(CBencode& value) {
     CBencodeStream stream("", false);

@@ -1,11 +1,18 @@
 #include "AgentTestSupport.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <sstream>
 
 #include "EventList.h"
 #include "ExecutionContext.h"
+#include "FeedbackServer.h"
 #include "FileSystem.h"
+#include "HostSettings.h"
 #include "PhoneHomeConfig.h"
 
 namespace pwtest {
@@ -54,6 +61,23 @@ std::map<std::string, std::string> AgentFixture::ReadHistory() {
         }
     }
     return lines;
+}
+
+void RefuseOutboundConnections() {
+    int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(s, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    // A port that was free a moment ago: bound, read back, and released unlistened.
+    ASSERT_EQ(0, bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address));
+    ASSERT_EQ(0, getsockname(s, reinterpret_cast<sockaddr*>(&address), &length));
+    close(s);
+    pwhost::HostSettings settings = pwhost::CurrentHostSettings();
+    settings.connectTo = std::string(kFeedbackServerName) +
+                         ":443:127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+    pwhost::ApplyHostSettings(settings);
 }
 
 bool WaitUntil(const std::function<bool()>& condition, unsigned int timeoutMs) {

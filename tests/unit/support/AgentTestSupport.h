@@ -36,6 +36,11 @@ protected:
     static std::map<std::string, std::string> ReadHistory();
 };
 
+// Sends the feedback server's connections to a loopback port where nothing listens, so
+// that posts fail at once and never leave the machine.
+// FeedbackServer.h's ClearRoute() takes the route away again.
+void RefuseOutboundConnections();
+
 // Waits (polling every millisecond) until `condition` holds or `timeoutMs` passes.
 bool WaitUntil(const std::function<bool()>& condition, unsigned int timeoutMs = 5000);
 
