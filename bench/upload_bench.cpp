@@ -80,8 +80,8 @@ private:
 
 void FillOutbound(CPhoneHomeAgent& agent) {
     for (int i = 0; i < kFiles; ++i) {
-        uploadbench::WriteFile(
-            agent.m_tstrOutboundDir + "feedback_data" + std::to_string(i) + ".cef", Payload(i));
+        pwsupport::WriteFile(agent.m_tstrOutboundDir + "feedback_data" + std::to_string(i) + ".cef",
+                             Payload(i));
     }
 }
 
@@ -105,7 +105,7 @@ void AgentPath(benchmark::State& state) {
         Clock::time_point start = Clock::now();
         agent.Get().ScanAndPostFile(0);
         total += Since(start);
-        if (uploadbench::CountFiles(agent.Get().m_tstrOutboundDir, ".cef") != 0) {
+        if (pwsupport::CountFiles(agent.Get().m_tstrOutboundDir, ".cef") != 0) {
             state.SkipWithError("files left in the outbound directory");
             break;
         }
@@ -121,7 +121,7 @@ const std::vector<std::string>& BodyFiles() {
     if (files.empty()) {
         for (int i = 0; i < kFiles; ++i) {
             files.push_back(dir / ("body" + std::to_string(i)));
-            uploadbench::WriteFile(files.back(), "data=" + Payload(i));
+            pwsupport::WriteFile(files.back(), "data=" + Payload(i));
         }
     }
     return files;
@@ -156,7 +156,7 @@ void CurlPerFile(benchmark::State& state) {
             std::vector<std::string> options = CurlOptions(server);
             args.insert(args.end(), options.begin(), options.end());
             args.insert(args.end(), {"--data-binary", "@" + body, kUrl});
-            if (uploadbench::RunProcess(args) != 0) {
+            if (pwsupport::RunProcess(args, true) != 0) {
                 state.SkipWithError("curl failed");
                 return;
             }
@@ -188,11 +188,11 @@ void CurlKeepAlive(benchmark::State& state) {
         }
         config += "data-binary = \"@" + body + "\"\nurl = \"" + kUrl + "\"\n";
     }
-    uploadbench::WriteFile(dir / "curl.cfg", config);
+    pwsupport::WriteFile(dir / "curl.cfg", config);
     double total = 0;
     for (auto _ : state) {
         Clock::time_point start = Clock::now();
-        if (uploadbench::RunProcess({"curl", "--config", dir / "curl.cfg"}) != 0) {
+        if (pwsupport::RunProcess({"curl", "--config", dir / "curl.cfg"}, true) != 0) {
             state.SkipWithError("curl failed");
             return;
         }
@@ -219,7 +219,7 @@ void StopDuringStall(benchmark::State& state) {
             state.SkipWithError("agent initialisation failed");
             break;
         }
-        uploadbench::WriteFile(agent.Get().m_tstrOutboundDir + "stalled.cef", Payload(0));
+        pwsupport::WriteFile(agent.Get().m_tstrOutboundDir + "stalled.cef", Payload(0));
         size_t before = server.RequestCount();
         std::atomic<bool> returned{false};
         Clock::time_point end;
@@ -272,16 +272,16 @@ void PeakMemory16MiB(benchmark::State& state) {
     double worst = 0;
     for (auto _ : state) {
         state.PauseTiming();
-        uploadbench::WriteFile(agent.Get().m_tstrOutboundDir + "big.cef", big);
-        long idle = uploadbench::ResidentKiB();
-        if (!uploadbench::ResetPeak()) {
+        pwsupport::WriteFile(agent.Get().m_tstrOutboundDir + "big.cef", big);
+        long idle = pwsupport::ResidentKiB();
+        if (!pwsupport::ResetResidentPeak()) {
             state.SkipWithError("cannot reset the peak resident size");
             break;
         }
         state.ResumeTiming();
         agent.Get().ScanAndPostFile(0);
         state.PauseTiming();
-        worst = std::max(worst, (uploadbench::PeakResidentKiB() - idle) / 1024.0);
+        worst = std::max(worst, (pwsupport::PeakResidentKiB() - idle) / 1024.0);
         state.ResumeTiming();
     }
     RunSeconds()["PeakMiB"] = worst;

@@ -5,6 +5,9 @@
 #include <cstddef>
 #include <string>
 
+#include "ProcessMemory.h"
+#include "ScratchFiles.h"
+
 namespace collectionbench {
 
 // The bencode bytes of one module's feedback dictionary of about `bytes` bytes, shaped as
@@ -12,7 +15,7 @@ namespace collectionbench {
 // texts of varying length, a few larger text blobs, the module's name and version.
 std::string MakeModuleData(size_t bytes, unsigned int seed);
 
-bool WriteFile(const std::string& path, const std::string& content);
+using pwsupport::WriteFile;
 
 // Bytes that operator new handed out and that are not deleted yet, and the highest value
 // since the last ResetHeapPeak() (requested sizes, without the allocator's own overhead).
@@ -21,8 +24,8 @@ size_t HeapPeakBytes();
 void ResetHeapPeak();
 
 // VmRSS and VmHWM of this process in KiB; ResetResidentPeak() restarts VmHWM from VmRSS.
-long ResidentKiB();
-long PeakResidentKiB();
-bool ResetResidentPeak();
+using pwsupport::PeakResidentKiB;
+using pwsupport::ResetResidentPeak;
+using pwsupport::ResidentKiB;
 
 }  // namespace collectionbench

@@ -1,9 +1,8 @@
-// Memory figures of the benchmark process. Every operator new of the process (the plug-in's
+// Heap figures of the benchmark process. Every operator new of the process (the plug-in's
 // code is linked in) goes through the counting allocator below.
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <new>
 #include <string>
 
@@ -53,17 +52,6 @@ void Release(void* p) noexcept {
     free(block);
 }
 
-long StatusKiB(const char* key) {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.compare(0, strlen(key), key) == 0) {
-            return strtol(line.c_str() + strlen(key), nullptr, 10);
-        }
-    }
-    return -1;
-}
-
 }  // namespace
 
 void* operator new(size_t size) {
@@ -109,21 +97,6 @@ size_t HeapPeakBytes() {
 
 void ResetHeapPeak() {
     g_peakBytes.store(g_liveBytes.load());
-}
-
-long ResidentKiB() {
-    return StatusKiB("VmRSS:");
-}
-
-long PeakResidentKiB() {
-    return StatusKiB("VmHWM:");
-}
-
-bool ResetResidentPeak() {
-    std::ofstream clear("/proc/self/clear_refs");
-    clear << "5";
-    clear.flush();
-    return static_cast<bool>(clear);
 }
 
 }  // namespace collectionbench

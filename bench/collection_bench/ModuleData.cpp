@@ -1,6 +1,5 @@
 // Generated module feedback files.
 #include <cstdio>
-#include <fstream>
 #include <random>
 #include <string>
 
@@ -88,12 +87,6 @@ std::string MakeModuleData(size_t bytes, unsigned int seed) {
     out += 'e';
     out += tail;
     return out;
-}
-
-bool WriteFile(const std::string& path, const std::string& content) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(content.data(), static_cast<std::streamsize>(content.size()));
-    return static_cast<bool>(out);
 }
 
 }  // namespace collectionbench

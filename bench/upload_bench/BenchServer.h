@@ -1,35 +1,23 @@
-// Helpers of the upload benchmark: the local feedback server as a child process, the test
-// certificates, child processes, and the process's memory figures.
+// Helpers of the upload benchmark: the local feedback server as a child process and the
+// test certificates. Files, child processes and memory figures come from the shared
+// support library.
 #pragma once
 
-#include <sys/types.h>
-
+#include <cstddef>
 #include <string>
-#include <vector>
+
+#include "ChildProcess.h"
+#include "FeedbackServerProcess.h"
+#include "ProcessMemory.h"
+#include "ScratchFiles.h"
 
 namespace uploadbench {
 
-// A temporary directory, removed with its content by the destructor.
-class ScratchDir {
+// A temporary directory under /tmp, removed with its content by the destructor.
+class ScratchDir : public pwsupport::ScratchDir {
 public:
-    ScratchDir();
-    ~ScratchDir();
-    const std::string& Path() const { return m_path; }
-    std::string operator/(const std::string& name) const { return m_path + "/" + name; }
-
-    ScratchDir(const ScratchDir&) = delete;
-    ScratchDir& operator=(const ScratchDir&) = delete;
-
-private:
-    std::string m_path;
+    ScratchDir() : pwsupport::ScratchDir("/tmp", "pwbench-") {}
 };
-
-void RemoveTree(const std::string& path);
-bool WriteFile(const std::string& path, const std::string& content);
-size_t CountFiles(const std::string& directory, const std::string& suffix);
-
-// Runs `args` (argv[0] looked up in PATH) and waits; the exit status, -1 if it did not run.
-int RunProcess(const std::vector<std::string>& args);
 
 // The test certificates (tests/e2e/make_certs.sh), made once in a scratch directory.
 const std::string& CertDir();
@@ -38,10 +26,10 @@ const std::string& CertDir();
 class BenchServer {
 public:
     BenchServer(const std::string& mode, bool record);
-    ~BenchServer();
-    bool Running() const { return m_port > 0; }
-    int Port() const { return m_port; }
-    std::string ConnectTo() const;  // production host name:443 to this server
+    bool Running() const { return m_server.Port() > 0; }
+    int Port() const { return m_server.Port(); }
+    // production host name:443 to this server
+    std::string ConnectTo() const { return m_server.ConnectTo(); }
     size_t RequestCount() const;
     // Routes the production host name here and trusts the test CA (host settings).
     void Route() const;
@@ -51,13 +39,7 @@ public:
 
 private:
     ScratchDir m_dir;
-    pid_t m_pid;
-    int m_port;
+    pwsupport::FeedbackServerProcess m_server;  // stopped before m_dir is removed
 };
-
-// VmRSS and VmHWM of this process in KiB; ResetPeak() restarts VmHWM from VmRSS.
-long ResidentKiB();
-long PeakResidentKiB();
-bool ResetPeak();
 
 }  // namespace uploadbench

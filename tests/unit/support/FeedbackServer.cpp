@@ -1,18 +1,11 @@
 #include "FeedbackServer.h"
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
+#include <cctype>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <sstream>
 #include <thread>
 
@@ -20,57 +13,12 @@
 
 namespace pwtest {
 
-const char* const kFeedbackServerName = "feedback.pathweave.example";
-
 namespace {
-
-// Runs `argv` with stdout into a pipe (when `out` is not null); returns the child's pid.
-pid_t Spawn(const std::vector<std::string>& args, int* out) {
-    int fds[2] = {-1, -1};
-    if (out != nullptr && pipe2(fds, O_CLOEXEC) != 0) {
-        ADD_FAILURE() << "pipe2: " << strerror(errno);
-        return -1;
-    }
-    std::vector<char*> argv;
-    for (const std::string& arg : args) {
-        argv.push_back(const_cast<char*>(arg.c_str()));
-    }
-    argv.push_back(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        if (out != nullptr) {
-            dup2(fds[1], STDOUT_FILENO);
-        }
-        execvp(argv[0], argv.data());
-        _exit(127);
-    }
-    if (out != nullptr) {
-        close(fds[1]);
-        if (pid < 0) {
-            close(fds[0]);
-        } else {
-            *out = fds[0];
-        }
-    }
-    if (pid < 0) {
-        ADD_FAILURE() << "fork: " << strerror(errno);
-    }
-    return pid;
-}
-
-int WaitExit(pid_t pid) {
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 class CertDir {
 public:
     CertDir() {
-        int rc = WaitExit(
-            Spawn({"bash", std::string(PW_SOURCE_DIR) + "/tests/e2e/make_certs.sh", m_dir.path()},
-                  nullptr));
+        int rc = pwsupport::MakeTestCerts(m_dir.path(), false);
         if (rc != 0) {
             ADD_FAILURE() << "make_certs.sh failed with " << rc;
         } else {
@@ -85,20 +33,7 @@ private:
 };
 
 std::vector<std::string> MetaFiles(const std::string& dir) {
-    std::vector<std::string> names;
-    DIR* d = opendir(dir.c_str());
-    if (d == nullptr) {
-        return names;
-    }
-    while (struct dirent* entry = readdir(d)) {
-        std::string name = entry->d_name;
-        if (name.size() > 5 && name.compare(name.size() - 5, 5, ".meta") == 0) {
-            names.push_back(name.substr(0, name.size() - 5));
-        }
-    }
-    closedir(d);
-    std::sort(names.begin(), names.end());
-    return names;
+    return pwsupport::FilesWithSuffix(dir, ".meta");
 }
 
 std::string Lower(std::string text) {
@@ -139,64 +74,27 @@ bool RecordedRequest::HasHeader(const std::string& name) const {
 }
 
 FeedbackServer::FeedbackServer(const std::string& certName, const std::string& mode,
-                               bool recordBodies)
-    : m_pid(-1), m_port(0) {
+                               bool recordBodies) {
     if (TestCertDir().empty()) {
         return;
     }
     mkdir((m_dir / "records").c_str(), 0700);
-    // The distribution's interpreter when there is one: it starts fastest.
-    const char* python = access("/usr/bin/python3", X_OK) == 0 ? "/usr/bin/python3" : "python3";
-    std::vector<std::string> args = {
-        python,         std::string(PW_SOURCE_DIR) + "/tests/e2e/feedback_server.py",
-        "--cert",       TestCertPath(certName + ".pem"),
-        "--key",        TestCertPath(certName + ".key"),
-        "--record-dir", m_dir / "records",
-        "--control",    m_dir / "control",
-        "--mode",       mode};
+    std::vector<std::string> options = {"--cert",       TestCertPath(certName + ".pem"),
+                                        "--key",        TestCertPath(certName + ".key"),
+                                        "--record-dir", m_dir / "records",
+                                        "--control",    m_dir / "control",
+                                        "--mode",       mode};
     if (!recordBodies) {
-        args.push_back("--no-bodies");
+        options.push_back("--no-bodies");
     }
-    int out = -1;
-    m_pid = Spawn(args, &out);
-    if (m_pid < 0) {
-        return;
-    }
-    // "PORT <n>\n" once the server listens; bounded wait.
-    std::string line;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (line.find('\n') == std::string::npos && std::chrono::steady_clock::now() < deadline) {
-        struct pollfd p = {out, POLLIN, 0};
-        if (poll(&p, 1, 100) > 0) {
-            char buffer[64];
-            ssize_t n = read(out, buffer, sizeof buffer);
-            if (n <= 0) {
-                break;
-            }
-            line.append(buffer, static_cast<size_t>(n));
-        }
-    }
-    close(out);
-    if (line.compare(0, 5, "PORT ") == 0) {
-        m_port = atoi(line.c_str() + 5);
-    }
-    if (m_port <= 0) {
-        ADD_FAILURE() << "feedback server did not start: \"" << line << "\"";
-        Stop();
+    std::string error;
+    if (!m_server.Start(options, false, &error)) {
+        ADD_FAILURE() << error;
     }
 }
 
 FeedbackServer::~FeedbackServer() {
     Stop();
-}
-
-void FeedbackServer::Stop() {
-    if (m_pid > 0) {
-        kill(m_pid, SIGTERM);
-        WaitExit(m_pid);
-        m_pid = -1;
-    }
-    m_port = 0;
 }
 
 void FeedbackServer::SetControl(const std::string& lines) {
@@ -256,15 +154,8 @@ bool FeedbackServer::WaitForRequests(size_t count, unsigned int timeoutMs) const
     return true;
 }
 
-std::string FeedbackServer::ConnectTo() const {
-    return std::string(kFeedbackServerName) + ":443:127.0.0.1:" + std::to_string(m_port);
-}
-
 void FeedbackServer::Route() const {
-    pwhost::HostSettings settings = pwhost::CurrentHostSettings();
-    settings.caFile = TestCertPath("ca.pem");
-    settings.connectTo = ConnectTo();
-    pwhost::ApplyHostSettings(settings);
+    m_server.Route(TestCertPath("ca.pem"));
 }
 
 void ClearRoute() {

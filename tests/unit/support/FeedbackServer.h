@@ -3,18 +3,17 @@
 // request. Certificates are made once per test program by tests/e2e/make_certs.sh.
 #pragma once
 
-#include <sys/types.h>
-
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "FeedbackServerProcess.h"
 #include "TestSupport.h"
 
 namespace pwtest {
 
 // The production host name that the server's certificates are made for.
-extern const char* const kFeedbackServerName;  // "feedback.pathweave.example"
+using pwsupport::kFeedbackServerName;  // "feedback.pathweave.example"
 
 // Directory of the test certificates (made on first use; empty, with a test failure, if
 // they cannot be made). Files: ca.pem, and <name>.pem/<name>.key for server, wrongname,
@@ -44,8 +43,8 @@ public:
                             bool recordBodies = true);
     ~FeedbackServer();
 
-    bool Running() const { return m_port > 0; }
-    int Port() const { return m_port; }
+    bool Running() const { return m_server.Port() > 0; }
+    int Port() const { return m_server.Port(); }
 
     // Replaces the control file: key=value lines, e.g. "mode=error\n".
     void SetControl(const std::string& lines);
@@ -58,20 +57,19 @@ public:
     bool WaitForRequests(size_t count, unsigned int timeoutMs = 5000) const;
 
     // "feedback.pathweave.example:443:127.0.0.1:<port>"
-    std::string ConnectTo() const;
+    std::string ConnectTo() const { return m_server.ConnectTo(); }
     // Applies host settings that route the production host name's port 443 to this server
     // and trust the test CA (the other host settings are kept).
     void Route() const;
 
-    void Stop();
+    void Stop() { m_server.Stop(); }
 
     FeedbackServer(const FeedbackServer&) = delete;
     FeedbackServer& operator=(const FeedbackServer&) = delete;
 
 private:
     TempDir m_dir;
-    pid_t m_pid;
-    int m_port;
+    pwsupport::FeedbackServerProcess m_server;  // stopped before m_dir is removed
 };
 
 // Sets host settings with no CA file and no route (undoes FeedbackServer::Route).

@@ -9,29 +9,22 @@
 
 #include "HostTestControl.h"
 #include "ResultCodes.h"
+#include "ScratchFiles.h"
 
 namespace pwtest {
 
-// A fresh directory under the build tree (or /tmp), removed with its content at the end.
-class TempDir {
+// A fresh directory under $TMPDIR (or /tmp), removed with its content at the end; a test
+// failure if it cannot be made.
+class TempDir : public pwsupport::ScratchDir {
 public:
     TempDir();
-    ~TempDir();
-    const std::string& path() const { return m_path; }
-    std::string operator/(const std::string& name) const { return m_path + "/" + name; }
-
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-
-private:
-    std::string m_path;
 };
 
-void RemoveTree(const std::string& path);
-bool WriteFile(const std::string& path, const std::string& content);
-bool ReadFile(const std::string& path, std::string& content);
-std::string ReadFileOrEmpty(const std::string& path);
-bool FileExists(const std::string& path);
+using pwsupport::FileExists;
+using pwsupport::ReadFile;
+using pwsupport::ReadFileOrEmpty;
+using pwsupport::RemoveTree;
+using pwsupport::WriteFile;
 
 // Captures the log, starts on the manual clock and clears every fault switch; undoes
 // all of it at the end.
