@@ -6,13 +6,14 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <map>
 #include <memory>
+#include <new>
 #include <sstream>
-#include <vector>
 
 #include "Base64.h"
 #include "FileSystemWatcher.h"
@@ -280,8 +281,9 @@ bool CPhoneHomeAgent::SaveThreatReportToFile(const std::string& path) {
     if (!file.seekg(0, std::ios::beg)) {
         PH_LOG(PH_ERROR, "Failed to seek in threat report file %s", path.c_str());
     }
-    std::vector<char> buffer(static_cast<size_t>(size) + 1, '\0');
-    if (!file.read(buffer.data(), static_cast<std::streamsize>(size))) {
+    // A file too large for memory is a failed read, not an exception out of the watcher.
+    std::unique_ptr<char[]> buffer(new (std::nothrow) char[static_cast<size_t>(size) + 1]());
+    if (!buffer || !file.read(buffer.get(), static_cast<std::streamsize>(size))) {
         PH_LOG(PH_ERROR, "Failed to read threat report file %s", path.c_str());
         return false;
     }
@@ -293,7 +295,7 @@ bool CPhoneHomeAgent::SaveThreatReportToFile(const std::string& path) {
         PH_LOG(PH_ERROR, "Unable to get threat report dictionary");
         return false;
     }
-    if (!threatReports->Insert("ThreatIncident", std::string(buffer.data()))) {
+    if (!threatReports->Insert("ThreatIncident", std::string(buffer.get()))) {
         PH_LOG(PH_ERROR, "Failed to insert threat data into dictionary");
         return false;
     }
