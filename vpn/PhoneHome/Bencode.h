@@ -227,6 +227,11 @@ private:
     bool PutByte(char c);
     bool PutBytes(char const* data, size_t count);
     bool ReadText(std::string& out, size_t count);
+    // Room for `count` bytes at the write position, or null when the stream refuses to write
+    // (not good) or the buffer cannot grow (then the bad bit is set). The writer fills the
+    // room and hands its end to CommitWrite.
+    char* WriteSpace(size_t count);
+    void CommitWrite(char const* end);
     bool Reserve(size_t capacity);
     void SetState(unsigned int bits) { m_state |= bits; }
 
@@ -244,6 +249,9 @@ private:
     // that a container saved again and again does not regrow its buffer on every save.
     size_t m_sizeHint;
     unsigned int m_state;
+    // True while the content is known to hold no NUL byte (it was loaded, which cuts at the
+    // first NUL, or written only by the value writers): reading a string then needs no scan.
+    bool m_nulFree;
     std::string m_fileName;
     bool m_useTempFile;
 };

@@ -57,6 +57,7 @@ CBencodeStream::CBencodeStream(std::string const& fileName, bool useTempFile)
       m_writePos(0),
       m_sizeHint(0),
       m_state(0),
+      m_nulFree(true),
       m_fileName(fileName),
       m_useTempFile(useTempFile) {}
 
@@ -71,6 +72,7 @@ void CBencodeStream::ResetStream() {
     m_size = 0;
     m_readPos = 0;
     m_writePos = 0;
+    m_nulFree = true;
 }
 
 // Whether the file exists is judged by errno alone, as left by the read-only open (errno is
@@ -143,6 +145,7 @@ int CBencodeStream::LoadStream() {
     m_capacity = size + 1;
     m_readPos = 0;
     m_writePos = 0;
+    m_nulFree = true;
     return eBencodeSuccess;
 }
 

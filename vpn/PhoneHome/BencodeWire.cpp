@@ -82,6 +82,31 @@ bool CBencodeStream::PutBytes(char const* data, size_t count) {
     return true;
 }
 
+// Defined before its callers in this file so that the common case is inlined into them.
+inline char* CBencodeStream::WriteSpace(size_t count) {
+    if (m_state == 0 && m_capacity - m_writePos >= count) {
+        return m_data.get() + m_writePos;
+    }
+    if (m_state != 0) {
+        if ((m_state & kBadBit) != 0) {
+            m_state |= kFailBit;
+        }
+        return nullptr;
+    }
+    if (!Reserve(m_writePos + count)) {
+        m_state |= kBadBit;
+        return nullptr;
+    }
+    return m_data.get() + m_writePos;
+}
+
+inline void CBencodeStream::CommitWrite(char const* end) {
+    m_writePos = static_cast<size_t>(end - m_data.get());
+    if (m_writePos > m_size) {
+        m_size = m_writePos;
+    }
+}
+
 bool CBencodeStream::PutByte(char c) {
     if (m_state == 0 && m_writePos < m_capacity) {
         m_data.get()[m_writePos++] = c;
@@ -94,6 +119,9 @@ bool CBencodeStream::PutByte(char c) {
 }
 
 bool CBencodeStream::Write(char const* data, unsigned int count) {
+    if (count != 0 && memchr(data, 0, count) != nullptr) {
+        m_nulFree = false;
+    }
     PutBytes(data, count);
     return Good();
 }
@@ -136,7 +164,8 @@ bool CBencodeStream::ReadText(std::string& out, size_t count) {
         return false;
     }
     char const* text = m_data.get() + m_readPos;
-    char const* nul = count != 0 ? static_cast<char const*>(memchr(text, 0, count)) : nullptr;
+    char const* nul =
+        m_nulFree || count == 0 ? nullptr : static_cast<char const*>(memchr(text, 0, count));
     out.assign(text, nul != nullptr ? static_cast<size_t>(nul - text) : count);
     m_readPos += count;
     return true;
@@ -338,19 +367,87 @@ CBencodeStream& CBencodeStream::operator>>(long long& value) {
 // CBencode: integers and strings
 // ---------------------------------------------------------------------------------------
 
+namespace {
+
+// Longest decimal text of a 64-bit integer ("-9223372036854775808").
+const size_t kMaxDigits = 20;
+
+inline char* PutDecimal(char* out, long long value) {
+    return std::to_chars(out, out + kMaxDigits, value).ptr;
+}
+
+// Lengths are mostly one or two digits.
+inline char* PutLength(char* out, size_t length) {
+    if (length < 10) {
+        *out = static_cast<char>('0' + length);
+        return out + 1;
+    }
+    if (length < 100) {
+        out[0] = static_cast<char>('0' + length / 10);
+        out[1] = static_cast<char>('0' + length % 10);
+        return out + 2;
+    }
+    return std::to_chars(out, out + kMaxDigits, static_cast<unsigned long long>(length)).ptr;
+}
+
+// Keys and values are mostly short: copies of up to 16 bytes are done with fixed-size moves
+// instead of a library call.
+inline char* PutBytesAt(char* out, char const* in, size_t count) {
+    if (count >= 8 && count <= 16) {
+        memcpy(out, in, 8);
+        memcpy(out + count - 8, in + count - 8, 8);
+    } else if (count >= 4 && count < 8) {
+        memcpy(out, in, 4);
+        memcpy(out + count - 4, in + count - 4, 4);
+    } else if (count < 4) {
+        for (size_t i = 0; i < count; ++i) {
+            out[i] = in[i];
+        }
+    } else {
+        memcpy(out, in, count);
+    }
+    return out + count;
+}
+
+// Bytes before the first NUL of `size` bytes of text.
+inline size_t TextLength(char const* text, size_t size) {
+    if (size <= 16) {
+        for (size_t i = 0; i < size; ++i) {
+            if (text[i] == '\0') {
+                return i;
+            }
+        }
+        return size;
+    }
+    void const* nul = memchr(text, 0, size);
+    return nul != nullptr ? static_cast<size_t>(static_cast<char const*>(nul) - text) : size;
+}
+
+}  // namespace
+
 bool CBencode::Externalize(CBencodeStream& stream) {
     if (m_type == eBencodeInteger) {
-        stream.PutByte('i');
-        stream << m_integer;
-        stream.PutByte('e');
-        return stream.Good();
+        char* out = stream.WriteSpace(kMaxDigits + 2);
+        if (out == nullptr) {
+            return false;
+        }
+        *out++ = 'i';
+        out = PutDecimal(out, m_integer);
+        *out++ = 'e';
+        stream.CommitWrite(out);
+        return true;
     }
     if (m_type == eBencodeString) {
-        stream << static_cast<long long>(m_string.size());
-        stream.PutByte(':');
         // A string value holds no NUL byte, so its NUL-terminated text is all of it.
-        stream.PutBytes(m_string.data(), m_string.size());
-        return stream.Good();
+        char* out = stream.WriteSpace(kMaxDigits + 1 + m_string.size());
+        if (out == nullptr) {
+            return false;
+        }
+        out = PutLength(out, m_string.size());
+        *out++ = ':';
+        out = PutBytesAt(out, m_string.data(), m_string.size());
+        stream.CommitWrite(out);
+        return true;
     }
     return false;
 }
@@ -404,23 +501,23 @@ bool CBencode::GetStringFromStream(CBencodeStream& stream, std::string& out) con
 // ---------------------------------------------------------------------------------------
 
 bool CBencodeList::Externalize(CBencodeStream& stream) {
-    stream.PutByte('l');
-    if (!stream.Good()) {
+    if (!stream.PutByte('l')) {
         BENCODE_LOG_ERROR("Failed to externalize list type identifier");
         return false;
     }
-    for (CBencode* item : m_items) {
-        if (item == nullptr) {
+    CBencode* const* items = m_items.data();
+    const size_t count = m_items.size();
+    for (size_t i = 0; i < count; ++i) {
+        if (items[i] == nullptr) {
             BENCODE_LOG_ERROR("NULL item stored in list");
             return false;
         }
-        if (!item->Externalize(stream)) {
+        if (!items[i]->Externalize(stream)) {
             BENCODE_LOG_ERROR("Failed to externalize list item");
             return false;
         }
     }
-    stream.PutByte('e');
-    return stream.Good();
+    return stream.PutByte('e');
 }
 
 bool CBencodeList::Internalize(CBencodeStream& stream) {
@@ -449,7 +546,7 @@ bool CBencodeList::Internalize(CBencodeStream& stream) {
         }
         if (next == 'l') {
             CBencodeList* item = new CBencodeList(true);
-            if (!item->Internalize(stream)) {
+            if (!item->CBencodeList::Internalize(stream)) {
                 delete item;
                 BENCODE_LOG_ERROR("Failed to internalize list item of type list");
                 return false;
@@ -457,7 +554,7 @@ bool CBencodeList::Internalize(CBencodeStream& stream) {
             m_items.push_back(item);
         } else if (next == 'd') {
             CBencodeDictionary* item = new CBencodeDictionary(true);
-            if (!item->Internalize(stream)) {
+            if (!item->CBencodeDictionary::Internalize(stream)) {
                 delete item;
                 BENCODE_LOG_ERROR("Failed to internalize list item of type dictionary");
                 return false;
@@ -488,8 +585,7 @@ bool CBencodeList::Internalize(CBencodeStream& stream) {
 // ---------------------------------------------------------------------------------------
 
 bool CBencodeDictionary::Externalize(CBencodeStream& stream) {
-    stream.PutByte('d');
-    if (!stream.Good()) {
+    if (!stream.PutByte('d')) {
         BENCODE_LOG_ERROR("Failed to externalize dictionary type identifier");
         return false;
     }
@@ -499,20 +595,22 @@ bool CBencodeDictionary::Externalize(CBencodeStream& stream) {
             return false;
         }
         // The key's length is its full size, its body the text before any NUL byte.
-        stream << static_cast<long long>(entry.first.size());
-        stream.PutByte(':');
-        stream << entry.first;
-        if (!stream.Good()) {
+        std::string const& key = entry.first;
+        char* out = stream.WriteSpace(kMaxDigits + 1 + key.size());
+        if (out == nullptr) {
             BENCODE_LOG_ERROR("Failed to externalize key string");
             return false;
         }
+        out = PutLength(out, key.size());
+        *out++ = ':';
+        out = PutBytesAt(out, key.data(), TextLength(key.data(), key.size()));
+        stream.CommitWrite(out);
         if (!entry.second->Externalize(stream)) {
             BENCODE_LOG_ERROR("Failed to externalize value");
             return false;
         }
     }
-    stream.PutByte('e');
-    return stream.Good();
+    return stream.PutByte('e');
 }
 
 bool CBencodeDictionary::Internalize(CBencodeStream& stream) {
@@ -555,37 +653,40 @@ bool CBencodeDictionary::Internalize(CBencodeStream& stream) {
             BENCODE_LOG_ERROR("Failed to internalize value type identifier");
             return false;
         }
-        CBencode* value = nullptr;
+        // The entry goes in before its value is read, so that entries and values lie in
+        // memory in the order of the text: later walks of the tree (writing, comparing,
+        // freeing) then run through memory front to back.
+        EntryMap::iterator entry = m_entries.emplace_hint(position, std::move(key), nullptr);
+        const char* failure = nullptr;
         if (next == 'i') {
-            value = new CBencode(eBencodeInteger);
-            if (!value->CBencode::Internalize(stream)) {
-                delete value;
-                BENCODE_LOG_ERROR("Failed to internalize value of type integer");
-                return false;
+            entry->second = new CBencode(eBencodeInteger);
+            if (!entry->second->CBencode::Internalize(stream)) {
+                failure = "Failed to internalize value of type integer";
             }
         } else if (next == 'l') {
-            value = new CBencodeList(true);
-            if (!value->Internalize(stream)) {
-                delete value;
-                BENCODE_LOG_ERROR("Failed to internalize value of type list");
-                return false;
+            CBencodeList* list = new CBencodeList(true);
+            entry->second = list;
+            if (!list->CBencodeList::Internalize(stream)) {
+                failure = "Failed to internalize value of type list";
             }
         } else if (next == 'd') {
-            value = new CBencodeDictionary(true);
-            if (!value->Internalize(stream)) {
-                delete value;
-                BENCODE_LOG_ERROR("Failed to internalize value of type dictionary");
-                return false;
+            CBencodeDictionary* dictionary = new CBencodeDictionary(true);
+            entry->second = dictionary;
+            if (!dictionary->CBencodeDictionary::Internalize(stream)) {
+                failure = "Failed to internalize value of type dictionary";
             }
         } else {
-            value = new CBencode(eBencodeString);
-            if (!value->CBencode::Internalize(stream)) {
-                delete value;
-                BENCODE_LOG_ERROR("Failed to internalize value of type string");
-                return false;
+            entry->second = new CBencode(eBencodeString);
+            if (!entry->second->CBencode::Internalize(stream)) {
+                failure = "Failed to internalize value of type string";
             }
         }
-        m_entries.emplace_hint(position, std::move(key), value);
+        if (failure != nullptr) {
+            delete entry->second;
+            m_entries.erase(entry);
+            BENCODE_LOG_ERROR("%s", failure);
+            return false;
+        }
     }
     stream.GetByte(c);
     return stream.Good();
