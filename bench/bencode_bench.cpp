@@ -35,10 +35,7 @@ namespace {
 // Heap growth of `work` at its peak, in bytes.
 template <typename Work>
 long long PeakGrowth(Work work) {
-    const long long base = bencodebench::HeapInUse();
-    bencodebench::ResetHeapPeak();
-    work();
-    return bencodebench::HeapPeak() - base;
+    return bencodebench::PeakHeapGrowth(work);
 }
 
 struct Input {
@@ -123,21 +120,39 @@ void BencodeLoad(benchmark::State& state, const Input* input) {
 void BencodeInternalizeFromMemory(benchmark::State& state, const Input* input) {
     for (auto _ : state) {
         state.PauseTiming();
-        CBencodeStream stream("", false);
-        stream.Write(input->bytes.data(), static_cast<unsigned int>(input->bytes.size()));
+        std::unique_ptr<CBencodeStream> stream(new CBencodeStream("", false));
+        stream->Write(input->bytes.data(), static_cast<unsigned int>(input->bytes.size()));
         std::unique_ptr<CBencode> root(input->dictionary
                                            ? static_cast<CBencode*>(new CBencodeDictionary(false))
                                            : new CBencodeList(false));
         state.ResumeTiming();
-        if (!root->Internalize(stream)) {
+        const bool ok = root->Internalize(*stream);
+        state.PauseTiming();  // freeing the tree and the buffer is not part of the decode
+        root.reset();
+        stream.reset();
+        state.ResumeTiming();
+        if (!ok) {
             state.SkipWithError("internalize failed");
             break;
         }
-        state.PauseTiming();
-        root.reset();
-        state.ResumeTiming();
     }
     SetBytes(state, *input);
+}
+
+// The serialisation alone, into a stream in memory: Externalize() without the file.
+void BencodeExternalizeToMemory(benchmark::State& state, const Input* input) {
+    Loaded loaded;
+    Load(*input, loaded);
+    CBencodeStream stream("", false);
+    for (auto _ : state) {
+        stream.ResetStream();
+        if (!loaded.root->Externalize(stream)) {
+            state.SkipWithError("serialisation failed");
+            break;
+        }
+    }
+    SetBytes(state, *input);
+    Release(loaded);
 }
 
 void BencodeExternalize(benchmark::State& state, const Input* input) {
@@ -350,6 +365,9 @@ void PrintSummary(const CSummaryReporter& reporter) {
         PrintRatio("Internalize, from memory", internalize, entry, "libtorrent bdecode->entry");
         PrintRatio("Externalize() to file", externalize, bencode, "libtorrent bencode");
         PrintRatio("", externalize, bencodeFile, "libtorrent bencode + write file");
+        PrintRatio("serialisation alone, into memory",
+                   reporter.Rate(prefix + "bencode_externalize_memory"), bencode,
+                   "libtorrent bencode");
         PrintRatio("libtorrent bdecode->entry", entry, 0.0, "");
         PrintRatio("libtorrent bdecode (tokens)", tokens, 0.0, "");
         PrintRatio("libtorrent bencode", bencode, 0.0, "");
@@ -419,6 +437,9 @@ int main(int argc, char** argv) {
             ->Unit(benchmark::kMillisecond);
         benchmark::RegisterBenchmark((prefix + "bencode_externalize_file").c_str(),
                                      BencodeExternalize, &input)
+            ->Unit(benchmark::kMillisecond);
+        benchmark::RegisterBenchmark((prefix + "bencode_externalize_memory").c_str(),
+                                     BencodeExternalizeToMemory, &input)
             ->Unit(benchmark::kMillisecond);
 #ifdef PW_HAVE_LIBTORRENT
         benchmark::RegisterBenchmark((prefix + "libtorrent_bdecode_entry").c_str(),

@@ -71,33 +71,36 @@ std::string Name(const char* prefix, unsigned int index) {
     return text;
 }
 
-// One module's data: 24 sections of 16 groups, each group a dictionary of counters, a
-// name, a list of `events` event records and a small dictionary of flags.
-void FillModule(CBencodeDictionary& module, CSequence& sequence, unsigned int events) {
-    for (unsigned int s = 0; s < 24; ++s) {
-        CBencodeDictionary* section = nullptr;
-        module.Get(Name("Section", s), section, true);
-        for (unsigned int g = 0; g < 16; ++g) {
-            CBencodeDictionary* group = nullptr;
-            section->Get(Name("group_", g), group, true);
-            group->Insert("count", static_cast<long long>(sequence.Below(100000)));
-            group->Insert("first_seen", 1400000000LL + sequence.Below(2592000));
-            group->Insert("last_seen", 1402000000LL + sequence.Below(592000));
-            group->Insert("name", sequence.Text(12 + sequence.Below(20)));
-            CBencodeList* records = nullptr;
-            group->Get("events", records, true);
-            for (unsigned int e = 0; e < events; ++e) {
-                records->Append(sequence.Text(60 + sequence.Below(60)));
+// One module's data: `keys` top-level entries, each a dictionary of a few counters and a
+// short name over a "details" dictionary of four small records (nesting four levels below
+// the module, like the feedback files that modules write: many short keys and values).
+void FillModule(CBencodeDictionary& module, CSequence& sequence, unsigned int keys) {
+    static const char* const kDetailNames[] = {"connect", "disconnect", "reconnect", "timeout"};
+    static const char* const kStates[] = {"ok", "failed", "pending", "skipped"};
+    for (unsigned int k = 0; k < keys; ++k) {
+        CBencodeDictionary* entry = nullptr;
+        module.Get(Name("Counter_", k) + sequence.Text(4), entry, true);
+        entry->Insert("count", static_cast<long long>(sequence.Below(100000)));
+        entry->Insert("first_seen", 1400000000LL + sequence.Below(2592000));
+        entry->Insert("last_seen", 1402000000LL + sequence.Below(592000));
+        entry->Insert("name", sequence.Text(6 + sequence.Below(12)));
+        CBencodeDictionary* details = nullptr;
+        entry->Get("details", details, true);
+        for (const char* detailName : kDetailNames) {
+            CBencodeDictionary* record = nullptr;
+            details->Get(detailName, record, true);
+            record->Insert("code", static_cast<long long>(sequence.Below(1000)));
+            record->Insert("state", std::string(kStates[sequence.Below(4)]));
+            CBencodeList* samples = nullptr;
+            record->Get("samples", samples, true);
+            for (unsigned int i = 0; i < 3; ++i) {
+                samples->Append(static_cast<long long>(sequence.Below(5000)));
             }
-            CBencodeDictionary* flags = nullptr;
-            group->Get("flags", flags, true);
-            flags->Insert("enabled", static_cast<long long>(sequence.Below(2)));
-            flags->Insert("reported", static_cast<long long>(sequence.Below(2)));
         }
     }
 }
 
-std::string PayloadWithEvents(unsigned int events) {
+std::string PayloadWithKeys(unsigned int keys) {
     CSequence sequence(20240601u);
     CBencodeList payload(false);
     payload.Append(7LL);
@@ -125,7 +128,7 @@ std::string PayloadWithEvents(unsigned int events) {
     for (const char* name : moduleNames) {
         CBencodeDictionary* module = nullptr;
         modules->Get(name, module, true);
-        FillModule(*module, sequence, events);
+        FillModule(*module, sequence, keys);
     }
     CBencodeDictionary* crashes = nullptr;
     quality->Get("CrashReports", crashes, true);
@@ -157,7 +160,7 @@ std::string FlatDictionaryWithValueLength(unsigned int length) {
 }  // namespace
 
 std::string GeneratePayload() {
-    return LargestFitting(1, 64, PayloadWithEvents);
+    return LargestFitting(1000, 20000, PayloadWithKeys);
 }
 
 std::string GenerateFlatDictionary() {

@@ -8,7 +8,7 @@ namespace bencodebench {
 
 // A feedback report: the payload list [7, machine id, 3, [start, end, level-3 dictionary]]
 // whose "QualityImprovementData" holds four modules' data dictionaries (a few thousand
-// keys each, nested four levels) and one crash report with a 400 KiB base64 dump.
+// keys each of short values, nested four levels) and one crash report with a 400 KiB base64 dump.
 std::string GeneratePayload();
 
 // A flat dictionary of 200 000 short keys with short string and integer values.

@@ -1,83 +1,107 @@
-// Counting replacements of the global operator new and delete (see HeapAccounting.h).
+// Interposed malloc, calloc, realloc, free and the aligned allocators (see HeapAccounting.h).
+// Each forwards to the C library's own entry point and, while a window is open, adds or
+// subtracts the usable size of the block.
 #include "HeapAccounting.h"
 
 #include <malloc.h>
 
 #include <atomic>
-#include <cstdlib>
-#include <new>
+#include <cerrno>
+#include <cstddef>
+
+extern "C" {
+void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
+void* __libc_realloc(void* block, size_t size);
+void* __libc_memalign(size_t alignment, size_t size);
+void __libc_free(void* block);
+}
 
 namespace {
 
-std::atomic<long long> g_heapInUse{0};
-std::atomic<long long> g_heapPeak{0};
+std::atomic<bool> g_counting{false};
+std::atomic<long long> g_inUse{0};
+std::atomic<long long> g_peak{0};
 
-void* CountedAllocate(size_t size) {
-    void* memory = malloc(size != 0 ? size : 1);
-    if (memory == nullptr) {
-        return nullptr;
+void Count(long long delta) {
+    const long long now = g_inUse.fetch_add(delta, std::memory_order_relaxed) + delta;
+    long long peak = g_peak.load(std::memory_order_relaxed);
+    while (now > peak && !g_peak.compare_exchange_weak(peak, now, std::memory_order_relaxed)) {
     }
-    const long long now = g_heapInUse += static_cast<long long>(malloc_usable_size(memory));
-    long long peak = g_heapPeak.load(std::memory_order_relaxed);
-    while (now > peak && !g_heapPeak.compare_exchange_weak(peak, now)) {
-    }
-    return memory;
 }
 
-void CountedFree(void* memory) {
-    if (memory != nullptr) {
-        g_heapInUse -= static_cast<long long>(malloc_usable_size(memory));
-        free(memory);
+void* Counted(void* block) {
+    if (block != nullptr && g_counting.load(std::memory_order_relaxed)) {
+        Count(static_cast<long long>(malloc_usable_size(block)));
     }
+    return block;
 }
 
 }  // namespace
 
+extern "C" {
+
+void* malloc(size_t size) {
+    return Counted(__libc_malloc(size));
+}
+
+void* calloc(size_t count, size_t size) {
+    return Counted(__libc_calloc(count, size));
+}
+
+void* realloc(void* block, size_t size) {
+    if (!g_counting.load(std::memory_order_relaxed)) {
+        return __libc_realloc(block, size);
+    }
+    const long long before =
+        block != nullptr ? static_cast<long long>(malloc_usable_size(block)) : 0;
+    void* grown = __libc_realloc(block, size);
+    if (grown != nullptr) {
+        Count(static_cast<long long>(malloc_usable_size(grown)) - before);
+    } else if (size == 0 && block != nullptr) {
+        Count(-before);  // realloc(p, 0) freed the block
+    }
+    return grown;
+}
+
+void free(void* block) {
+    if (block != nullptr && g_counting.load(std::memory_order_relaxed)) {
+        Count(-static_cast<long long>(malloc_usable_size(block)));
+    }
+    __libc_free(block);
+}
+
+void* memalign(size_t alignment, size_t size) {
+    return Counted(__libc_memalign(alignment, size));
+}
+
+void* aligned_alloc(size_t alignment, size_t size) {
+    return Counted(__libc_memalign(alignment, size));
+}
+
+int posix_memalign(void** out, size_t alignment, size_t size) {
+    if (alignment < sizeof(void*) || (alignment & (alignment - 1)) != 0) {
+        return EINVAL;
+    }
+    void* block = Counted(__libc_memalign(alignment, size));
+    if (block == nullptr) {
+        return ENOMEM;
+    }
+    *out = block;
+    return 0;
+}
+
+}  // extern "C"
+
 namespace bencodebench {
 
-long long HeapInUse() {
-    return g_heapInUse.load();
-}
-long long HeapPeak() {
-    return g_heapPeak.load();
-}
-void ResetHeapPeak() {
-    g_heapPeak = g_heapInUse.load();
+long long PeakHeapGrowth(void (*work)(void*), void* context) {
+    g_inUse.store(0);
+    g_peak.store(0);
+    g_counting.store(true);
+    work(context);
+    g_counting.store(false);
+    return g_peak.load();
 }
 
 }  // namespace bencodebench
-
-void* operator new(size_t size) {
-    void* memory = CountedAllocate(size);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-void* operator new[](size_t size) {
-    return operator new(size);
-}
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-    return CountedAllocate(size);
-}
-void* operator new[](size_t size, const std::nothrow_t&) noexcept {
-    return CountedAllocate(size);
-}
-void operator delete(void* memory) noexcept {
-    CountedFree(memory);
-}
-void operator delete[](void* memory) noexcept {
-    CountedFree(memory);
-}
-void operator delete(void* memory, size_t) noexcept {
-    CountedFree(memory);
-}
-void operator delete[](void* memory, size_t) noexcept {
-    CountedFree(memory);
-}
-void operator delete(void* memory, const std::nothrow_t&) noexcept {
-    CountedFree(memory);
-}
-void operator delete[](void* memory, const std::nothrow_t&) noexcept {
-    CountedFree(memory);
-}
