@@ -544,39 +544,42 @@ bool CBencodeList::Internalize(CBencodeStream& stream) {
             stream.GetByte(c);
             return stream.Good();
         }
+        CBencode* item = nullptr;
+        const char* failure = nullptr;
         if (next == 'l') {
-            CBencodeList* item = new CBencodeList(true);
-            if (!item->CBencodeList::Internalize(stream)) {
-                delete item;
-                BENCODE_LOG_ERROR("Failed to internalize list item of type list");
-                return false;
+            CBencodeList* list = new CBencodeList(true);
+            item = list;
+            if (!list->CBencodeList::Internalize(stream)) {
+                failure = "Failed to internalize list item of type list";
             }
-            m_items.push_back(item);
         } else if (next == 'd') {
-            CBencodeDictionary* item = new CBencodeDictionary(true);
-            if (!item->CBencodeDictionary::Internalize(stream)) {
-                delete item;
-                BENCODE_LOG_ERROR("Failed to internalize list item of type dictionary");
-                return false;
+            CBencodeDictionary* dictionary = new CBencodeDictionary(true);
+            item = dictionary;
+            if (!dictionary->CBencodeDictionary::Internalize(stream)) {
+                failure = "Failed to internalize list item of type dictionary";
             }
-            m_items.push_back(item);
         } else if (next == 'i') {
-            CBencode* item = new CBencode(eBencodeInteger);
+            item = new CBencode(eBencodeInteger);
             if (!item->CBencode::Internalize(stream)) {
-                delete item;
-                BENCODE_LOG_ERROR("Failed to internalize list item of type integer");
-                return false;
+                failure = "Failed to internalize list item of type integer";
             }
-            m_items.push_back(item);
         } else {
-            CBencode* item = new CBencode(eBencodeString);
+            item = new CBencode(eBencodeString);
             if (!item->CBencode::Internalize(stream)) {
-                delete item;
-                BENCODE_LOG_ERROR("Failed to internalize list item of type string");
-                return false;
+                failure = "Failed to internalize list item of type string";
             }
-            m_items.push_back(item);
         }
+        if (failure != nullptr) {
+            delete item;
+            BENCODE_LOG_ERROR("%s", failure);
+            return false;
+        }
+        // Lists in feedback data are mostly short: room for four items at once spares the
+        // allocations of growing one item at a time.
+        if (m_items.capacity() == 0) {
+            m_items.reserve(4);
+        }
+        m_items.push_back(item);
     }
 }
 
