@@ -199,12 +199,17 @@ class EndToEnd(unittest.TestCase):
         self.assertNotEqual("", history["last_post"])
         self.assertNotEqual("", history["last_feedback"])
 
-    def test_server_error_keeps_the_report_until_a_retry_succeeds(self):
-        self.server = FeedbackServer(self.work, mode="error")
+    def start_with_one_module(self, **server):
+        """Starts a server with `server` options and the host with one module's file;
+        returns the path of the first report."""
+        self.server = FeedbackServer(self.work, **server)
         vpn = self.module_file("vpn.dat", {b"k": 1})
         self.write_profile("<IncludeCrashReport>false</IncludeCrashReport>")
         self.start_host({"VpnPhoneHomeFile": vpn})
-        report = os.path.join(OUTBOUND, "feedback_data1.cef")
+        return os.path.join(OUTBOUND, "feedback_data1.cef")
+
+    def test_server_error_keeps_the_report_until_a_retry_succeeds(self):
+        report = self.start_with_one_module(mode="error")
         self.assertTrue(wait_for(lambda: len(self.server.requests()) >= 1), self.log())
         self.assertTrue(os.path.exists(report))
         with open(report, "rb") as kept_file:
@@ -217,11 +222,7 @@ class EndToEnd(unittest.TestCase):
         self.assertEqual(b"data=" + kept, requests[-1][1])
 
     def test_untrusted_server_receives_nothing(self):
-        self.server = FeedbackServer(self.work, cert="wrongname")
-        vpn = self.module_file("vpn.dat", {b"k": 1})
-        self.write_profile("<IncludeCrashReport>false</IncludeCrashReport>")
-        self.start_host({"VpnPhoneHomeFile": vpn})
-        report = os.path.join(OUTBOUND, "feedback_data1.cef")
+        report = self.start_with_one_module(cert="wrongname")
         self.assertTrue(wait_for(lambda: os.path.exists(report)), self.log())
         time.sleep(1.0)
         self.stop_host()

@@ -5,8 +5,6 @@
 
 #include <clocale>
 #include <cstring>
-#include <functional>
-#include <memory>
 #include <regex>
 #include <string>
 
@@ -48,63 +46,19 @@ OS_VERSION_INFO OsRecord(unsigned int major, unsigned int minor, unsigned int bu
     return record;
 }
 
-// The bencode bytes of `value`.
-std::string Wire(CBencode& value) {
-    CBencodeStream stream("", false);
-    if (!value.Externalize(stream)) {
-        ADD_FAILURE() << "externalize failed";
-        return "";
-    }
-    return stream.Size() == 0 ? "" : std::string(stream.Data(), stream.Size());
-}
-
 class PayloadTest : public AgentFixture {
 protected:
     void SetUp() override {
-        AgentFixture::SetUp();
         OverrideOsVersion(OsRecord(2, 6, 0, "Linux", "2.6.32"));
-        long result = 0;
-        m_plugin.reset(new CPhoneHomePlugin(result));
-        ASSERT_EQ(0, result);
+        AgentFixture::SetUp();
     }
     void TearDown() override {
-        m_plugin.reset();
-        ClearOsVersionOverride();
-        setenv("LC_ALL", "C", 1);
-        setlocale(LC_ALL, "C");
         AgentFixture::TearDown();
+        ClearOsVersionOverride();
+        setlocale(LC_ALL, "C");
     }
-    CPhoneHomeAgent& agent() { return *m_plugin->GetAgent(); }
     static constexpr unsigned int kStart = kStartSeconds;
-
-    CBencodeList* Level2() {
-        CBencode* last = agent().m_PhoneHomePayload[3];
-        return last != nullptr && last->GetType() == CBencode::eBencodeList
-                   ? static_cast<CBencodeList*>(last)
-                   : nullptr;
-    }
-    CBencodeDictionary* Level3() {
-        CBencodeList* level2 = Level2();
-        CBencode* item = level2 != nullptr ? (*level2)[2] : nullptr;
-        return item != nullptr && item->GetType() == CBencode::eBencodeDictionary
-                   ? static_cast<CBencodeDictionary*>(item)
-                   : nullptr;
-    }
-    // The collection period in the payload, as (start, end).
-    std::pair<long long, long long> CurrentPeriod() {
-        std::pair<long long, long long> period(-1, -1);
-        CBencodeList* level2 = Level2();
-        if (level2 != nullptr && (*level2)[0] != nullptr && (*level2)[1] != nullptr) {
-            (*level2)[0]->Get(period.first);
-            (*level2)[1]->Get(period.second);
-        }
-        return period;
-    }
-
-    std::unique_ptr<CPhoneHomePlugin> m_plugin;
 };
-
-typedef std::pair<long long, long long> Stamps;
 
 TEST_F(PayloadTest, ReferencePayloadByteForByte) {
     FailNext(Fault::DeviceId, PwResult(0xFE000001));
@@ -181,87 +135,53 @@ TEST_F(PayloadTest, LocaleIsTheEnvironmentsAndTheProcessLocaleIsRestored) {
         agent().m_tstrCustomerID = "release";
         bool built = agent().InitPhoneHomePayload();
         EXPECT_STREQ("C.UTF-8", setlocale(LC_ALL, nullptr));
-        if (c.expected == nullptr) {
-            EXPECT_FALSE(built);
-            EXPECT_EQ(1u, CountLogText("Failed to get System Locale information")) << DumpLog();
-            EXPECT_EQ(1u, CountLogText("Failed to insert OS details to level 3 dictionary"));
-            EXPECT_FALSE(HasLogText("Failed to restore Locale"));
-            // Nothing after the OS details went in.
-            ASSERT_NE(nullptr, Level3());
-            std::string ignored;
-            EXPECT_FALSE(Level3()->Get("PhoneHomeFormatVersion", ignored));
-            EXPECT_FALSE(Level3()->Get("MachineId", ignored));
+        const std::string bytes = Wire(agent().m_PhoneHomePayload);
+        EXPECT_EQ(c.expected != nullptr, built) << DumpLog();
+        if (c.expected != nullptr) {
+            const std::string locale = c.expected;
+            EXPECT_NE(std::string::npos,
+                      bytes.find("8:OSLocale" + std::to_string(locale.size()) + ":" + locale));
             continue;
         }
-        EXPECT_TRUE(built) << DumpLog();
-        CBencodeDictionary* details = nullptr;
-        ASSERT_NE(nullptr, Level3());
-        ASSERT_TRUE(Level3()->Get("OSDetails", details, false));
-        std::string locale;
-        EXPECT_TRUE(details->Get("OSLocale", locale));
-        EXPECT_EQ(c.expected, locale);
+        EXPECT_EQ(1u, CountLogText("Failed to get System Locale information")) << DumpLog();
+        EXPECT_EQ(1u, CountLogText("Failed to insert OS details to level 3 dictionary"));
+        EXPECT_FALSE(HasLogText("Failed to restore Locale"));
+        // Nothing after the OS details went in.
+        EXPECT_NE(std::string::npos, bytes.find("9:OSDetailsd")) << bytes;
+        EXPECT_EQ(std::string::npos, bytes.find("PhoneHomeFormatVersion")) << bytes;
+        EXPECT_EQ(std::string::npos, bytes.find("MachineId")) << bytes;
     }
 }
 
-TEST_F(PayloadTest, FirstPeriodIsAnInstantAndLaterOnesFollowOn) {
-    ASSERT_TRUE(agent().InitPhoneHomePayload());
-    EXPECT_EQ(Stamps(kStart, kStart), CurrentPeriod());
-
-    CBencodeList* level2 = Level2();
-    ASSERT_NE(nullptr, level2);
-    const unsigned int stamps[] = {kStart + 3600, kStart + 3601, kStart + 90000};
-    unsigned int previous = kStart;
-    for (unsigned int now : stamps) {
-        SetManualUnixSeconds(now);
-        ASSERT_TRUE(agent().UpdateLevel2Payload(*level2));
-        EXPECT_EQ(Stamps(previous, now), CurrentPeriod());
-        EXPECT_EQ(now, agent().m_uiCollectionPeriodStart);
-        previous = now;
-    }
-}
-
+// The recorded start and the clock become the period's stamps, and the clock the next
+// start; a period too short or of the wrong kind fails at the stamp it cannot replace.
 TEST_F(PayloadTest, RestampingAShortOrMistypedPeriodFails) {
-    struct Case {
-        const char* name;
-        std::function<void(CBencodeList&)> fill;
+    const char* const kLast = "Failed to update timestamp of the last report sent";
+    const char* const kCurrent = "Failed to update timestamp of the current report sent";
+    const struct {
+        const char* period;   // the level-2 list, as bencode
         const char* message;  // null: succeeds
         bool startAdvanced;
     } cases[] = {
-        {"empty", [](CBencodeList&) {}, "Failed to update timestamp of the last report sent",
-         false},
-        {"start only", [](CBencodeList& l) { l.Append(1LL); },
-         "Failed to update timestamp of the current report sent", true},
-        {"text start",
-         [](CBencodeList& l) {
-             l.Append(std::string("x"));
-             l.Append(2LL);
-         },
-         "Failed to update timestamp of the last report sent", false},
-        {"list end",
-         [](CBencodeList& l) {
-             CBencodeList* inner = nullptr;
-             l.Append(1LL);
-             l.Append(inner);
-         },
-         "Failed to update timestamp of the current report sent", true},
-        {"two stamps",
-         [](CBencodeList& l) {
-             l.Append(1LL);
-             l.Append(2LL);
-         },
-         nullptr, true},
+        {"le", kLast, false},        {"li1ee", kCurrent, true},   {"l1:xi2ee", kLast, false},
+        {"li1elee", kCurrent, true}, {"li1ei2ee", nullptr, true},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.period);
+        CBencodeStream in("", false);
+        in.Write(c.period, static_cast<unsigned int>(strlen(c.period)));
+        CBencodeList level2(false);
+        ASSERT_TRUE(level2.Internalize(in));
         ClearCapturedLogs();
         agent().m_uiCollectionPeriodStart = kStart - 100;
-        CBencodeList level2(false);
-        c.fill(level2);
+        SetManualUnixSeconds(kStart + 5);
         EXPECT_EQ(c.message == nullptr, agent().UpdateLevel2Payload(level2));
         if (c.message != nullptr) {
             EXPECT_EQ(1u, CountLogText(c.message)) << DumpLog();
+        } else {
+            EXPECT_EQ("li1399999900ei1400000005ee", Wire(level2));
         }
-        EXPECT_EQ(c.startAdvanced ? kStart : kStart - 100, agent().m_uiCollectionPeriodStart);
+        EXPECT_EQ(c.startAdvanced ? kStart + 5 : kStart - 100, agent().m_uiCollectionPeriodStart);
     }
 }
 

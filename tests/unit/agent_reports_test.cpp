@@ -7,16 +7,12 @@
 
 #include <algorithm>
 #include <csignal>
-#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "AgentTestSupport.h"
 #include "AppLog.h"
-#include "ExecutionContext.h"
-#include "FeedbackServer.h"
-#include "Timer.h"
 
 using namespace pwtest;
 
@@ -35,46 +31,12 @@ std::string CrashData(const std::string& module, const std::string& base64) {
     return "d12:CrashReportsd" + Str(module) + "d9:CrashData" + Str(base64) + "eee";
 }
 
-// The bytes of the "QualityImprovementData" in the payload file at `path`.
-std::string QualityData(const std::string& path) {
-    std::string bytes = ReadFileOrEmpty(path);
-    CBencodeStream in("", false);
-    in.Write(bytes.data(), static_cast<unsigned int>(bytes.size()));
-    CBencodeList payload(false);
-    CBencodeList* level2 = payload.Internalize(in) && payload.Size() == 4
-                               ? dynamic_cast<CBencodeList*>(payload[3])
-                               : nullptr;
-    CBencodeDictionary* level3 =
-        level2 != nullptr ? dynamic_cast<CBencodeDictionary*>((*level2)[2]) : nullptr;
-    CBencodeDictionary* data = nullptr;
-    if (level3 == nullptr || !level3->Get("QualityImprovementData", data, false)) {
-        return "(unreadable)";
-    }
-    CBencodeStream out("", false);
-    data->Externalize(out);
-    return out.Size() == 0 ? "" : std::string(out.Data(), out.Size());
-}
-
 class ReportsTest : public AgentFixture {
 protected:
     void SetUp() override {
         AgentFixture::SetUp();
-        RefuseOutboundConnections();  // every post fails at once: the outbound files stay
-        long result = 0;
-        m_plugin.reset(new CPhoneHomePlugin(result));
-        ASSERT_EQ(0, result);
-        ASSERT_TRUE(agent().InitPhoneHomeAgent()) << DumpLog();
-        agent().m_pPostRetryTimer =
-            new CTimer(result, agent().m_pExecutionContext->GetTimerList(), &agent(), nullptr,
-                       CPhoneHomeAgent::kPostRetryTimerId);
-        ASSERT_EQ(0, result);
+        Prepare();  // every post fails at once: the outbound files stay
     }
-    void TearDown() override {
-        m_plugin.reset();
-        ClearRoute();
-        AgentFixture::TearDown();
-    }
-    CPhoneHomeAgent& agent() { return *m_plugin->GetAgent(); }
 
     // An empty outbound directory, numbering from 1, the module settings of the bencode
     // dictionary `settings`, a clean log.
@@ -95,7 +57,9 @@ protected:
         std::vector<std::string> sent;
         for (unsigned int n = 1; FileExists(OutboundDir() + kind + std::to_string(n) + ".cef");
              ++n) {
-            sent.push_back(QualityData(OutboundDir() + kind + std::to_string(n) + ".cef"));
+            sent.push_back(
+                ParseReport(ReadFileOrEmpty(OutboundDir() + kind + std::to_string(n) + ".cef"))
+                    .data);
         }
         std::sort(sent.begin(), sent.end());
         return sent;
@@ -111,7 +75,6 @@ protected:
         return logs;
     }
 
-    std::unique_ptr<CPhoneHomePlugin> m_plugin;
     TempDir m_dir;
 };
 
@@ -222,6 +185,7 @@ TEST_F(ReportsTest, ThreatWatcherSetUp) {
               LogsOf("FireDelayGetThreatReportDirTimer"));
 
     const std::string dir = "d15:TelemetryModule" + Str(m_dir.path()) + "e";
+    const std::string empty = "d15:TelemetryModule0:e";
     const Logs noSetting = {{kInfo, "Failed to get threat directory information from settings"}};
     const struct {
         const char* name;
@@ -232,14 +196,8 @@ TEST_F(ReportsTest, ThreatWatcherSetUp) {
         // In this order: the watcher that the last but one makes blocks the last.
         {"no setting", "de", false, false, false, false, noSetting},
         {"not a string", "d15:TelemetryModulei1ee", false, false, false, false, noSetting},
-        {"an empty string", "d15:TelemetryModule0:e", false, false, true, false, {}},
-        {"an empty string, the wake-up fails",
-         "d15:TelemetryModule0:e",
-         false,
-         true,
-         false,
-         false,
-         {{kError, "SetEvent Failed"}}},
+        {"an empty string", empty, false, false, true, false, {}},
+        {"no wake-up", empty, false, true, false, false, {{kError, "SetEvent Failed"}}},
         {"stop requested", dir, true, false, false, false, {}},
         {"a directory", dir, false, false, true, true, {}},
         {"again, another directory", "d15:TelemetryModule1:/e", false, false, false, true, {}},

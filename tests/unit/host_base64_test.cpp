@@ -1,6 +1,8 @@
 // Base64 of streams: the standard vectors and inputs that cross the encoder's blocks.
 #include <gtest/gtest.h>
+#include <openssl/evp.h>
 
+#include <algorithm>
 #include <sstream>
 #include <string>
 
@@ -19,46 +21,26 @@ std::string Encode(const std::string& input, long expected = pwresult::kSuccess)
     return out.str();
 }
 
+// An independent decoder: OpenSSL's block decoder, without the bytes of the padding.
 std::string Decode(const std::string& text) {
-    static const std::string alphabet =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string out;
-    unsigned int bits = 0;
-    int count = 0;
-    for (char c : text) {
-        if (c == '=') {
-            break;
-        }
-        bits = (bits << 6) | static_cast<unsigned int>(alphabet.find(c));
-        count += 6;
-        if (count >= 8) {
-            count -= 8;
-            out.push_back(static_cast<char>((bits >> count) & 0xFF));
-        }
-    }
+    std::string out(text.size() / 4 * 3, '\0');
+    int length = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(&out[0]),
+                                 reinterpret_cast<const unsigned char*>(text.data()),
+                                 static_cast<int>(text.size()));
+    out.resize(length < 0 ? 0 : length - std::count(text.begin(), text.end(), '='));
     return out;
 }
 
 TEST_F(Base64Test, StandardVectors) {
-    const std::pair<std::string, std::string> vectors[] = {
-        {"", ""},
-        {"f", "Zg=="},
-        {"fo", "Zm8="},
-        {"foo", "Zm9v"},
-        {"foob", "Zm9vYg=="},
-        {"fooba", "Zm9vYmE="},
-        {"foobar", "Zm9vYmFy"},
-        {std::string("\x00\xff\xfe", 3), "AP/+"},
-        {"\xfb\xff", "+/8="},
-    };
-    for (const auto& v : vectors) {
-        EXPECT_EQ(Encode(v.first), v.second) << "input of " << v.first.size() << " bytes";
-    }
+    EXPECT_EQ(Encode("foobar"), "Zm9vYmFy");
+    EXPECT_EQ(Encode("fooba"), "Zm9vYmE=");
+    EXPECT_EQ(Encode("foob"), "Zm9vYg==");
+    EXPECT_EQ(Encode("\xfb\xff"), "+/8=");  // the standard alphabet's last two letters
 }
 
-TEST_F(Base64Test, LongInputsRoundTripWithoutLineBreaks) {
-    // Lengths around the encoder's 12288-byte blocks and their triples.
-    for (size_t length : {12287u, 12288u, 12289u, 12290u, 3u * 12288u + 1u, 100000u}) {
+// Lengths of every padding and around the encoder's 12288-byte blocks and their triples.
+TEST_F(Base64Test, InputsRoundTripWithoutLineBreaks) {
+    for (size_t length : {0u, 1u, 2u, 3u, 12287u, 12288u, 12289u, 12290u, 36865u, 100000u}) {
         SCOPED_TRACE(length);
         std::string input(length, '\0');
         for (size_t i = 0; i < length; ++i) {

@@ -16,7 +16,6 @@ class ExecutionContextTest : public pwtest::HostFixture {};
 TEST_F(ExecutionContextTest, OneContextPerIdUntilTheLastReleaseDestroysIt) {
     const CExecutionContext::INSTANCE_ID id = 901;
     EXPECT_EQ(CExecutionContext::acquireInstance(id), nullptr);
-
     CExecutionContext* created = nullptr;
     ASSERT_EQ(CExecutionContext::CreateMultitonInstance(created, id), pwresult::kSuccess);
     ASSERT_NE(created, nullptr);
@@ -24,18 +23,16 @@ TEST_F(ExecutionContextTest, OneContextPerIdUntilTheLastReleaseDestroysIt) {
     EXPECT_NE(created->GetEventList(), nullptr);
     EXPECT_NE(created->GetTimerList(), nullptr);
 
-    CExecutionContext* again = nullptr;
+    CExecutionContext *again = nullptr, *other = nullptr;
     ASSERT_EQ(CExecutionContext::CreateMultitonInstance(again, id), pwresult::kSuccess);
     EXPECT_EQ(again, created);
-    CExecutionContext* acquired = CExecutionContext::acquireInstance(id);
-    EXPECT_EQ(acquired, created);
-
-    CExecutionContext* other = nullptr;
     ASSERT_EQ(CExecutionContext::CreateMultitonInstance(other, id + 1), pwresult::kSuccess);
     EXPECT_NE(other, created);
     other->releaseInstance();
     EXPECT_EQ(CExecutionContext::acquireInstance(id + 1), nullptr);
 
+    // Three references now (two creations, one acquisition): the third release ends it.
+    EXPECT_EQ(CExecutionContext::acquireInstance(id), created);
     for (int references = 3; references > 0; --references) {
         EXPECT_EQ(CExecutionContext::acquireInstance(id), created);
         created->releaseInstance();  // the acquire just made

@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -64,42 +63,34 @@ protected:
     std::unique_ptr<CFileSystemWatcher> m_watcher;
 };
 
-struct ChangeCase {
-    const char* name;
-    std::function<void(const std::string& watched, const std::string& outside)> change;
-    int expectedBits;
-};
-
 TEST_F(WatcherTest, EachBatchOfChangesReachesTheCallbackOnce) {
-    const ChangeCase cases[] = {
-        {"create",
-         [](const std::string& w, const std::string&) { pwtest::WriteFile(w + "/new", ""); },
-         IN_CREATE},
-        {"modify",
-         [](const std::string& w, const std::string&) { pwtest::WriteFile(w + "/new", "more"); },
-         IN_MODIFY},
-        {"move out",
-         [](const std::string& w, const std::string& o) {
-             rename((w + "/new").c_str(), (o + "/moved").c_str());
-         },
-         IN_MOVED_FROM},
-        {"move in",
-         [](const std::string& w, const std::string& o) {
-             rename((o + "/moved").c_str(), (w + "/back").c_str());
-         },
-         IN_MOVED_TO},
-        {"several files in one batch",
-         [](const std::string& w, const std::string&) {
-             pwtest::WriteFile(w + "/a", "1");
-             pwtest::WriteFile(w + "/b", "2");
-         },
+    const struct {
+        const char* name;
+        std::vector<std::pair<std::string, std::string>> writes;  // path, content
+        const char* from;                                         // a rename, if not null
+        const char* to;
+        int expectedBits;
+    } cases[] = {
+        {"create", {{"watched/new", ""}}, nullptr, nullptr, IN_CREATE},
+        {"modify", {{"watched/new", "more"}}, nullptr, nullptr, IN_MODIFY},
+        {"move out", {}, "watched/new", "moved", IN_MOVED_FROM},
+        {"move in", {}, "moved", "watched/back", IN_MOVED_TO},
+        {"several files",
+         {{"watched/a", "1"}, {"watched/b", "2"}},
+         nullptr,
+         nullptr,
          IN_CREATE | IN_MODIFY},
     };
     Watch(kThreatMask);
-    for (const ChangeCase& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         m_seen.events.clear();
-        c.change(m_watched, m_dir.path());
+        for (const auto& write : c.writes) {
+            ASSERT_TRUE(pwtest::WriteFile(m_dir / write.first, write.second));
+        }
+        if (c.from != nullptr) {
+            ASSERT_EQ(rename((m_dir / c.from).c_str(), (m_dir / c.to).c_str()), 0);
+        }
         EXPECT_EQ(Pump(), pwresult::kSuccess);
         ASSERT_EQ(m_seen.events.size(), 1u);
         EXPECT_EQ(m_seen.events[0] & c.expectedBits, c.expectedBits);

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <memory>
 #include <thread>
 
@@ -29,11 +28,20 @@ struct SessionSetup {
     std::string serverUrl = kUrl;
 };
 
-std::unique_ptr<CHttpSessionCurl> MakeSession(long& rc, const SessionSetup& setup = {}) {
-    return std::unique_ptr<CHttpSessionCurl>(
-        new CHttpSessionCurl(rc, setup.serverUrl, "", setup.extraHeaders, "", "", "", "TestAgent",
-                             443, true, true, setup.mode, setup.primary, setup.context,
+// A session for kUrl as the setup says; its construction result goes to `*rc` when given,
+// and must be 0 otherwise.
+std::unique_ptr<CHttpSessionCurl> MakeSession(const SessionSetup& setup = {}, long* rc = nullptr) {
+    long result = 0;
+    std::unique_ptr<CHttpSessionCurl> session(
+        new CHttpSessionCurl(result, setup.serverUrl, "", setup.extraHeaders, "", "", "",
+                             "TestAgent", 443, true, true, setup.mode, setup.primary, setup.context,
                              setup.callback, setup.capacity, nullptr, nullptr));
+    if (rc != nullptr) {
+        *rc = result;
+    } else {
+        EXPECT_EQ(0, result);
+    }
+    return session;
 }
 
 struct Outcome {
@@ -73,13 +81,10 @@ protected:
 
 TEST_F(HttpSessionTest, PostsBodyAndHeadersExactly) {
     FeedbackServer server;
-    ASSERT_TRUE(server.Running());
-    server.Route();
-    long rc = 0;
+    ASSERT_TRUE(server.Route());
     SessionSetup setup;
     setup.extraHeaders = {"X-Extra: one"};
-    auto session = MakeSession(rc, setup);
-    ASSERT_EQ(0, rc);
+    auto session = MakeSession(setup);
     ASSERT_EQ(0, session->OpenRequest("/other/path?x=1", 15, 0, HTTP_METHOD_POST));
     ASSERT_EQ(0, session->AddRequestHeader("Zip", "True"));
     std::string body("data=\0\x01\xff tail", 12);
@@ -105,15 +110,14 @@ TEST_F(HttpSessionTest, PostsBodyAndHeadersExactly) {
 
 // Replies of every shape: what SendRequest returns and what ReadFile yields.
 TEST_F(HttpSessionTest, ReplyShapes) {
-    struct Case {
+    const struct {
         const char* control;
         unsigned int flags;
         unsigned int capacity;
         long rc;
         unsigned int status;
         size_t replySize;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"mode=ok\nreply=hello", HTTP_REQUEST_FAIL_ON_ERROR_STATUS, 16384, 0, 200, 5},
         {"mode=error", HTTP_REQUEST_FAIL_ON_ERROR_STATUS, 16384, pwresult::kHttpStatusNotOk, 500,
          2},
@@ -125,17 +129,13 @@ TEST_F(HttpSessionTest, ReplyShapes) {
         {"mode=garbage", HTTP_REQUEST_FAIL_ON_ERROR_STATUS, 16384, pwresult::kHttpBadReply, 0, 0},
     };
     FeedbackServer server;
-    ASSERT_TRUE(server.Running());
-    server.Route();
-    for (const Case& c : cases) {
+    ASSERT_TRUE(server.Route());
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.control);
         server.SetControl(c.control);
-        long rc = 0;
         SessionSetup setup;
         setup.capacity = c.capacity;
-        auto session = MakeSession(rc, setup);
-        ASSERT_EQ(0, rc);
-        Outcome out = Post(*session, "data=x", c.flags);
+        Outcome out = Post(*MakeSession(setup), "data=x", c.flags);
         EXPECT_EQ(c.rc, out.rc);
         EXPECT_EQ(c.status, out.status);
         EXPECT_EQ(c.replySize, out.reply.size());
@@ -145,25 +145,20 @@ TEST_F(HttpSessionTest, ReplyShapes) {
 // A server that misbehaves mid-transfer fails the send; nothing hangs.
 TEST_F(HttpSessionTest, BrokenTransfersFail) {
     CHttpSessionCurl::SetLowSpeedGuard(100, 1);  // the drip below is cut after a second
-    struct Case {
+    const struct {
         const char* control;
         size_t bodySize;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"mode=close", 200000},  // closed while the body is still coming
         {"mode=hugeheaders", 10},
         {"mode=drip\ndrip_seconds=1", 10},
     };
     FeedbackServer server;
-    ASSERT_TRUE(server.Running());
-    server.Route();
-    for (const Case& c : cases) {
+    ASSERT_TRUE(server.Route());
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.control);
         server.SetControl(c.control);
-        long rc = 0;
-        auto session = MakeSession(rc);
-        ASSERT_EQ(0, rc);
-        Outcome out = Post(*session, "data=" + std::string(c.bodySize, 'b'));
+        Outcome out = Post(*MakeSession(), "data=" + std::string(c.bodySize, 'b'));
         EXPECT_NE(0, out.rc);
         EXPECT_FALSE(PwResultEquals(out.rc, 0xFE45001C));
     }
@@ -173,15 +168,14 @@ TEST_F(HttpSessionTest, MisuseIsRefused) {
     long rc = 0;
     SessionSetup setup;
     setup.capacity = 0;
-    MakeSession(rc, setup);
+    MakeSession(setup, &rc);
     EXPECT_EQ(pwresult::kHttpInvalidArgument, rc);
     setup = SessionSetup();
     setup.extraHeaders = {"no colon here"};
-    MakeSession(rc, setup);
+    MakeSession(setup, &rc);
     EXPECT_EQ(pwresult::kHttpInvalidArgument, rc);
 
-    auto session = MakeSession(rc);
-    ASSERT_EQ(0, rc);
+    auto session = MakeSession();
     unsigned int status = 7;
     EXPECT_EQ(pwresult::kHttpInvalidState, session->SendRequest(status, HTTP_BODY_FORM, "x", 1, 0));
     EXPECT_EQ(0u, status);
@@ -200,38 +194,19 @@ TEST_F(HttpSessionTest, MisuseIsRefused) {
     session->CloseRequest();
 }
 
-TEST_F(HttpSessionTest, InjectedSendFaultSkipsTheServer) {
-    FeedbackServer server;
-    ASSERT_TRUE(server.Running());
-    server.Route();
-    FailNext(Fault::HttpSend, PwResult(0xFE450013));
-    long rc = 0;
-    auto session = MakeSession(rc);
-    EXPECT_EQ(PwResult(0xFE450013), Post(*session, "data=x").rc);
-    EXPECT_EQ(0, Post(*session, "data=y").rc);  // only the next send fails
-    ASSERT_EQ(1u, server.Requests().size());
-    EXPECT_EQ("data=y", server.Requests()[0].body);
-}
-
 // Closing from another thread ends a stalled transfer at once; a close that comes before
 // the send makes the send fail without contacting the server.
 TEST_F(HttpSessionTest, CloseFromAnotherThreadAborts) {
     FeedbackServer server("server", "stall");
-    ASSERT_TRUE(server.Running());
-    server.Route();
-    long rc = 0;
-    auto session = MakeSession(rc);
-    ASSERT_EQ(0, rc);
+    ASSERT_TRUE(server.Route());
+    auto session = MakeSession();
     std::thread closer([&] {
         ASSERT_TRUE(server.WaitForRequests(1));
         session->CloseRequest();
     });
-    auto started = std::chrono::steady_clock::now();
-    Outcome out = Post(*session, "data=" + std::string(1 << 20, 's'));
-    auto elapsed = std::chrono::steady_clock::now() - started;
+    // Only the close ends this transfer: the low-speed guard would give another code.
+    EXPECT_EQ(pwresult::kHttpRequestClosed, Post(*session, "data=" + std::string(1 << 20, 's')).rc);
     closer.join();
-    EXPECT_EQ(pwresult::kHttpRequestClosed, out.rc);
-    EXPECT_LT(elapsed, std::chrono::seconds(30));  // far below the 60 s low-speed guard
 
     server.SetMode("ok");
     ASSERT_EQ(0, session->OpenRequest("", 15, 0, HTTP_METHOD_POST));
@@ -248,8 +223,7 @@ TEST_F(HttpSessionTest, CloseFromAnotherThreadAborts) {
 // trust rule never inherit it.
 TEST_F(HttpSessionTest, ConnectionReuseFollowsTrustRule) {
     FeedbackServer server;
-    ASSERT_TRUE(server.Running());
-    server.Route();
+    ASSERT_TRUE(server.Route());
     auto acceptAll = [](void*, const x509_store_ctx_st*, HTTP_CERT_TRUST_MODE, const std::string&,
                         const std::string&) -> long { return 0; };
     SessionSetup lenient;
@@ -257,9 +231,7 @@ TEST_F(HttpSessionTest, ConnectionReuseFollowsTrustRule) {
     lenient.callback = acceptAll;
     const SessionSetup setups[] = {SessionSetup(), SessionSetup(), lenient, SessionSetup()};
     for (const SessionSetup& setup : setups) {
-        long rc = 0;
-        auto session = MakeSession(rc, setup);
-        ASSERT_EQ(0, Post(*session, "data=r").rc);
+        ASSERT_EQ(0, Post(*MakeSession(setup), "data=r").rc);
     }
     std::vector<RecordedRequest> r = server.Requests();
     ASSERT_EQ(4u, r.size());
@@ -270,26 +242,22 @@ TEST_F(HttpSessionTest, ConnectionReuseFollowsTrustRule) {
 
 // Strict checking without a callback: each bad certificate gives its own verdict.
 TEST_F(HttpSessionTest, BuiltInCheckRejectsBadCertificates) {
-    struct Case {
+    const struct {
         const char* cert;
         long verdict;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"server", 0},
         {"wrongname", pwresult::kCertNameMismatch},
         {"expired", pwresult::kCertExpired},
         {"untrusted", pwresult::kCertUntrustedRoot},
         {"selfsigned", pwresult::kCertSelfSigned},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.cert);
         FeedbackServer server(c.cert);
-        ASSERT_TRUE(server.Running());
-        server.Route();
+        ASSERT_TRUE(server.Route());
         ClearCapturedLogs();
-        long rc = 0;
-        auto session = MakeSession(rc);
-        Outcome out = Post(*session, "data=c");
+        Outcome out = Post(*MakeSession(), "data=c");
         EXPECT_EQ(c.verdict == 0 ? 0 : pwresult::kHttpSecureChannel, out.rc) << DumpLog();
         bool verdictLogged = false;
         for (const LogRecord& record : CapturedLogs()) {
@@ -301,59 +269,27 @@ TEST_F(HttpSessionTest, BuiltInCheckRejectsBadCertificates) {
 }
 
 // The callback sees the URL's host name, the mode and the primary certificate, and its
-// verdict is final in both directions.
+// verdict is final: here it rejects a certificate that the built-in check would accept.
+// (Its acceptance of untrusted ones is seen through the uploader's callback.)
 TEST_F(HttpSessionTest, CallbackVerdictIsFinal) {
-    struct Seen {
-        std::string serverName;
-        std::string primary;
-        std::string certificateText;
-        int mode = -1;
-        long verdict = 0;
+    FeedbackServer server;
+    ASSERT_TRUE(server.Route());
+    std::string seen;
+    SessionSetup setup;
+    setup.mode = HTTP_CERT_TRUST_SECONDARY_ANY;
+    setup.context = &seen;
+    setup.primary = "PRIMARY";
+    setup.callback = [](void* context, const x509_store_ctx_st* store, HTTP_CERT_TRUST_MODE mode,
+                        const std::string& serverName, const std::string& primary) -> long {
+        *static_cast<std::string*>(context) =
+            serverName + " " + primary + " " + std::to_string(mode) + (store ? " store" : "");
+        return PwResult(0xFE870002);
     };
-    auto callback = [](void* context, const x509_store_ctx_st* store, HTTP_CERT_TRUST_MODE mode,
-                       const std::string& serverName, const std::string& primary) -> long {
-        Seen& seen = *static_cast<Seen*>(context);
-        seen.serverName = serverName;
-        seen.primary = primary;
-        seen.mode = mode;
-        long rc = 0;
-        CCertHelper helper(rc, 0xFFFFFFFFu, "tester");
-        unsigned int error = 0;
-        helper.VerifyServerCertificate(store, CERT_CONTEXT_SSL_SERVER, serverName.c_str(),
-                                       seen.certificateText, error, CERT_REVOCATION_IF_KNOWN,
-                                       false);
-        return seen.verdict;
-    };
-    struct Case {
-        const char* cert;
-        long verdict;
-        long rc;
-    };
-    const Case cases[] = {
-        {"selfsigned", 0, 0},  // accepted although untrusted
-        {"server", PwResult(0xFE870002), pwresult::kHttpSecureChannel},  // rejected though valid
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.cert);
-        FeedbackServer server(c.cert);
-        ASSERT_TRUE(server.Running());
-        server.Route();
-        Seen seen;
-        seen.verdict = c.verdict;
-        SessionSetup setup;
-        setup.mode = HTTP_CERT_TRUST_SECONDARY_ANY;
-        setup.callback = callback;
-        setup.context = &seen;
-        setup.primary = "PRIMARY";
-        long rc = 0;
-        auto session = MakeSession(rc, setup);
-        EXPECT_EQ(c.rc, Post(*session, "data=v").rc);
-        EXPECT_EQ(kFeedbackServerName, seen.serverName);
-        EXPECT_EQ("PRIMARY", seen.primary);
-        EXPECT_EQ(HTTP_CERT_TRUST_SECONDARY_ANY, seen.mode);
-        EXPECT_EQ(ReadFileOrEmpty(TestCertPath(std::string(c.cert) + ".pem")),
-                  seen.certificateText);
-    }
+    EXPECT_EQ(pwresult::kHttpSecureChannel, Post(*MakeSession(setup), "data=v").rc);
+    EXPECT_EQ(std::string(kFeedbackServerName) + " PRIMARY " +
+                  std::to_string(HTTP_CERT_TRUST_SECONDARY_ANY) + " store",
+              seen);
+    EXPECT_EQ(0u, server.RequestCount());
 }
 
 TEST_F(HttpSessionTest, ProcessOwnerIsTheRealUser) {

@@ -35,32 +35,30 @@ TEST_F(PluginShellTest, CreatePluginAnswersExactlyTheTwoInterfaceNames) {
     }
 }
 
-TEST_F(PluginShellTest, SupportsInterfaceMatchesNameAndVersionOfEachObject) {
+// Each object answers for its own interface at version 1 only; the table lists both.
+TEST_F(PluginShellTest, InterfacesAndTheirVersions) {
     Plugin* feedback = CreatePlugin(PHONEHOME_PLUGIN_INTERFACE_NAME);
     Plugin* status = CreatePlugin(COMPONENT_STATUS_INTERFACE_NAME);
     ASSERT_NE(nullptr, feedback);
     ASSERT_NE(nullptr, status);
-    EXPECT_TRUE(feedback->SupportsInterface(PHONEHOME_PLUGIN_INTERFACE_NAME, 1));
-    EXPECT_FALSE(feedback->SupportsInterface(PHONEHOME_PLUGIN_INTERFACE_NAME, 2));
-    EXPECT_FALSE(feedback->SupportsInterface(COMPONENT_STATUS_INTERFACE_NAME, 1));
-    EXPECT_TRUE(status->SupportsInterface(COMPONENT_STATUS_INTERFACE_NAME, 1));
-    EXPECT_FALSE(status->SupportsInterface(COMPONENT_STATUS_INTERFACE_NAME, 0));
-    EXPECT_FALSE(status->SupportsInterface(PHONEHOME_PLUGIN_INTERFACE_NAME, 1));
+    for (unsigned int version : {0u, 1u, 2u}) {
+        EXPECT_EQ(version == 1,
+                  feedback->SupportsInterface(PHONEHOME_PLUGIN_INTERFACE_NAME, version));
+        EXPECT_EQ(version == 1,
+                  status->SupportsInterface(COMPONENT_STATUS_INTERFACE_NAME, version));
+        EXPECT_FALSE(feedback->SupportsInterface(COMPONENT_STATUS_INTERFACE_NAME, version));
+        EXPECT_FALSE(status->SupportsInterface(PHONEHOME_PLUGIN_INTERFACE_NAME, version));
+    }
     DisposePlugin(feedback);
     DisposePlugin(status);
-}
 
-TEST_F(PluginShellTest, InterfaceTableIsStaticAndComplete) {
-    PluginInterfaceList first = GetAvailableInterfaces();
-    PluginInterfaceList second = GetAvailableInterfaces();
-    ASSERT_EQ(2u, first.count);
-    EXPECT_EQ(first.interfaces, second.interfaces);
-    EXPECT_EQ(g_AvailableInterfaces, first.interfaces);
-    EXPECT_STREQ(PHONEHOME_PLUGIN_INTERFACE_NAME, first.interfaces[0].name);
-    EXPECT_STREQ(COMPONENT_STATUS_INTERFACE_NAME, first.interfaces[1].name);
-    EXPECT_EQ(1u, first.interfaces[0].version);
-    EXPECT_EQ(1u, first.interfaces[1].version);
-    EXPECT_TRUE(DisposePlugin(nullptr));
+    PluginInterfaceList list = GetAvailableInterfaces();
+    ASSERT_EQ(2u, list.count);
+    EXPECT_EQ(g_AvailableInterfaces, list.interfaces);  // the static table itself
+    EXPECT_STREQ(PHONEHOME_PLUGIN_INTERFACE_NAME, list.interfaces[0].name);
+    EXPECT_STREQ(COMPONENT_STATUS_INTERFACE_NAME, list.interfaces[1].name);
+    EXPECT_EQ(1u, list.interfaces[0].version);
+    EXPECT_EQ(1u, list.interfaces[1].version);
 }
 
 TEST_F(PluginShellTest, CallbackSetterRefusesNullAndKeepsThePreviousOne) {
@@ -82,25 +80,22 @@ TEST_F(PluginShellTest, CallbackSetterRefusesNullAndKeepsThePreviousOne) {
 TEST_F(PluginShellTest, CreatePluginFailsWhenTheAgentCannotBeMade) {
     FailNext(Fault::CreateEvent, PwResult(0xFE010099));
     EXPECT_EQ(nullptr, CreatePlugin(PHONEHOME_PLUGIN_INTERFACE_NAME));
-    bool logged = false;
-    for (const LogRecord& record : CapturedLogs()) {
-        logged |= record.function == "CreatePlugin" && record.failedCall == "CreatePlugin" &&
-                  PwResultEquals(record.result, 0xFE010099) && record.importance == 87;
-    }
-    EXPECT_TRUE(logged) << DumpLog();
+    std::vector<LogRecord> failed = Failures("CreatePlugin");
+    ASSERT_EQ(1u, failed.size()) << DumpLog();
+    EXPECT_EQ("CreatePlugin", failed[0].function);
+    EXPECT_TRUE(PwResultEquals(failed[0].result, 0xFE010099));
+    EXPECT_EQ(87, failed[0].importance);
     EXPECT_TRUE(HasLogText("wakeup event handler creation failed"));
 }
 
 // --- Component status ---
 
-struct StatusCase {
-    const char* profile;  // null: no profile file
-    bool enabled;
-    bool crashName;
-};
-
 TEST_F(PluginShellTest, StatusFollowsTheProfileAtEveryQuery) {
-    const StatusCase cases[] = {
+    const struct {
+        const char* profile;  // null: no profile file
+        bool enabled;
+        bool crashName;
+    } cases[] = {
         {nullptr, true, false},
         {"<ServiceDisable>true</ServiceDisable><IncludeCrashReport>true</IncludeCrashReport>",
          false, false},
@@ -114,7 +109,7 @@ TEST_F(PluginShellTest, StatusFollowsTheProfileAtEveryQuery) {
     ASSERT_NE(plain, crash);
 
     CPhoneHomeStatus status;
-    for (const StatusCase& c : cases) {
+    for (const auto& c : cases) {
         std::string path = status.GetConfigFilePath();
         remove(path.c_str());
         if (c.profile != nullptr) {
@@ -155,50 +150,42 @@ TEST_F(PluginShellTest, DisplayNameBufferSizeProtocol) {
 
 // --- Profile reader ---
 
-struct ProfileCase {
-    const char* xml;
-    bool disabled;
-    bool includeCrash;
-    long feedbackInterval;
-    const char* customerId;
-};
-
 TEST_F(PluginShellTest, ProfileReaderAppliesTheValueRules) {
-    const ProfileCase cases[] = {
-        {"<Feedback/>", false, true, 0, ""},
-        {"<Feedback><ServiceDisable>True</ServiceDisable></Feedback>", true, true, 0, ""},
-        {"<Feedback><ServiceDisable> true</ServiceDisable></Feedback>", false, true, 0, ""},
-        {"<Feedback><ServiceDisable>true </ServiceDisable></Feedback>", false, true, 0, ""},
-        {"<Feedback><ServiceDisable>1</ServiceDisable></Feedback>", false, true, 0, ""},
-        {"<Feedback><IncludeCrashReport>no</IncludeCrashReport></Feedback>", false, false, 0, ""},
-        {"<Feedback><FeedbackInterval>3600abc</FeedbackInterval></Feedback>", false, true, 3600,
-         ""},
-        {"<Feedback><FeedbackInterval>abc</FeedbackInterval></Feedback>", false, true, 0, ""},
-        {"<Feedback><FeedbackInterval>-5</FeedbackInterval></Feedback>", false, true, -5, ""},
-        {"<Feedback><FeedbackInterval>7</FeedbackInterval><FeedbackInterval></FeedbackInterval>"
-         "</Feedback>",
-         false, true, 7, ""},
-        {"<Feedback><FeedbackInterval>99999999999</FeedbackInterval></Feedback>", false, true,
-         2147483647, ""},
-        {"<Feedback><FeedbackInterval>-99999999999</FeedbackInterval></Feedback>", false, true,
-         -2147483647L - 1, ""},
-        {"<Feedback><X><Y><CustomerID>acme</CustomerID></Y></X></Feedback>", false, true, 0,
-         "acme"},
-        {"<Feedback><customerid>acme</customerid></Feedback>", false, true, 0, ""},
-        {"<Feedback><CustomerID> a b </CustomerID></Feedback>", false, true, 0, " a b "},
-        {"<Feedback><ServiceDisable a=\"1\">true</ServiceDisable>true</Feedback>", true, true, 0,
-         ""},
-        {"<Feedback><CustomerID>x</CustomerID>trailing<CustomerID>y</CustomerID></Feedback>", false,
-         true, 0, "y"},
+    const long kMin = -2147483647L - 1;
+    const struct {
+        const char* xml;  // inside <Feedback>
+        bool disabled;
+        bool includeCrash;
+        long feedbackInterval;
+        const char* customerId;
+    } cases[] = {
+        {"", false, true, 0, ""},
+        {"<ServiceDisable>True</ServiceDisable>", true, true, 0, ""},
+        {"<ServiceDisable> true</ServiceDisable>", false, true, 0, ""},
+        {"<ServiceDisable>true </ServiceDisable>", false, true, 0, ""},
+        {"<ServiceDisable>1</ServiceDisable>", false, true, 0, ""},
+        {"<IncludeCrashReport>no</IncludeCrashReport>", false, false, 0, ""},
+        {"<FeedbackInterval>3600abc</FeedbackInterval>", false, true, 3600, ""},
+        {"<FeedbackInterval>abc</FeedbackInterval>", false, true, 0, ""},
+        {"<FeedbackInterval>-5</FeedbackInterval>", false, true, -5, ""},
+        {"<FeedbackInterval>7</FeedbackInterval><FeedbackInterval/>", false, true, 7, ""},
+        {"<FeedbackInterval>99999999999</FeedbackInterval>", false, true, 2147483647, ""},
+        {"<FeedbackInterval>-99999999999</FeedbackInterval>", false, true, kMin, ""},
+        {"<X><Y><CustomerID>acme</CustomerID></Y></X>", false, true, 0, "acme"},
+        {"<customerid>acme</customerid>", false, true, 0, ""},
+        {"<CustomerID> a b </CustomerID>", false, true, 0, " a b "},
+        {"<ServiceDisable a=\"1\">true</ServiceDisable>true", true, true, 0, ""},
+        {"<CustomerID>x</CustomerID>trailing<CustomerID>y</CustomerID>", false, true, 0, "y"},
     };
-    for (const ProfileCase& c : cases) {
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.xml);
         PhoneHomeXmlMgr handler;
         XmlParser parser(&handler);
-        ASSERT_EQ(0, parser.parseString(c.xml)) << c.xml;
-        EXPECT_EQ(c.disabled, handler.GetServiceDisable()) << c.xml;
-        EXPECT_EQ(c.includeCrash, handler.GetIncludeCrashReport()) << c.xml;
-        EXPECT_EQ(c.feedbackInterval, handler.GetFeedbackInterval()) << c.xml;
-        EXPECT_EQ(c.customerId, handler.GetCustomerID()) << c.xml;
+        ASSERT_EQ(0, parser.parseString(std::string("<Feedback>") + c.xml + "</Feedback>"));
+        EXPECT_EQ(c.disabled, handler.GetServiceDisable());
+        EXPECT_EQ(c.includeCrash, handler.GetIncludeCrashReport());
+        EXPECT_EQ(c.feedbackInterval, handler.GetFeedbackInterval());
+        EXPECT_EQ(c.customerId, handler.GetCustomerID());
     }
 }
 

@@ -8,61 +8,22 @@
 #include <chrono>
 #include <sstream>
 
-#include "EventList.h"
 #include "ExecutionContext.h"
 #include "FeedbackServer.h"
 #include "FileSystem.h"
 #include "HostSettings.h"
+#include "HttpSessionCurl.h"
 #include "PhoneHomeConfig.h"
 
 namespace pwtest {
 
 const char* const kTestDeviceId = "0123456789abcdef0123456789abcdef";
 
-void AgentFixture::SetUp() {
-    HostFixture::SetUp();
-    std::string install = phonehome::kInstallDir;
-    RemoveTree(install);
-    ASSERT_NE(0, MakeSureDirectoryPathExists(FeedbackDir().c_str()));
-    OverrideDeviceId(kTestDeviceId);
-    setenv("LC_ALL", "C", 1);
-}
+namespace {
 
-void AgentFixture::TearDown() {
-    ClearDeviceIdOverride();
-    HostFixture::TearDown();
-}
-
-std::string AgentFixture::FeedbackDir() {
-    return std::string(phonehome::kInstallDir) + "/CustomerExperienceFeedback/";
-}
-
-void AgentFixture::WriteProfile(const std::string& innerXml) {
-    ASSERT_TRUE(WriteFile(FeedbackDir() + "CustomerExperience_Feedback.xml",
-                          "<?xml version=\"1.0\"?>\n<Feedback>" + innerXml + "</Feedback>\n"));
-}
-
-void AgentFixture::WriteConfig(const std::string& content) {
-    ASSERT_TRUE(WriteFile(FeedbackDir() + "config", content));
-}
-
-void AgentFixture::WriteHistory(const std::string& content) {
-    ASSERT_TRUE(WriteFile(HistoryPath(), content));
-}
-
-std::map<std::string, std::string> AgentFixture::ReadHistory() {
-    std::map<std::string, std::string> lines;
-    std::istringstream in(ReadFileOrEmpty(HistoryPath()));
-    std::string line;
-    while (std::getline(in, line)) {
-        size_t colon = line.find(':');
-        if (colon != std::string::npos) {
-            lines[line.substr(0, colon)] = line.substr(colon + 1);
-        }
-    }
-    return lines;
-}
-
+// Sends the feedback server's connections to a loopback port where nothing listens, so
+// that posts fail at once and never leave the machine. A FeedbackServer's Route() replaces
+// the route.
 void RefuseOutboundConnections() {
     int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     ASSERT_GE(s, 0);
@@ -80,15 +41,34 @@ void RefuseOutboundConnections() {
     pwhost::ApplyHostSettings(settings);
 }
 
-bool WaitUntil(const std::function<bool()>& condition, unsigned int timeoutMs) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}  // namespace
+
+std::string Wire(CBencode& value) {
+    CBencodeStream stream("", false);
+    if (!value.Externalize(stream)) {
+        ADD_FAILURE() << "externalize failed";
     }
-    return true;
+    return stream.Size() == 0 ? "" : std::string(stream.Data(), stream.Size());
+}
+
+Report ParseReport(const std::string& bytes) {
+    Report report;
+    CBencodeStream stream("", false);
+    stream.Write(bytes.data(), static_cast<unsigned int>(bytes.size()));
+    CBencodeList payload(false);
+    CBencodeList* level2 =
+        payload.Internalize(stream) ? dynamic_cast<CBencodeList*>(payload[3]) : nullptr;
+    if (level2 == nullptr || level2->Size() != 3) {
+        return report;
+    }
+    (*level2)[0]->Get(report.start);
+    (*level2)[1]->Get(report.end);
+    auto* level3 = dynamic_cast<CBencodeDictionary*>((*level2)[2]);
+    CBencodeDictionary* data = nullptr;
+    if (level3 != nullptr && level3->Get("QualityImprovementData", data, false)) {
+        report.data = Wire(*data);
+    }
+    return report;
 }
 
 ServiceRunner::ServiceRunner(CPhoneHomePlugin& plugin) : m_plugin(plugin), m_finished(false) {
@@ -96,10 +76,6 @@ ServiceRunner::ServiceRunner(CPhoneHomePlugin& plugin) : m_plugin(plugin), m_fin
         m_plugin.StartPhoneHome();
         m_finished = true;
     });
-}
-
-ServiceRunner::~ServiceRunner() {
-    Stop();
 }
 
 bool ServiceRunner::WaitUntilWaiting(unsigned int timeoutMs) {
@@ -125,6 +101,102 @@ void ServiceRunner::Stop() {
         m_plugin.StopPhoneHome();
         m_thread.join();
     }
+}
+
+long ModuleSettingsCallback::GetSettingsCB(IBencodeSettings& settings) {
+    ++calls;
+    for (const auto& setting : m_settings) {
+        settings.Insert(setting.first.c_str(), setting.second.c_str(), false);
+    }
+    return m_result;
+}
+
+void AgentFixture::SetUp() {
+    HostFixture::SetUp();
+    RemoveTree(phonehome::kInstallDir);
+    ASSERT_NE(0, MakeSureDirectoryPathExists(FeedbackDir().c_str()));
+    OverrideDeviceId(kTestDeviceId);
+    setenv("LC_ALL", "C", 1);
+    RefuseOutboundConnections();
+    NewPlugin();
+}
+
+void AgentFixture::TearDown() {
+    m_runner.reset();
+    m_plugin.reset();
+    ClearRoute();
+    CHttpSessionCurl::SetLowSpeedGuard(16, 60);
+    ClearDeviceIdOverride();
+    HostFixture::TearDown();
+}
+
+void AgentFixture::NewPlugin() {
+    m_plugin.reset();
+    long result = 0;
+    m_plugin.reset(new CPhoneHomePlugin(result));
+    ASSERT_EQ(0, result);
+}
+
+void AgentFixture::Prepare() {
+    ASSERT_TRUE(agent().InitPhoneHomeAgent()) << DumpLog();
+    for (auto timer :
+         {std::make_pair(&agent().m_pPhoneHomeTimer, CPhoneHomeAgent::kPhoneHomeTimerId),
+          std::make_pair(&agent().m_pPostRetryTimer, CPhoneHomeAgent::kPostRetryTimerId)}) {
+        long rc = 0;
+        *timer.first = new CTimer(rc, agent().m_pExecutionContext->GetTimerList(), &agent(),
+                                  nullptr, timer.second);
+        ASSERT_EQ(0, rc);
+    }
+    ClearCapturedLogs();
+}
+
+void AgentFixture::StartService() {
+    m_runner.reset(new ServiceRunner(*m_plugin));
+    ASSERT_TRUE(m_runner->WaitUntilWaiting()) << DumpLog();
+}
+
+long long AgentFixture::Remaining(CTimer* timer) {
+    unsigned long ms = 0;
+    return timer != nullptr && timer->IsRunning() && timer->RemainingMs(ms)
+               ? static_cast<long long>(ms)
+               : -1;
+}
+
+std::string AgentFixture::FeedbackDir() {
+    return std::string(phonehome::kInstallDir) + "/CustomerExperienceFeedback/";
+}
+
+void AgentFixture::WriteProfile(const std::string& innerXml) {
+    ASSERT_TRUE(WriteFile(ProfilePath(),
+                          "<?xml version=\"1.0\"?>\n<Feedback>" + innerXml + "</Feedback>\n"));
+}
+
+void AgentFixture::WriteHistory(const std::string& content) {
+    ASSERT_TRUE(WriteFile(HistoryPath(), content));
+}
+
+std::map<std::string, std::string> AgentFixture::ReadHistory() {
+    std::map<std::string, std::string> lines;
+    std::istringstream in(ReadFileOrEmpty(HistoryPath()));
+    std::string line;
+    while (std::getline(in, line)) {
+        size_t colon = line.find(':');
+        if (colon != std::string::npos) {
+            lines[line.substr(0, colon)] = line.substr(colon + 1);
+        }
+    }
+    return lines;
+}
+
+bool WaitUntil(const std::function<bool()>& condition, unsigned int timeoutMs) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
 }
 
 }  // namespace pwtest

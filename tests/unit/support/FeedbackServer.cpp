@@ -1,8 +1,8 @@
 #include "FeedbackServer.h"
 
+#include <strings.h>
 #include <sys/stat.h>
 
-#include <cctype>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -13,41 +13,13 @@
 
 namespace pwtest {
 
-namespace {
-
-class CertDir {
-public:
-    CertDir() {
-        int rc = pwsupport::MakeTestCerts(m_dir.path(), false);
-        if (rc != 0) {
-            ADD_FAILURE() << "make_certs.sh failed with " << rc;
-        } else {
-            m_ready = true;
-        }
-    }
-    std::string Path() const { return m_ready ? m_dir.path() : std::string(); }
-
-private:
-    TempDir m_dir;
-    bool m_ready = false;
-};
-
-std::vector<std::string> MetaFiles(const std::string& dir) {
-    return pwsupport::FilesWithSuffix(dir, ".meta");
-}
-
-std::string Lower(std::string text) {
-    for (char& c : text) {
-        c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-    }
-    return text;
-}
-
-}  // namespace
-
 const std::string& TestCertDir() {
-    static CertDir certs;  // made once, removed at exit
-    static std::string path = certs.Path();
+    static TempDir certs;  // made once, removed at exit
+    static const std::string path = [] {
+        int rc = pwsupport::MakeTestCerts(certs.path(), false);
+        EXPECT_EQ(0, rc) << "make_certs.sh failed";
+        return rc == 0 ? certs.path() : std::string();
+    }();
     return path;
 }
 
@@ -55,22 +27,13 @@ std::string TestCertPath(const std::string& file) {
     return TestCertDir() + "/" + file;
 }
 
-std::string RecordedRequest::Header(const std::string& name) const {
+const std::string* RecordedRequest::Find(const std::string& name) const {
     for (const auto& header : headers) {
-        if (Lower(header.first) == Lower(name)) {
-            return header.second;
+        if (strcasecmp(header.first.c_str(), name.c_str()) == 0) {
+            return &header.second;
         }
     }
-    return std::string();
-}
-
-bool RecordedRequest::HasHeader(const std::string& name) const {
-    for (const auto& header : headers) {
-        if (Lower(header.first) == Lower(name)) {
-            return true;
-        }
-    }
-    return false;
+    return nullptr;
 }
 
 FeedbackServer::FeedbackServer(const std::string& certName, const std::string& mode,
@@ -106,7 +69,7 @@ void FeedbackServer::SetControl(const std::string& lines) {
 std::vector<RecordedRequest> FeedbackServer::Requests() const {
     std::vector<RecordedRequest> requests;
     const std::string records = m_dir / "records";
-    for (const std::string& base : MetaFiles(records)) {
+    for (const std::string& base : pwsupport::FilesWithSuffix(records, ".meta")) {
         RecordedRequest request;
         std::istringstream meta(ReadFileOrEmpty(records + "/" + base + ".meta"));
         std::string line;
@@ -140,7 +103,7 @@ std::vector<RecordedRequest> FeedbackServer::Requests() const {
 }
 
 size_t FeedbackServer::RequestCount() const {
-    return MetaFiles(m_dir / "records").size();
+    return pwsupport::CountFiles(m_dir / "records", ".meta");
 }
 
 bool FeedbackServer::WaitForRequests(size_t count, unsigned int timeoutMs) const {
@@ -154,8 +117,12 @@ bool FeedbackServer::WaitForRequests(size_t count, unsigned int timeoutMs) const
     return true;
 }
 
-void FeedbackServer::Route() const {
+bool FeedbackServer::Route() const {
+    if (m_server.Port() <= 0) {
+        return false;
+    }
     m_server.Route(TestCertPath("ca.pem"));
+    return true;
 }
 
 void ClearRoute() {

@@ -31,8 +31,12 @@ struct RecordedRequest {
     std::vector<std::pair<std::string, std::string>> headers;
     std::string body;
     // Value of the first header called `name` (case-insensitive); empty if none.
-    std::string Header(const std::string& name) const;
-    bool HasHeader(const std::string& name) const;
+    std::string Header(const std::string& name) const {
+        const std::string* value = Find(name);
+        return value != nullptr ? *value : std::string();
+    }
+    bool HasHeader(const std::string& name) const { return Find(name) != nullptr; }
+    const std::string* Find(const std::string& name) const;
 };
 
 class FeedbackServer {
@@ -42,9 +46,6 @@ public:
     explicit FeedbackServer(const std::string& certName = "server", const std::string& mode = "ok",
                             bool recordBodies = true);
     ~FeedbackServer();
-
-    bool Running() const { return m_server.Port() > 0; }
-    int Port() const { return m_server.Port(); }
 
     // Replaces the control file: key=value lines, e.g. "mode=error\n".
     void SetControl(const std::string& lines);
@@ -59,8 +60,9 @@ public:
     // "feedback.pathweave.example:443:127.0.0.1:<port>"
     std::string ConnectTo() const { return m_server.ConnectTo(); }
     // Applies host settings that route the production host name's port 443 to this server
-    // and trust the test CA (the other host settings are kept).
-    void Route() const;
+    // and trust the test CA (the other host settings are kept); false, routing nothing, when
+    // the server is not running.
+    bool Route() const;
 
     void Stop() { m_server.Stop(); }
 

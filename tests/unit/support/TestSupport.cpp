@@ -45,4 +45,14 @@ std::string HostFixture::DumpLog() {
     return text;
 }
 
+std::vector<LogRecord> Failures(const std::string& failedCall) {
+    std::vector<LogRecord> found;
+    for (const LogRecord& record : CapturedLogs()) {
+        if (record.hasResult && record.failedCall == failedCall) {
+            found.push_back(record);
+        }
+    }
+    return found;
+}
+
 }  // namespace pwtest

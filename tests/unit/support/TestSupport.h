@@ -38,4 +38,7 @@ protected:
     static std::string DumpLog();
 };
 
+// Captured records of failed calls named `failedCall` (LogReturnCode records).
+std::vector<LogRecord> Failures(const std::string& failedCall);
+
 }  // namespace pwtest
