@@ -1,14 +1,15 @@
 #!/bin/sh
-# Builds the bencode fuzz target with clang in build-fuzz and runs it for the given number
-# of seconds (default 60). Exits non-zero when the target finds a crash or a round-trip
-# mismatch; the failing input is then copied into tests/fuzz/corpus-regressions/, whose
-# inputs the unit test bencode_fuzz_regressions_test replays on every run.
+# Builds the fuzz targets with clang in build-fuzz and runs each for the given number of
+# seconds (default 60): bencode_fuzz (the bencode reader and writer) and profile_fuzz (the
+# feedback profile reader). Exits non-zero when a target finds a crash or a broken check;
+# the failing input is then copied into the target's regression directory
+# (tests/fuzz/corpus-regressions/ or tests/fuzz/corpus-regressions-profile/), whose inputs
+# the unit test fuzz_regressions_test replays on every run.
 set -eu
 
 seconds=${1:-60}
 root=$(cd "$(dirname "$0")/../.." && pwd)
 build="$root/build-fuzz"
-regressions="$root/tests/fuzz/corpus-regressions"
 
 if ! command -v clang++ >/dev/null 2>&1; then
     echo "run_fuzz.sh: clang++ not found; skipping the fuzz run" >&2
@@ -20,26 +21,39 @@ cmake -S "$root" -B "$build" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang
     -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPW_BUILD_FUZZ=ON -DPW_BUILD_TESTS=OFF \
     -DPW_BUILD_BENCH=OFF >"$build/configure.log" 2>&1 ||
     { cat "$build/configure.log" >&2; exit 1; }
-cmake --build "$build" --target bencode_fuzz -j2
-
-corpus="$build/corpus-bencode"
-artifacts="$build/artifacts-bencode"
-mkdir -p "$corpus" "$artifacts"
-# A few well-formed seeds shaped like the files the agent reads and writes.
-printf 'li7ei-9223372036854775808e4:spamlee' >"$corpus/seed-list"
-printf 'd1:ai1e1:bd1:xl0:i0eee1:c3:abce' >"$corpus/seed-dictionary"
-printf 'li7e40:0123456789abcdef0123456789abcdef01234567i3eld11:CrashReportsdeee' \
-    >"$corpus/seed-payload"
+cmake --build "$build" --target bencode_fuzz profile_fuzz -j2
 
 status=0
-"$build/tests/fuzz/bencode_fuzz" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
-    -print_final_stats=1 -artifact_prefix="$artifacts/" "$corpus" "$regressions" || status=$?
 
-for input in "$artifacts"/crash-* "$artifacts"/leak-* "$artifacts"/timeout-* "$artifacts"/oom-*; do
-    [ -f "$input" ] || continue
-    name=$(basename "$input")
-    cp "$input" "$regressions/$name"
-    echo "run_fuzz.sh: failing input kept as tests/fuzz/corpus-regressions/$name" >&2
-    status=1
-done
+# run_target NAME REGRESSION_DIR: runs one target from its seeds and regression inputs and
+# keeps what it finds.
+run_target() {
+    name=$1
+    regressions=$2
+    corpus="$build/corpus-$name"
+    artifacts="$build/artifacts-$name"
+    mkdir -p "$artifacts"
+    "$build/tests/fuzz/${name}_fuzz" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
+        -print_final_stats=1 -artifact_prefix="$artifacts/" "$corpus" "$regressions" ||
+        status=1
+    for input in "$artifacts"/crash-* "$artifacts"/leak-* "$artifacts"/timeout-* "$artifacts"/oom-*; do
+        [ -f "$input" ] || continue
+        cp "$input" "$regressions/$(basename "$input")"
+        echo "run_fuzz.sh: failing input kept as $regressions/$(basename "$input")" >&2
+        rm -f "$input"
+        status=1
+    done
+}
+
+# A few well-formed seeds shaped like the files the agent reads and writes.
+mkdir -p "$build/corpus-bencode" "$build/corpus-profile"
+printf 'li7ei-9223372036854775808e4:spamlee' >"$build/corpus-bencode/seed-list"
+printf 'd1:ai1e1:bd1:xl0:i0eee1:c3:abce' >"$build/corpus-bencode/seed-dictionary"
+printf 'li7e40:0123456789abcdef0123456789abcdef01234567i3eld11:CrashReportsdeee' \
+    >"$build/corpus-bencode/seed-payload"
+printf '<?xml version="1.0"?>\n<Feedback><ServiceDisable>false</ServiceDisable><CustomerID>CUST-1</CustomerID><FeedbackInterval>86400</FeedbackInterval><CheckCrashInterval>600</CheckCrashInterval><IncludeCrashReport>TRUE</IncludeCrashReport></Feedback>\n' \
+    >"$build/corpus-profile/seed-profile"
+
+run_target bencode "$root/tests/fuzz/corpus-regressions"
+run_target profile "$root/tests/fuzz/corpus-regressions-profile"
 exit $status
