@@ -496,6 +496,33 @@ bool CBencode::GetStringFromStream(CBencodeStream& stream, std::string& out) con
     return true;
 }
 
+namespace {
+
+// Creates in `slot` the value that `first` (its first byte) starts, then reads it: "l" a
+// list, "d" a dictionary, "i" an integer, anything else a string. The value is stored before
+// it is read, so that it lies in memory ahead of its children. Null on success; on failure
+// the name of the value's kind for the caller's message (the caller deletes the value).
+const char* ReadNewValue(CBencodeStream& stream, int first, CBencode*& slot) {
+    if (first == 'l') {
+        CBencodeList* list = new CBencodeList(true);
+        slot = list;
+        return list->CBencodeList::Internalize(stream) ? nullptr : "list";
+    }
+    if (first == 'd') {
+        CBencodeDictionary* dictionary = new CBencodeDictionary(true);
+        slot = dictionary;
+        return dictionary->CBencodeDictionary::Internalize(stream) ? nullptr : "dictionary";
+    }
+    const bool integer = first == 'i';
+    slot = new CBencode(integer ? CBencode::eBencodeInteger : CBencode::eBencodeString);
+    if (slot->CBencode::Internalize(stream)) {
+        return nullptr;
+    }
+    return integer ? "integer" : "string";
+}
+
+}  // namespace
+
 // ---------------------------------------------------------------------------------------
 // CBencodeList
 // ---------------------------------------------------------------------------------------
@@ -545,33 +572,9 @@ bool CBencodeList::Internalize(CBencodeStream& stream) {
             return stream.Good();
         }
         CBencode* item = nullptr;
-        const char* failure = nullptr;
-        if (next == 'l') {
-            CBencodeList* list = new CBencodeList(true);
-            item = list;
-            if (!list->CBencodeList::Internalize(stream)) {
-                failure = "Failed to internalize list item of type list";
-            }
-        } else if (next == 'd') {
-            CBencodeDictionary* dictionary = new CBencodeDictionary(true);
-            item = dictionary;
-            if (!dictionary->CBencodeDictionary::Internalize(stream)) {
-                failure = "Failed to internalize list item of type dictionary";
-            }
-        } else if (next == 'i') {
-            item = new CBencode(eBencodeInteger);
-            if (!item->CBencode::Internalize(stream)) {
-                failure = "Failed to internalize list item of type integer";
-            }
-        } else {
-            item = new CBencode(eBencodeString);
-            if (!item->CBencode::Internalize(stream)) {
-                failure = "Failed to internalize list item of type string";
-            }
-        }
-        if (failure != nullptr) {
+        if (const char* kind = ReadNewValue(stream, next, item)) {
             delete item;
-            BENCODE_LOG_ERROR("%s", failure);
+            BENCODE_LOG_ERROR("Failed to internalize list item of type %s", kind);
             return false;
         }
         // Lists in feedback data are mostly short: room for four items at once spares the
@@ -660,34 +663,10 @@ bool CBencodeDictionary::Internalize(CBencodeStream& stream) {
         // memory in the order of the text: later walks of the tree (writing, comparing,
         // freeing) then run through memory front to back.
         EntryMap::iterator entry = m_entries.emplace_hint(position, std::move(key), nullptr);
-        const char* failure = nullptr;
-        if (next == 'i') {
-            entry->second = new CBencode(eBencodeInteger);
-            if (!entry->second->CBencode::Internalize(stream)) {
-                failure = "Failed to internalize value of type integer";
-            }
-        } else if (next == 'l') {
-            CBencodeList* list = new CBencodeList(true);
-            entry->second = list;
-            if (!list->CBencodeList::Internalize(stream)) {
-                failure = "Failed to internalize value of type list";
-            }
-        } else if (next == 'd') {
-            CBencodeDictionary* dictionary = new CBencodeDictionary(true);
-            entry->second = dictionary;
-            if (!dictionary->CBencodeDictionary::Internalize(stream)) {
-                failure = "Failed to internalize value of type dictionary";
-            }
-        } else {
-            entry->second = new CBencode(eBencodeString);
-            if (!entry->second->CBencode::Internalize(stream)) {
-                failure = "Failed to internalize value of type string";
-            }
-        }
-        if (failure != nullptr) {
+        if (const char* kind = ReadNewValue(stream, next, entry->second)) {
             delete entry->second;
             m_entries.erase(entry);
-            BENCODE_LOG_ERROR("%s", failure);
+            BENCODE_LOG_ERROR("Failed to internalize value of type %s", kind);
             return false;
         }
     }
