@@ -239,6 +239,19 @@ TEST_F(BencodeWireTest, WriterOutputAndFailures) {
     EXPECT_EQ("d0:0:1:Bi-7e1:a1:x2:abi4e1:lli9223372036854775807ei-9223372036854775808eee",
               Written(dictionary));
 
+    // Integers and lengths at every digit-count boundary read as "%lld" writes them.
+    for (long long value : {0LL, 9LL, 10LL, 99LL, 100LL, 999LL, 1000LL, 9999LL, 10000LL, 99999LL,
+                            -1LL, -10LL, -10000LL, 1402000000LL}) {
+        char text[32];
+        snprintf(text, sizeof(text), "i%llde", value);
+        CBencode integer(value);
+        EXPECT_EQ(text, Written(integer));
+        const std::string body(static_cast<size_t>(value < 0 ? 0 : value % 20000), 'x');
+        snprintf(text, sizeof(text), "%zu:", body.size());
+        CBencode string(body);
+        EXPECT_EQ(text + body, Written(string));
+    }
+
     // A key's length counts all of it, its body stops at a NUL byte.
     CBencodeDictionary nulKey(false);
     nulKey.Insert(std::string("a\0b", 3), 1LL);
