@@ -9,6 +9,7 @@
 #include "Bencode.h"
 
 #include <charconv>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -411,7 +412,7 @@ inline char* PutBytesAt(char* out, char const* in, size_t count) {
 
 // Bytes before the first NUL of `size` bytes of text.
 inline size_t TextLength(char const* text, size_t size) {
-    if (size <= 16) {
+    if (size < 4) {
         for (size_t i = 0; i < size; ++i) {
             if (text[i] == '\0') {
                 return i;
@@ -421,6 +422,41 @@ inline size_t TextLength(char const* text, size_t size) {
     }
     void const* nul = memchr(text, 0, size);
     return nul != nullptr ? static_cast<size_t>(static_cast<char const*>(nul) - text) : size;
+}
+
+template <typename Word>
+inline bool HasZeroByte(Word word) {
+    const Word ones = static_cast<Word>(~Word(0)) / 0xFF;
+    return ((word - ones) & ~word & (ones << 7)) != 0;
+}
+
+// Copies the text before the first NUL of `count` bytes. Keys are short and almost never
+// hold a NUL: up to 16 bytes are checked while they are copied, as two overlapping words,
+// and only a key that holds a NUL is copied again up to it. Nothing is stored before the
+// check, so the bytes after the returned end stay as they were.
+inline char* PutTextAt(char* out, char const* in, size_t count) {
+    if (count >= 8 && count <= 16) {
+        uint64_t head = 0;
+        uint64_t tail = 0;
+        memcpy(&head, in, 8);
+        memcpy(&tail, in + count - 8, 8);
+        if (!HasZeroByte(head) && !HasZeroByte(tail)) {
+            memcpy(out, &head, 8);
+            memcpy(out + count - 8, &tail, 8);
+            return out + count;
+        }
+    } else if (count >= 4 && count < 8) {
+        uint32_t head = 0;
+        uint32_t tail = 0;
+        memcpy(&head, in, 4);
+        memcpy(&tail, in + count - 4, 4);
+        if (!HasZeroByte(head) && !HasZeroByte(tail)) {
+            memcpy(out, &head, 4);
+            memcpy(out + count - 4, &tail, 4);
+            return out + count;
+        }
+    }
+    return PutBytesAt(out, in, TextLength(in, count));
 }
 
 }  // namespace
@@ -595,7 +631,15 @@ bool CBencodeDictionary::Externalize(CBencodeStream& stream) {
         BENCODE_LOG_ERROR("Failed to externalize dictionary type identifier");
         return false;
     }
-    for (EntryMap::value_type const& entry : m_entries) {
+    const EntryMap::const_iterator end = m_entries.end();
+    for (EntryMap::const_iterator current = m_entries.begin(); current != end; ++current) {
+        EntryMap::value_type const& entry = *current;
+#ifdef __GLIBCXX__
+        // The next entry is found through this node's right child, which in a large map
+        // lies far ahead of the node in memory (the values' contents lie in between): ask
+        // for it now, so that it arrives while the value is written.
+        __builtin_prefetch(current._M_node->_M_right);
+#endif
         if (entry.second == nullptr) {
             BENCODE_LOG_ERROR("Dictionary item is NULL");
             return false;
@@ -609,7 +653,7 @@ bool CBencodeDictionary::Externalize(CBencodeStream& stream) {
         }
         out = PutLength(out, key.size());
         *out++ = ':';
-        out = PutBytesAt(out, key.data(), TextLength(key.data(), key.size()));
+        out = PutTextAt(out, key.data(), key.size());
         stream.CommitWrite(out);
         if (!entry.second->Externalize(stream)) {
             BENCODE_LOG_ERROR("Failed to externalize value");
