@@ -252,10 +252,20 @@ TEST_F(BencodeWireTest, WriterOutputAndFailures) {
         EXPECT_EQ(text + body, Written(string));
     }
 
-    // A key's length counts all of it, its body stops at a NUL byte.
-    CBencodeDictionary nulKey(false);
-    nulKey.Insert(std::string("a\0b", 3), 1LL);
-    EXPECT_EQ("d3:ai1ee", Written(nulKey));
+    // A key's length counts all of it, its body stops at a NUL byte: every key length the
+    // writer copies in words, with the NUL at every place and nowhere.
+    for (size_t length = 1; length <= 24; ++length) {
+        for (size_t nul = 0; nul <= length; ++nul) {
+            std::string key = std::string("abcdefghijklmnopqrstuvwxyz").substr(0, length);
+            if (nul < length) {
+                key[nul] = '\0';
+            }
+            CBencodeDictionary nulKey(false);
+            nulKey.Insert(key, 1LL);
+            EXPECT_EQ("d" + std::to_string(length) + ":" + key.substr(0, nul) + "i1ee",
+                      Written(nulKey));
+        }
+    }
     EXPECT_TRUE(CapturedLogs().empty());
 
     CListWithNull withNull;
