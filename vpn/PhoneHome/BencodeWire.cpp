@@ -430,33 +430,33 @@ inline bool HasZeroByte(Word word) {
     return ((word - ones) & ~word & (ones << 7)) != 0;
 }
 
-// Copies the text before the first NUL of `count` bytes. Keys are short and almost never
-// hold a NUL: up to 16 bytes are checked while they are copied, as two overlapping words,
-// and only a key that holds a NUL is copied again up to it. Nothing is stored before the
-// check, so the bytes after the returned end stay as they were.
-inline char* PutTextAt(char* out, char const* in, size_t count) {
-    if (count >= 8 && count <= 16) {
-        uint64_t head = 0;
-        uint64_t tail = 0;
-        memcpy(&head, in, 8);
-        memcpy(&tail, in + count - 8, 8);
-        if (!HasZeroByte(head) && !HasZeroByte(tail)) {
-            memcpy(out, &head, 8);
-            memcpy(out + count - 8, &tail, 8);
-            return out + count;
-        }
-    } else if (count >= 4 && count < 8) {
-        uint32_t head = 0;
-        uint32_t tail = 0;
-        memcpy(&head, in, 4);
-        memcpy(&tail, in + count - 4, 4);
-        if (!HasZeroByte(head) && !HasZeroByte(tail)) {
-            memcpy(out, &head, 4);
-            memcpy(out + count - 4, &tail, 4);
-            return out + count;
-        }
+// Copies `count` bytes, between one and two words long, as two overlapping words, unless a
+// word holds a NUL: then nothing is stored and the result is null.
+template <typename Word>
+inline char* PutWordPairAt(char* out, char const* in, size_t count) {
+    Word head = 0;
+    Word tail = 0;
+    memcpy(&head, in, sizeof(Word));
+    memcpy(&tail, in + count - sizeof(Word), sizeof(Word));
+    if (HasZeroByte(head) || HasZeroByte(tail)) {
+        return nullptr;
     }
-    return PutBytesAt(out, in, TextLength(in, count));
+    memcpy(out, &head, sizeof(Word));
+    memcpy(out + count - sizeof(Word), &tail, sizeof(Word));
+    return out + count;
+}
+
+// Copies the text before the first NUL of `count` bytes. Keys are short and almost never
+// hold a NUL: up to 16 bytes are checked while they are copied, and only a key that holds
+// a NUL is copied again up to it. The bytes after the returned end stay as they were.
+inline char* PutTextAt(char* out, char const* in, size_t count) {
+    char* end = nullptr;
+    if (count >= 8 && count <= 16) {
+        end = PutWordPairAt<uint64_t>(out, in, count);
+    } else if (count >= 4 && count < 8) {
+        end = PutWordPairAt<uint32_t>(out, in, count);
+    }
+    return end != nullptr ? end : PutBytesAt(out, in, TextLength(in, count));
 }
 
 }  // namespace
