@@ -35,7 +35,8 @@ long long IntegerAt(CBencodeList& list, unsigned int index) {
     return value;
 }
 
-TEST_F(BencodeContainersTest, OutOfRangeAccessOnAnEmptyListFails) {
+TEST_F(BencodeContainersTest, RemoveDeletesTheItemAndClosesTheGap) {
+    int deaths = 0;
     CBencodeList list(false);
     EXPECT_FALSE(list.Remove(0));
     EXPECT_EQ(nullptr, list[0]);
@@ -43,11 +44,7 @@ TEST_F(BencodeContainersTest, OutOfRangeAccessOnAnEmptyListFails) {
     EXPECT_EQ("Remove", CapturedLogs()[0].function);
     EXPECT_EQ("operator[]", CapturedLogs()[1].function);
     EXPECT_EQ(2u, CountLogText("Out-of-bound bencode list item access"));
-}
 
-TEST_F(BencodeContainersTest, RemoveDeletesTheItemAndClosesTheGap) {
-    int deaths = 0;
-    CBencodeList list(false);
     list.Append(1LL);
     CBencodeDictionary* middle = nullptr;
     list.Append(middle);
