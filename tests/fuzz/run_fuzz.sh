@@ -12,8 +12,8 @@ root=$(cd "$(dirname "$0")/../.." && pwd)
 build="$root/build-fuzz"
 
 if ! command -v clang++ >/dev/null 2>&1; then
-    echo "run_fuzz.sh: clang++ not found; skipping the fuzz run" >&2
-    exit 0
+    echo "run_fuzz.sh: clang++ not found (scripts/setup installs clang)" >&2
+    exit 1
 fi
 
 mkdir -p "$build"
