@@ -2,6 +2,7 @@
 // until SIGINT or SIGTERM, and answers status queries through the status interface.
 #include <pthread.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -19,8 +20,8 @@ namespace {
 
 struct Options {
     std::string command = "run";
-    std::string pluginPath;
-    std::string settingsPath;
+    std::string pluginPath = PW_DEFAULT_PLUGIN;
+    std::string settingsPath;  // empty: the default file, when it exists
     std::string modulesPath;
 };
 
@@ -29,11 +30,13 @@ void PrintUsage(FILE* out) {
             "usage: pathweave-host [--plugin LIB] [--settings FILE] [--modules FILE] "
             "[run|status|interfaces]\n"
             "  run         load the feedback plug-in and run its service until SIGINT/SIGTERM\n"
-            "  status      print whether feedback is enabled and its display name\n"
+            "  status      print the profile read, whether feedback is enabled, its name\n"
             "  interfaces  list the interfaces the plug-in offers\n"
-            "  --plugin    path of libPhoneHome.so\n"
-            "  --settings  host settings file (log sinks, CA file, connect-to, time scale)\n"
-            "  --modules   module settings reported to the service (KEY=V, KEY+=V, KEY#=N)\n");
+            "  --plugin    path of libPhoneHome.so (default %s)\n"
+            "  --settings  host settings file (default %s, optional there)\n"
+            "  --modules   module settings reported to the service (KEY=V, KEY+=V, KEY#=N)\n"
+            "  --version   print the product version and exit\n",
+            PW_DEFAULT_PLUGIN, PW_DEFAULT_HOST_SETTINGS);
 }
 
 bool ParseOptions(int argc, char** argv, Options& options) {
@@ -49,6 +52,9 @@ bool ParseOptions(int argc, char** argv, Options& options) {
         };
         if (arg == "--help" || arg == "-h") {
             PrintUsage(stdout);
+            exit(0);
+        } else if (arg == "--version") {
+            printf("pathweave-host %s (build %s)\n", PW_PRODUCT_VERSION, PW_PRODUCT_BUILD);
             exit(0);
         } else if (arg == "--plugin") {
             if (!value(options.pluginPath))
@@ -67,7 +73,7 @@ bool ParseOptions(int argc, char** argv, Options& options) {
         }
     }
     if (options.pluginPath.empty()) {
-        fprintf(stderr, "pathweave-host: --plugin is required\n");
+        fprintf(stderr, "pathweave-host: --plugin needs a path\n");
         return false;
     }
     return true;
@@ -101,6 +107,53 @@ private:
     std::string m_path;
 };
 
+// The service thread reports its end with this signal; it is blocked in every thread and
+// taken only by the main thread's sigwait.
+int ServiceEndedSignal() {
+    return SIGRTMIN;
+}
+
+// The signals the running host takes with sigwait.
+sigset_t HostSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGUSR1, ServiceEndedSignal()}) {
+        sigaddset(&signals, sig);
+    }
+    return signals;
+}
+
+// Waits up to `milliseconds` for the service thread's end; true once it has ended.
+bool WaitForServiceEnd(long milliseconds) {
+    sigset_t ended;
+    sigemptyset(&ended);
+    sigaddset(&ended, ServiceEndedSignal());
+    timespec timeout{milliseconds / 1000, (milliseconds % 1000) * 1000000L};
+    return sigtimedwait(&ended, nullptr, &timeout) == ServiceEndedSignal();
+}
+
+// Stops the service whatever point of its life it has reached. A stop that arrives before
+// the service thread has entered the plug-in's loop is not taken (the plug-in reports it is
+// not running), so the host waits until the service reports running, then stops it, and
+// repeats the stop with a growing pause for as long as the thread has not ended. The first
+// repeat comes after a stop would normally have ended the loop (an upload in progress is cut
+// short within 100 ms), so a normal stop is sent once.
+void StopService(IPhoneHomePlugin& service) {
+    while (service.IsPhoneHomeRunning() != 0) {
+        if (WaitForServiceEnd(1)) {
+            return;
+        }
+    }
+    long pauseMs = 200;
+    for (;;) {
+        service.StopPhoneHome();
+        if (WaitForServiceEnd(pauseMs)) {
+            return;
+        }
+        pauseMs = pauseMs < 1600 ? pauseMs * 2 : pauseMs;
+    }
+}
+
 int RunService(PluginLoader& loader, const Options& options) {
     Plugin* plugin = loader.createPlugin(PHONEHOME_PLUGIN_INTERFACE_NAME);
     if (plugin == nullptr) {
@@ -111,25 +164,36 @@ int RunService(PluginLoader& loader, const Options& options) {
     HostCallback callback(options.modulesPath);
     service->SetPhoneHomePluginCB(&callback);
 
-    // SIGINT and SIGTERM are taken by this thread alone; the service thread reports its end
-    // with SIGUSR1.
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    sigaddset(&signals, SIGUSR1);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-
+    // main() blocked the signals; they are taken by this thread alone (the service thread
+    // inherits the mask).
+    sigset_t signals = HostSignals();
     std::thread serviceThread([service] {
         service->StartPhoneHome();
-        kill(getpid(), SIGUSR1);
+        kill(getpid(), ServiceEndedSignal());
     });
 
-    int received = 0;
-    sigwait(&signals, &received);
-    if (received != SIGUSR1) {
-        fprintf(stderr, "pathweave-host: %s, stopping\n", strsignal(received));
-        service->StopPhoneHome();
+    for (;;) {
+        int received = 0;
+        if (sigwait(&signals, &received) != 0) {
+            continue;
+        }
+        if (received == ServiceEndedSignal()) {
+            break;
+        }
+        if (received == SIGHUP) {
+            // logrotate moved the log file away: write on into a new one.
+            CAppLog::ReopenLogFile();
+            continue;
+        }
+        if (received == SIGUSR1) {
+            // The client reports that its plug-in directory changed.
+            service->PluginDirChanged();
+            continue;
+        }
+        CAppLog::LogDebugMessage("RunService", "host/app/HostMain", __LINE__, CAppLog::Information,
+                                 "%s, stopping the feedback service", strsignal(received));
+        StopService(*service);
+        break;
     }
     serviceThread.join();
     service->UnSetPhoneHomePluginCB();
@@ -163,22 +227,49 @@ int PrintInterfaces(PluginLoader& loader) {
     return 0;
 }
 
+// Reads and applies the host settings: the given file, or else the default file when it
+// exists. Started by hand (stderr is a terminal), problems are shown there too, not only in
+// the configured log.
+bool ApplySettings(const Options& options) {
+    std::string path = options.settingsPath;
+    if (path.empty()) {
+        if (access(PW_DEFAULT_HOST_SETTINGS, F_OK) != 0) {
+            return true;
+        }
+        path = PW_DEFAULT_HOST_SETTINGS;
+    }
+    const bool byHand = isatty(STDERR_FILENO) != 0;
+    if (byHand) {
+        CAppLog::ConfigureSinks(CAppLog::ConfiguredSinks() | CAppLog::SinkStderr);
+    }
+    pwhost::HostSettings settings;
+    if (!pwhost::LoadHostSettings(path, settings)) {
+        fprintf(stderr, "pathweave-host: cannot read host settings %s\n", path.c_str());
+        return false;
+    }
+    pwhost::ApplyHostSettings(settings);
+    return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Reports, history and copies of crash dumps are private to the service's user: every
+    // file and directory the plug-in creates is made without group or other access.
+    umask(077);
     Options options;
     if (!ParseOptions(argc, argv, options)) {
         PrintUsage(stderr);
         return 2;
     }
-    if (!options.settingsPath.empty()) {
-        pwhost::HostSettings settings;
-        if (!pwhost::LoadHostSettings(options.settingsPath, settings)) {
-            fprintf(stderr, "pathweave-host: cannot read host settings %s\n",
-                    options.settingsPath.c_str());
-            return 2;
-        }
-        pwhost::ApplyHostSettings(settings);
+    if (options.command == "run") {
+        // From here on a stop request waits for the service instead of ending the process,
+        // so that a SIGTERM during start-up still ends with the history saved.
+        sigset_t signals = HostSignals();
+        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    }
+    if (!ApplySettings(options)) {
+        return 1;
     }
     PluginLoader loader;
     std::string error;

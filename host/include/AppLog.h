@@ -49,4 +49,8 @@ public:
     // `sinks` is a mask of Sink bits; `filePath` is used when SinkFile is set.
     static void ConfigureSinks(unsigned int sinks, const std::string& filePath = std::string());
     static unsigned int ConfiguredSinks();
+    // Closes and reopens the log file at its configured path (after logrotate moved it).
+    // Without a file sink it does nothing; a failure is reported on stderr, as at
+    // configuration, and file records are dropped until the next successful reopen.
+    static void ReopenLogFile();
 };

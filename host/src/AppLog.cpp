@@ -223,6 +223,23 @@ void CAppLog::LogMessage(Logging::MessageID id, ...) {
     Emit(std::move(record));
 }
 
+namespace {
+
+// Opens the configured log file for appending; the caller holds the state's lock.
+void OpenLogFile(LogState& state) {
+    if (state.filePath.empty()) {
+        return;
+    }
+    state.fileFd = open(state.filePath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (state.fileFd < 0) {
+        std::string line =
+            "E host/AppLog: cannot open log file " + state.filePath + ": " + strerror(errno) + "\n";
+        WriteAll(STDERR_FILENO, line);
+    }
+}
+
+}  // namespace
+
 void CAppLog::ConfigureSinks(unsigned int sinks, const std::string& filePath) {
     LogState& state = State();
     std::lock_guard<std::mutex> lock(state.mutex);
@@ -231,15 +248,23 @@ void CAppLog::ConfigureSinks(unsigned int sinks, const std::string& filePath) {
         state.fileFd = -1;
     }
     state.filePath = filePath;
-    if ((sinks & SinkFile) && state.fileFd < 0 && !filePath.empty()) {
-        state.fileFd = open(filePath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-        if (state.fileFd < 0) {
-            std::string line =
-                "E host/AppLog: cannot open log file " + filePath + ": " + strerror(errno) + "\n";
-            WriteAll(STDERR_FILENO, line);
-        }
+    if ((sinks & SinkFile) && state.fileFd < 0) {
+        OpenLogFile(state);
     }
     state.sinks = sinks;
+}
+
+void CAppLog::ReopenLogFile() {
+    LogState& state = State();
+    std::lock_guard<std::mutex> lock(state.mutex);
+    if (!(state.sinks & SinkFile)) {
+        return;
+    }
+    if (state.fileFd >= 0) {
+        close(state.fileFd);
+        state.fileFd = -1;
+    }
+    OpenLogFile(state);
 }
 
 unsigned int CAppLog::ConfiguredSinks() {
