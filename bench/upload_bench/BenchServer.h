@@ -19,10 +19,10 @@ public:
     ScratchDir() : pwsupport::ScratchDir("/tmp", "pwbench-") {}
 };
 
-// The test certificates (tests/e2e/make_certs.sh), made once in a scratch directory.
+// The test certificates (tools/feedback-server/make_certs.sh), made once in a scratch directory.
 const std::string& CertDir();
 
-// tests/e2e/feedback_server.py on 127.0.0.1. Records requests only when `record` is set.
+// tools/feedback-server/feedback_server.py on 127.0.0.1. Records requests only when `record` is set.
 class BenchServer {
 public:
     BenchServer(const std::string& mode, bool record);

@@ -15,7 +15,7 @@ namespace pwsupport {
 const char* const kFeedbackServerName = "feedback.pathweave.example";
 
 int MakeTestCerts(const std::string& dir, bool quiet) {
-    return RunProcess({"bash", std::string(PW_SOURCE_DIR) + "/tests/e2e/make_certs.sh", dir},
+    return RunProcess({"bash", std::string(PW_SOURCE_DIR) + "/tools/feedback-server/make_certs.sh", dir},
                       quiet);
 }
 
@@ -25,7 +25,7 @@ bool FeedbackServerProcess::Start(const std::vector<std::string>& options, bool 
     // The distribution's interpreter when there is one: it starts fastest.
     const char* python = access("/usr/bin/python3", X_OK) == 0 ? "/usr/bin/python3" : "python3";
     std::vector<std::string> args = {python,
-                                     std::string(PW_SOURCE_DIR) + "/tests/e2e/feedback_server.py"};
+                                     std::string(PW_SOURCE_DIR) + "/tools/feedback-server/feedback_server.py"};
     args.insert(args.end(), options.begin(), options.end());
     int out = -1;
     m_pid = Spawn(args, &out, quiet, error);

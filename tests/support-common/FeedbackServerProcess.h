@@ -1,5 +1,5 @@
-// The local HTTPS feedback server (tests/e2e/feedback_server.py) as a child process on
-// 127.0.0.1, and its certificates (tests/e2e/make_certs.sh).
+// The local HTTPS feedback server (tools/feedback-server/feedback_server.py) as a child process on
+// 127.0.0.1, and its certificates (tools/feedback-server/make_certs.sh).
 #pragma once
 
 #include <sys/types.h>

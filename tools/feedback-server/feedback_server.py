@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""HTTPS feedback server for tests.
+"""A local HTTPS feedback server: the demo, the tests and the benchmarks post to it.
 
 Binds 127.0.0.1 on a free port, prints "PORT <n>" on stdout once it accepts connections,
 and records every request in the record directory as NNNNNN.body (the body bytes as
@@ -19,6 +19,9 @@ request; command-line values are the defaults):
 
     mode=ok          200 with the reply body
     mode=error       500 with the reply body
+    mode=notfound    404 with the reply body
+    mode=reset       read half of the body, then reset the connection (TCP RST)
+    mode=tlsstall    accept the connection, then never answer the TLS handshake
     mode=close       read half of the body, then close the connection without an answer
     mode=stall       read the request, then answer nothing until the client goes away
     mode=garbage     bytes that are not HTTP, then close
@@ -42,6 +45,7 @@ import select
 import signal
 import socket
 import ssl
+import struct
 import sys
 import threading
 import time
@@ -118,6 +122,11 @@ class Handler(http.server.BaseHTTPRequestHandler):
         super().setup()
 
     def handle(self):
+        if read_control(self.server.control, self.server.defaults).get("mode") == "tlsstall":
+            # The client's hello is read and dropped from a plain duplicate of the socket.
+            with socket.socket(fileno=os.dup(self.request.fileno())) as raw:
+                self.stall(raw)
+            return
         try:
             self.request.do_handshake()
             super().handle()
@@ -134,6 +143,19 @@ class Handler(http.server.BaseHTTPRequestHandler):
     def do_POST(self):
         self.serve()
 
+    def stall(self, raw=None):
+        """Answers nothing until the client goes away (at most two minutes)."""
+        raw = raw or self.request
+        deadline = time.monotonic() + 120
+        while time.monotonic() < deadline and not self.server.stopping:
+            readable, _, _ = select.select([raw], [], [], 0.05)
+            if readable:
+                try:
+                    if not raw.recv(4096):
+                        return  # the client went away
+                except (ssl.SSLError, OSError):
+                    return
+
     def send_raw(self, data):
         self.wfile.write(data)
         self.wfile.flush()
@@ -143,11 +165,17 @@ class Handler(http.server.BaseHTTPRequestHandler):
         mode = settings.get("mode", "ok")
         length = int(self.headers.get("Content-Length") or 0)
 
-        if mode == "close":
+        if mode in ("close", "reset"):
             body = self.rfile.read(length // 2) if length > 1 else b""
             self.server.recorder.record(self, body, True)
             self.close_connection = True
-            self.request.shutdown(socket.SHUT_RDWR)
+            if mode == "reset":
+                # A zero linger time makes the close send RST instead of FIN.
+                self.request.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER,
+                                        struct.pack("ii", 1, 0))
+                self.request.close()
+            else:
+                self.request.shutdown(socket.SHUT_RDWR)
             return
 
         body = self.rfile.read(length) if length > 0 else b""
@@ -157,15 +185,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
         if mode == "stall":
             self.close_connection = True
-            deadline = time.monotonic() + 120
-            while time.monotonic() < deadline and not self.server.stopping:
-                readable, _, _ = select.select([self.request], [], [], 0.05)
-                if readable:
-                    try:
-                        if not self.request.recv(4096):
-                            return  # the client went away
-                    except (ssl.SSLError, OSError):
-                        return
+            self.stall()
             return
         if mode == "garbage":
             self.close_connection = True
@@ -184,7 +204,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
                           b"\r\nContent-Length: 2\r\n\r\nOK")
             return
         reply = reply_body(settings)
-        status = b"500 Internal Server Error" if mode == "error" else b"200 OK"
+        status = {"error": b"500 Internal Server Error",
+                  "notfound": b"404 Not Found"}.get(mode, b"200 OK")
         message = (b"HTTP/1.1 " + status + b"\r\nContent-Type: text/plain\r\n" +
                    b"Content-Length: %d\r\n\r\n" % len(reply) + reply)
         if mode == "drip":
