@@ -256,9 +256,11 @@ class EndToEnd(HostFixture):
     def test_crash_dump_and_threat_report_are_delivered(self):
         server = self.server()
         crash_dir = os.path.join(self.work, "crash") + "/"
-        threat_dir = os.path.join(self.work, "threats")
+        threat_dir = os.path.join(self.work, "threats") + "/"
+        # The threat scan lists the directory "\\*" inside the watched one and reads each
+        # entry at the watched directory's path + "\\*" + name.
+        os.makedirs(os.path.join(threat_dir, "\\*"))
         os.makedirs(crash_dir)
-        os.makedirs(threat_dir)
         with open(os.path.join(crash_dir, "vpnagent.core"), "wb") as dump:
             dump.write(b"core\x00\x01\x02")
         self.write_profile("<IncludeCrashReport>true</IncludeCrashReport>")
@@ -267,12 +269,15 @@ class EndToEnd(HostFixture):
         self.assertTrue(wait_for(crash), self.log())
         self.assertIn(b"12:Y29yZQABAg==", crash()[0])  # base64 of the dump's bytes
         time.sleep(0.5)  # the watcher is set up with the first crash check (600 s)
-        with open(os.path.join(threat_dir, "incident.txt"), "w") as threat:
+        open(os.path.join(threat_dir, "\\*", "incident"), "w").close()
+        incident = threat_dir + "\\*incident"
+        with open(os.path.join(self.work, "incident"), "w") as threat:
             threat.write("blocked a page")
+        os.rename(os.path.join(self.work, "incident"), incident)  # whole, in one change
         threats = lambda: [b for b in server.bodies() if b"ThreatReports" in b]
         self.assertTrue(wait_for(threats), self.log())
         self.assertIn(b"14:ThreatIncident14:blocked a page", threats()[0])
-        self.assertTrue(wait_for(lambda: os.listdir(threat_dir) == []), self.log())
+        self.assertTrue(wait_for(lambda: not os.path.exists(incident)), self.log())
         self.stop_host()
 
     def test_disabled_service_leaves_its_marker_and_sends_nothing(self):

@@ -1,0 +1,59 @@
+#include "RegularFile.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+int OpenRegularFileForReading(const std::string& path, ELinkPolicy links, struct stat& status) {
+    int flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK;
+    if (links == ELinkPolicy::NoFollow) {
+        flags |= O_NOFOLLOW;
+    }
+    int fd = open(path.c_str(), flags);
+    if (fd < 0) {
+        return -1;
+    }
+    int error = 0;
+    if (fstat(fd, &status) != 0) {
+        error = errno;
+    } else if (!S_ISREG(status.st_mode)) {
+        error = EINVAL;
+    }
+    if (error != 0) {
+        close(fd);
+        errno = error;
+        return -1;
+    }
+    return fd;
+}
+
+int CreateRegularFileExclusively(const std::string& path, mode_t mode) {
+    return open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK,
+                mode);
+}
+
+ssize_t ReadExactly(int fd, char* buffer, size_t size) {
+    size_t done = 0;
+    while (done < size) {
+        ssize_t count = read(fd, buffer + done, size - done);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count < 0) {
+            return -1;
+        }
+        if (count == 0) {
+            break;
+        }
+        done += static_cast<size_t>(count);
+    }
+    return static_cast<ssize_t>(done);
+}
+
+bool IsRegularFile(const std::string& path, ELinkPolicy links) {
+    struct stat status;
+    int rc =
+        links == ELinkPolicy::Follow ? stat(path.c_str(), &status) : lstat(path.c_str(), &status);
+    return rc == 0 && S_ISREG(status.st_mode);
+}

@@ -1,0 +1,39 @@
+// Opening files that the plug-in reads, whoever else can write to their directories.
+//
+// A path the plug-in reads (module data, outbound reports, crash and threat files, the
+// history, the config file, the profile) may name something other than a regular file: a
+// FIFO, whose open would block the service thread for good, a device, which reads without
+// end or as empty, or a symbolic link placed by another user. These helpers open without
+// blocking, judge the file by fstat on the open descriptor (so the answer cannot change
+// between the check and the use) and keep it only when it is a regular file.
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <string>
+
+enum class ELinkPolicy {
+    Follow,    // the path may be a symbolic link to a regular file
+    NoFollow,  // a symbolic link at the path is refused like a file that cannot be opened
+};
+
+// Opens `path` read-only (close-on-exec, non-blocking) and returns the descriptor when it is
+// a regular file, with its status in `status`. Otherwise returns -1 with errno set: the
+// open's own errno, ELOOP for a refused link, EINVAL for something that is not a regular
+// file. The caller owns the descriptor.
+int OpenRegularFileForReading(const std::string& path, ELinkPolicy links, struct stat& status);
+
+// Creates `path` as a new, empty regular file (never through a symbolic link, never over an
+// existing file) and returns its descriptor opened write-only, or -1 with errno set.
+int CreateRegularFileExclusively(const std::string& path, mode_t mode);
+
+// Reads exactly `size` bytes from `fd` into `buffer`, retrying short reads and EINTR. Returns
+// the number read: less than `size` only when the file ended early (a file that grows
+// meanwhile is never read past `size`), or -1 with errno set on a read error.
+ssize_t ReadExactly(int fd, char* buffer, size_t size);
+
+// Whether `path` names a regular file (with NoFollow a link is not one). Checked before a
+// path is removed, so that nothing but a regular file (or a module's link to one) is ever
+// removed.
+bool IsRegularFile(const std::string& path, ELinkPolicy links);
