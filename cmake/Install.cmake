@@ -7,6 +7,11 @@
 #   PREFIX/LIBDIR/pkgconfig           pathweave-host.pc
 #   PW_INSTALL_DIR/lib                libPhoneHome.so, the plug-in
 #   /etc/pathweave/host.conf, the systemd unit, logrotate, man pages, package documents
+# GNUInstallDirs picks the multiarch directory only for native builds; the i386 build is a
+# cross build to CMake, so it is named here.
+if(CMAKE_LIBRARY_ARCHITECTURE AND CMAKE_INSTALL_PREFIX MATCHES "^/usr/?$")
+  set(CMAKE_INSTALL_LIBDIR lib/${CMAKE_LIBRARY_ARCHITECTURE} CACHE PATH "Object code libraries")
+endif()
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -46,20 +51,20 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/PathweaveHostConfigVersio
 install(FILES ${PROJECT_BINARY_DIR}/PathweaveHostConfig.cmake
               ${PROJECT_BINARY_DIR}/PathweaveHostConfigVersion.cmake
         DESTINATION ${PW_CMAKE_DIR} COMPONENT dev)
+# The prefix is found relative to the .pc file, so the file is right wherever it lands.
+file(RELATIVE_PATH PW_PC_TO_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(${PROJECT_SOURCE_DIR}/packaging/pathweave-host.pc.in
                ${PROJECT_BINARY_DIR}/pathweave-host.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/pathweave-host.pc
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
 
-# The service. System files go to their fixed places whatever the prefix.
-set(PW_SYSCONF_DIR /etc)
-if(DEFINED PW_STAGE_SYSCONF)  # scratch installs in tests keep them inside the prefix
-  set(PW_SYSCONF_DIR ${PW_STAGE_SYSCONF})
-endif()
+# The service. With the prefix /usr the settings go to /etc (GNUInstallDirs), with any
+# other prefix under it.
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/host.conf
-        DESTINATION ${PW_SYSCONF_DIR}/pathweave COMPONENT feedback)
+        DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/pathweave COMPONENT feedback)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/pathweave-host.logrotate
-        DESTINATION ${PW_SYSCONF_DIR}/logrotate.d RENAME pathweave-host COMPONENT feedback)
+        DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/logrotate.d RENAME pathweave-host
+        COMPONENT feedback)
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/pathweave-host.service
         DESTINATION lib/systemd/system COMPONENT feedback)
 

@@ -1,0 +1,60 @@
+#!/usr/bin/env bash
+# The shipping checks: builds the Debian packages for both architectures (scripts/package,
+# lintian without errors), checks their contents, runs the installed amd64 host from an
+# extracted root against the local HTTPS server, and builds a consumer host against an
+# installation of the framework into a scratch prefix (CMake package and pkg-config).
+#   tests/package/check_packages.sh NATIVE_BUILD_DIR
+set -euo pipefail
+root=$(cd "$(dirname "$0")/../.." && pwd)
+native=${1:?usage: check_packages.sh NATIVE_BUILD_DIR}
+scratch=$(mktemp -d /tmp/pw-package.XXXXXX)
+trap 'rm -rf "$scratch"' EXIT
+
+PW_SKIP_SETUP=1 bash "$root/scripts/package" amd64 i386 >"$scratch/package.log" 2>&1 ||
+  { cat "$scratch/package.log"; exit 1; }
+version=$(grep -o 'PW_PRODUCT_VERSION:STRING=.*' "$native/CMakeCache.txt" | cut -d= -f2)
+
+# package:arch multiarch: the files each package must hold.
+for arch in amd64:x86_64 i386:i386; do
+  a=${arch%:*} triplet=${arch#*:}-linux-gnu
+  expect=(
+    "pathweave-feedback ./opt/norvek/pathweave/lib/libPhoneHome.so ./usr/bin/pathweave-host ./etc/pathweave/host.conf ./usr/lib/systemd/system/pathweave-host.service ./usr/share/man/man8/pathweave-host.8.gz"
+    "libpwhost1 ./usr/lib/$triplet/libpwhost.so.1"
+    "libpwhost-dev ./usr/include/pathweave/PluginInterfaces.h ./usr/lib/$triplet/cmake/PathweaveHost/PathweaveHostConfig.cmake ./usr/lib/$triplet/pkgconfig/pathweave-host.pc"
+    "pathweave-tools ./usr/bin/cefdump ./usr/share/man/man1/cefdump.1.gz"
+  )
+  for line in "${expect[@]}"; do
+    read -r package files <<<"$line"
+    deb="$root/out/${package}_${version}_$a.deb"
+    listing=$(dpkg-deb -c "$deb" | awk '{print $6}')
+    for file in $files; do
+      grep -qxF "$file" <<<"$listing" || { echo "$deb lacks $file"; exit 1; }
+    done
+    if grep -q HostTestControl <<<"$listing"; then echo "$deb ships test controls"; exit 1; fi
+    [ "$a" = amd64 ] && dpkg-deb -x "$deb" "$scratch/root"
+  done
+done
+echo "packages: contents as expected"
+
+# The installed host and plug-in, run once from the extracted root. The plug-in keeps its
+# files under /opt/norvek/pathweave, so that run gets a private /opt (mount namespace).
+unshare --mount --propagation private bash -c '
+  set -e
+  mount -t tmpfs tmpfs /opt
+  cp -a "$1/root/opt/." /opt/
+  PW_E2E_HOST="$1/root/usr/bin/pathweave-host" \
+  PW_E2E_PLUGIN=/opt/norvek/pathweave/lib/libPhoneHome.so \
+  PW_E2E_INSTALL_DIR=/opt/norvek/pathweave PW_E2E_WORK="$1/e2e" \
+  LD_LIBRARY_PATH="$1/root/usr/lib/x86_64-linux-gnu" \
+    python3 "$2/tests/e2e/e2e_test.py" EndToEnd.test_module_data_is_collected_posted_and_deleted_privately
+' _ "$scratch" "$root"
+echo "packages: the installed host delivered a report"
+
+cmake --install "$native" --prefix "$scratch/prefix" >/dev/null
+cmake -S "$root/tests/package/consumer" -B "$scratch/consumer" \
+  -DCMAKE_PREFIX_PATH="$scratch/prefix" >"$scratch/consumer.log" 2>&1 &&
+  PKG_CONFIG_PATH="$scratch/prefix/lib/pkgconfig" cmake --build "$scratch/consumer" \
+    >>"$scratch/consumer.log" 2>&1 || { cat "$scratch/consumer.log"; exit 1; }
+for program in consumer_cmake consumer_pkgconfig; do
+  LD_LIBRARY_PATH="$scratch/prefix/lib" "$scratch/consumer/$program"
+done
