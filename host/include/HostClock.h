@@ -15,8 +15,10 @@ namespace pwhost {
 // Milliseconds on the host's monotonic time line (scaled or manual as configured).
 uint64_t HostNowMs();
 // Switches to a scaled clock: the host time runs `scale` times faster than real time,
-// starting from the current real time. A scale of 1 is the real clock.
-void UseScaledClock(double scale);
+// starting from the current real time, or from `startSeconds` (UNIX time) when that is not
+// negative, so that a simulated schedule can go on across restarts. A scale of 1 without a
+// start is the real clock.
+void UseScaledClock(double scale, int64_t startSeconds = -1);
 void UseRealClock();
 double ClockScale();
 bool ClockIsManual();

@@ -111,12 +111,15 @@ uint64_t HostNowMs() {
     return MonoLocked(s);
 }
 
-void UseScaledClock(double scale) {
+void UseScaledClock(double scale, int64_t startSeconds) {
     ClockState& s = State();
     std::lock_guard<std::mutex> lock(s.mutex);
     uint64_t hostMono = MonoLocked(s);
     uint64_t hostWall = WallLocked(s);
-    if (!(scale > 0.0) || scale == 1.0) {
+    if (!(scale > 0.0)) {
+        scale = 1.0;
+    }
+    if (scale == 1.0 && startSeconds < 0) {
         s.mode = Mode::Real;
         s.scale = 1.0;
     } else {
@@ -125,7 +128,8 @@ void UseScaledClock(double scale) {
         s.realMonoBaseMs = ReadClockMs(CLOCK_MONOTONIC);
         s.realWallBaseMs = ReadClockMs(CLOCK_REALTIME);
         s.hostMonoBaseMs = hostMono;
-        s.hostWallBaseMs = hostWall;
+        s.hostWallBaseMs =
+            startSeconds >= 0 ? static_cast<uint64_t>(startSeconds) * 1000u : hostWall;
     }
     NotifyChangeLocked(s);
 }

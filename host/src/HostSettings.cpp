@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
+#include <ctime>
 #include <mutex>
 
 #include "AppLog.h"
@@ -102,6 +103,33 @@ bool ParseScale(const std::string& value, double& scale) {
     return true;
 }
 
+// UNIX seconds, or a UTC date "YYYY-MM-DD" with an optional "THH:MM:SSZ".
+bool ParseClockStart(const std::string& value, int64_t& seconds) {
+    if (!value.empty() && value.find_first_not_of("0123456789") == std::string::npos) {
+        errno = 0;
+        long long parsed = strtoll(value.c_str(), nullptr, 10);
+        if (errno != 0 || parsed > 0xFFFFFFFFll) {
+            return false;
+        }
+        seconds = parsed;
+        return true;
+    }
+    struct tm date = {};
+    const char* end = strptime(value.c_str(), "%Y-%m-%d", &date);
+    if (end != nullptr && *end == 'T') {
+        end = strptime(end, "T%H:%M:%SZ", &date);
+    }
+    if (end == nullptr || *end != '\0') {
+        return false;
+    }
+    time_t parsed = timegm(&date);
+    if (parsed < 0 || static_cast<long long>(parsed) > 0xFFFFFFFFll) {
+        return false;
+    }
+    seconds = parsed;
+    return true;
+}
+
 // Applies one key and value; false when the value is not acceptable for the key.
 bool ApplyKey(const std::string& key, const std::string& value, pwhost::HostSettings& settings,
               bool& known) {
@@ -125,6 +153,9 @@ bool ApplyKey(const std::string& key, const std::string& value, pwhost::HostSett
     }
     if (key == "time_scale") {
         return ParseScale(value, settings.timeScale);
+    }
+    if (key == "clock_start") {
+        return ParseClockStart(value, settings.clockStart);
     }
     known = false;
     return false;
@@ -199,7 +230,7 @@ void ApplyHostSettings(const HostSettings& settings) {
     }
     // A manual clock belongs to the tests that set it; otherwise the scale applies.
     if (!ClockIsManual()) {
-        UseScaledClock(settings.timeScale);
+        UseScaledClock(settings.timeScale, settings.clockStart);
     }
     AppliedSettings& applied = Applied();
     std::lock_guard<std::mutex> lock(applied.mutex);

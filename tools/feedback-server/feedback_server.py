@@ -29,6 +29,7 @@ request; command-line values are the defaults):
     mode=nobody      200 with Content-Length 0
     mode=hugeheaders 200 with one 200 KiB header line
     mode=drip        a complete 200 reply written one byte per drip_seconds
+    fail_next=N      answer the next N requests with 500, whatever the mode (an outage)
     reply=TEXT       reply body (default "OK")
     reply_size=N     reply body of N bytes of a repeating pattern instead
     reply_nul_at=K   put a NUL byte at offset K of the reply body
@@ -180,6 +181,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
         body = self.rfile.read(length) if length > 0 else b""
         self.server.recorder.record(self, body, False)
+        if self.server.take_failure(settings):
+            mode = "error"
         if settings.get("delay"):
             time.sleep(float(settings["delay"]))
 
@@ -228,8 +231,22 @@ class Server(http.server.ThreadingHTTPServer):
         super().__init__(("127.0.0.1", 0), Handler)
         self.context = context
         self.stopping = False
+        self.failure_lock = threading.Lock()
+        self.failure_setting = None
+        self.failures_left = 0
         for name, value in kwargs.items():
             setattr(self, name, value)
+
+    def take_failure(self, settings):
+        """Counts down fail_next: true while the outage lasts."""
+        with self.failure_lock:
+            if settings.get("fail_next") != self.failure_setting:
+                self.failure_setting = settings.get("fail_next")
+                self.failures_left = int(self.failure_setting or 0)
+            if self.failures_left > 0:
+                self.failures_left -= 1
+                return True
+            return False
 
     def get_request(self):
         connection, address = self.socket.accept()
