@@ -117,6 +117,7 @@ class FeedbackServer:
     def stop(self):
         self.process.terminate()
         self.process.wait(10)
+        self.process.stdout.close()
 
 
 def free_port():
@@ -170,14 +171,16 @@ class HostFixture(unittest.TestCase):
         with open(os.path.join(FEEDBACK, "CustomerExperience_Feedback.xml"), "w") as profile:
             profile.write('<?xml version="1.0"?>\n<Feedback>%s</Feedback>\n' % inner)
 
-    def start_host(self, modules, port=None):
+    def start_host(self, modules, port=None, scale=1000, clock_start=None):
         conf = os.path.join(self.work, "host.conf")
         with open(conf, "w") as out:
             out.write("log=file\nlog_file=%s\n" % os.path.join(self.work, "host.log"))
             out.write("ca_file=%s\n" % os.path.join(WORK, "certs", "ca.pem"))
             if port is not None:
                 out.write("connect_to=feedback.pathweave.example:443:127.0.0.1:%d\n" % port)
-            out.write("time_scale=1000\n")
+            out.write("time_scale=%d\n" % scale)
+            if clock_start is not None:
+                out.write("clock_start=%d\n" % clock_start)
         module_conf = os.path.join(self.work, "modules.conf")
         with open(module_conf, "w") as out:
             for key, value in modules.items():
@@ -297,6 +300,56 @@ class EndToEnd(HostFixture):
             # Before the host takes its signals over, SIGTERM ends it by itself.
             self.assertIn(self.host.wait(STOP_BOUND_S), (0, -signal.SIGTERM), self.log())
             self.assertLess(time.monotonic() - sent, STOP_BOUND_S)
+
+
+class SimulatedYear(HostFixture):
+    SCALE = 1000000  # a day in 86 ms
+    DAY = 86400
+
+    def test_a_year_with_restarts_an_upgrade_and_an_outage(self):
+        server = self.server()
+        self.write_profile()
+        history = os.path.join(FEEDBACK, "history")
+        with open(history, "w") as out:
+            out.write("last_sequence_number:97\n")  # wraps within the year
+        clock, runs = 1798761600, []  # 2027-01-01
+        for days, upgrade in ((100, False), (100, False), (100, True), (65, False)):
+            if upgrade:  # as a previous product version left it
+                with open(history) as old:
+                    text = old.read()
+                with open(history, "w") as out:
+                    out.write(text.replace("last_version_number:", "last_version_number:4.9."))
+            vpn = self.module_file("vpn.dat", bencode_dict({b"run": len(runs)}))
+            self.start_host({"VpnPhoneHomeFile": vpn}, server.port, self.SCALE, clock)
+            started = time.monotonic()
+            if len(runs) == 1:  # a three-day outage over the second run's monthly report
+                time.sleep(19 * self.DAY / self.SCALE)
+                server.set_mode("error")
+                time.sleep(3 * self.DAY / self.SCALE)
+                server.set_mode("ok")
+            time.sleep(max(0, started + days * self.DAY / self.SCALE - time.monotonic()))
+            self.stop_host()
+            stopped = clock + (time.monotonic() - started) * self.SCALE
+            runs.append((clock, stopped))
+            clock = int(stopped) + 3600
+
+        self.assertIn("Pathweave version changed", self.log())
+        self.assertEqual([], self.outbound(), "every report was delivered")
+        reports = sorted({tuple(bdecode(b[5:])[0][3][:2]) for b in server.bodies()})  # decodes
+        self.assertGreaterEqual(len(reports), 12, "monthly reports, one per run at least")
+        self.assertGreater(len(server.bodies()), len(reports), "the outage refused a post")
+        for (start, end), (next_start, _) in zip(reports, reports[1:]):
+            self.assertLessEqual(end, next_start, "collection periods follow one another")
+        for run_start, run_end in runs:
+            first = min(end for _, end in reports if run_start <= end <= run_end)
+            self.assertGreaterEqual(first, run_start + 600, "no report sooner than 600 s")
+        sequence = 97
+        for run_start, run_end in runs:  # 100 is saved, but loads as 1
+            sequence = 1 if sequence > 99 else sequence
+            for _ in [end for _, end in reports if run_start <= end <= run_end]:
+                sequence = 1 if sequence + 1 > 100 else sequence + 1
+        with open(history) as saved:
+            self.assertIn("last_sequence_number:%d\n" % sequence, saved.read())
 
 
 KEPT, DELIVERED = "kept", "delivered"
