@@ -5,7 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
+#include <algorithm>
 #include <sstream>
 
 #include "ExecutionContext.h"
@@ -16,8 +16,6 @@
 #include "PhoneHomeConfig.h"
 
 namespace pwtest {
-
-const char* const kTestDeviceId = "0123456789abcdef0123456789abcdef";
 
 namespace {
 
@@ -41,15 +39,17 @@ void RefuseOutboundConnections() {
     pwhost::ApplyHostSettings(settings);
 }
 
-}  // namespace
-
-std::string Wire(CBencode& value) {
-    CBencodeStream stream("", false);
-    if (!value.Externalize(stream)) {
-        ADD_FAILURE() << "externalize failed";
+bool LoopIsWaiting() {
+    CExecutionContext* context =
+        CExecutionContext::acquireInstance(CPhoneHomeAgent::kExecutionContextId);
+    bool waiting = context != nullptr && context->GetEventList()->IsWaiting();
+    if (context != nullptr) {
+        context->releaseInstance();
     }
-    return stream.Size() == 0 ? "" : std::string(stream.Data(), stream.Size());
+    return waiting;
 }
+
+}  // namespace
 
 Report ParseReport(const std::string& bytes) {
     Report report;
@@ -65,48 +65,22 @@ Report ParseReport(const std::string& bytes) {
     (*level2)[1]->Get(report.end);
     auto* level3 = dynamic_cast<CBencodeDictionary*>((*level2)[2]);
     CBencodeDictionary* data = nullptr;
-    if (level3 != nullptr && level3->Get("QualityImprovementData", data, false)) {
-        report.data = Wire(*data);
+    CBencodeStream out("", false);
+    if (level3 != nullptr && level3->Get("QualityImprovementData", data, false) &&
+        data->Externalize(out) && out.Size() > 0) {
+        report.data.assign(out.Data(), out.Size());
     }
     return report;
 }
 
-ServiceRunner::ServiceRunner(CPhoneHomePlugin& plugin) : m_plugin(plugin), m_finished(false) {
-    m_thread = std::thread([this] {
-        m_plugin.StartPhoneHome();
-        m_finished = true;
-    });
-}
-
-bool ServiceRunner::WaitUntilWaiting(unsigned int timeoutMs) {
-    return WaitUntil(
-        [this] {
-            if (m_finished) {
-                return true;
-            }
-            CExecutionContext* context =
-                CExecutionContext::acquireInstance(CPhoneHomeAgent::kExecutionContextId);
-            if (context == nullptr) {
-                return false;
-            }
-            bool waiting = context->GetEventList()->IsWaiting();
-            context->releaseInstance();
-            return waiting;
-        },
-        timeoutMs);
-}
-
-void ServiceRunner::Stop() {
-    if (m_thread.joinable()) {
-        m_plugin.StopPhoneHome();
-        m_thread.join();
-    }
-}
-
 long ModuleSettingsCallback::GetSettingsCB(IBencodeSettings& settings) {
     ++calls;
-    for (const auto& setting : m_settings) {
-        settings.Insert(setting.first.c_str(), setting.second.c_str(), false);
+    for (const Setting& s : m_settings) {
+        if (s.kind == 'i') {
+            settings.Insert(s.key.c_str(), std::stoll(s.value));
+        } else {
+            settings.Insert(s.key.c_str(), s.value.c_str(), s.kind == 'l');
+        }
     }
     return m_result;
 }
@@ -115,14 +89,14 @@ void AgentFixture::SetUp() {
     HostFixture::SetUp();
     RemoveTree(phonehome::kInstallDir);
     ASSERT_NE(0, MakeSureDirectoryPathExists(FeedbackDir().c_str()));
-    OverrideDeviceId(kTestDeviceId);
+    OverrideDeviceId("0123456789abcdef0123456789abcdef");
     setenv("LC_ALL", "C", 1);
     RefuseOutboundConnections();
     NewPlugin();
 }
 
 void AgentFixture::TearDown() {
-    m_runner.reset();
+    StopService();
     m_plugin.reset();
     ClearRoute();
     CHttpSessionCurl::SetLowSpeedGuard(16, 60);
@@ -131,6 +105,7 @@ void AgentFixture::TearDown() {
 }
 
 void AgentFixture::NewPlugin() {
+    StopService();
     m_plugin.reset();
     long result = 0;
     m_plugin.reset(new CPhoneHomePlugin(result));
@@ -138,36 +113,64 @@ void AgentFixture::NewPlugin() {
 }
 
 void AgentFixture::Prepare() {
-    ASSERT_TRUE(agent().InitPhoneHomeAgent()) << DumpLog();
-    for (auto timer :
-         {std::make_pair(&agent().m_pPhoneHomeTimer, CPhoneHomeAgent::kPhoneHomeTimerId),
-          std::make_pair(&agent().m_pPostRetryTimer, CPhoneHomeAgent::kPostRetryTimerId)}) {
-        long rc = 0;
-        *timer.first = new CTimer(rc, agent().m_pExecutionContext->GetTimerList(), &agent(),
-                                  nullptr, timer.second);
-        ASSERT_EQ(0, rc);
-    }
+    ASSERT_TRUE(PhoneHomeAgentTestAccess::Prepare(agent())) << DumpLog();
+    ClearCapturedLogs();
+}
+
+void AgentFixture::Deposit(const std::vector<Setting>& settings) {
+    m_callback.reset(new ModuleSettingsCallback(settings));
+    m_plugin->SetPhoneHomePluginCB(m_callback.get());
+    Expire(CPhoneHomeAgent::kPhoneHomeStarterTimerId);
     ClearCapturedLogs();
 }
 
 void AgentFixture::StartService() {
-    m_runner.reset(new ServiceRunner(*m_plugin));
-    ASSERT_TRUE(m_runner->WaitUntilWaiting()) << DumpLog();
+    m_finished = false;
+    m_service = std::thread([this] {
+        m_plugin->StartPhoneHome();
+        m_finished = true;
+    });
+    ASSERT_TRUE(WaitUntil([this] { return m_finished || LoopIsWaiting(); })) << DumpLog();
 }
 
-long long AgentFixture::Remaining(CTimer* timer) {
-    unsigned long ms = 0;
-    return timer != nullptr && timer->IsRunning() && timer->RemainingMs(ms)
-               ? static_cast<long long>(ms)
-               : -1;
+void AgentFixture::Advance(unsigned long long ms) {
+    const uint64_t turns = TotalWaitReturns();
+    AdvanceManualClock(ms);
+    ASSERT_TRUE(WaitUntil([turns] { return TotalWaitReturns() > turns; })) << DumpLog();
+    ASSERT_TRUE(WaitUntil([this] { return m_finished || LoopIsWaiting(); })) << DumpLog();
+}
+
+void AgentFixture::StopService() {
+    if (m_service.joinable()) {
+        m_plugin->StopPhoneHome();
+        m_service.join();
+    }
 }
 
 std::string AgentFixture::FeedbackDir() {
     return std::string(phonehome::kInstallDir) + "/CustomerExperienceFeedback/";
 }
 
+std::vector<std::string> AgentFixture::OutboundFiles() {
+    std::vector<std::string> names;
+    long rc = 0;
+    Directory directory(rc, OutboundDir());
+    std::string name;
+    while (rc == 0 && directory.ReadDir(name) == 0) {
+        if (name != "." && name != "..") {
+            names.push_back(name);
+        }
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+Report AgentFixture::ReportIn(const std::string& path) {
+    return FileExists(path) ? ParseReport(ReadFileOrEmpty(path)) : Report();
+}
+
 void AgentFixture::WriteProfile(const std::string& innerXml) {
-    ASSERT_TRUE(WriteFile(ProfilePath(),
+    ASSERT_TRUE(WriteFile(FeedbackDir() + "CustomerExperience_Feedback.xml",
                           "<?xml version=\"1.0\"?>\n<Feedback>" + innerXml + "</Feedback>\n"));
 }
 
@@ -186,17 +189,6 @@ std::map<std::string, std::string> AgentFixture::ReadHistory() {
         }
     }
     return lines;
-}
-
-bool WaitUntil(const std::function<bool()>& condition, unsigned int timeoutMs) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
 }
 
 }  // namespace pwtest
