@@ -59,11 +59,24 @@ protected:
         }
         return sent;
     }
-    // A file of the threat directory `dir`: the scan lists "<dir>\*" and reads the entries
-    // it finds there as "<dir>\*<name>".
-    static std::string ThreatFile(const std::string& dir, const std::string& name) {
-        EXPECT_TRUE(WriteFile(dir + "\\*/" + name, ""));
-        return dir + "\\*" + name;
+    // The threat directory, reported and watched. Its scan lists "<dir>\*" and reads the
+    // entries it finds there as "<dir>\*<name>".
+    std::string WatchThreats() {
+        const std::string dir = m_dir / "threats";
+        EXPECT_EQ(0, mkdir(dir.c_str(), 0700));
+        EXPECT_EQ(0, mkdir((dir + "\\*").c_str(), 0700));
+        Deposit({{"TelemetryModule", dir}});
+        Expire(A::kDelayGetThreatReportDirTimerId);
+        return dir + "\\*";
+    }
+    // A threat file `name` ("|": a pipe) in the scan `listed`, created `secondsAgo`.
+    static std::string ThreatFile(const std::string& listed, const std::string& name,
+                                  const std::string& content, int secondsAgo) {
+        const std::string path = listed + name;
+        EXPECT_TRUE(WriteFile(listed + "/" + name, ""));
+        EXPECT_TRUE(content == "|" ? mkfifo(path.c_str(), 0600) == 0 : WriteFile(path, content));
+        SetTime(path, kStartSeconds - secondsAgo);
+        return path;
     }
 
     TempDir m_dir;
@@ -205,23 +218,11 @@ TEST_F(ReportsTest, ThreatWatcherSetUp) {
 // One pass: every file, oldest first and one per second of creation time, becomes a threat
 // report up to its first NUL and is removed; the reports are posted after the pass.
 TEST_F(ReportsTest, ThreatDirectoryPass) {
-    const std::string dir = m_dir / "threats";
-    ASSERT_EQ(0, mkdir(dir.c_str(), 0700));
-    ASSERT_EQ(0, mkdir((dir + "\\*").c_str(), 0700));
-    Deposit({{"TelemetryModule", dir}});
-    Expire(A::kDelayGetThreatReportDirTimerId);
-    const struct {
-        const char* name;
-        std::string content;
-        time_t time;
-    } files[] = {{"late", std::string("blocked host\0tail", 17), kStartSeconds - 10},
-                 {"early1", "first", kStartSeconds - 30},
-                 {"early2", "second", kStartSeconds - 30},
-                 {"empty", "", kStartSeconds - 20}};
-    for (const auto& f : files) {
-        ASSERT_TRUE(WriteFile(ThreatFile(dir, f.name), f.content));
-        SetTime(dir + "\\*" + f.name, f.time);
-    }
+    const std::string listed = WatchThreats();
+    ThreatFile(listed, "late", std::string("blocked host\0tail", 17), 10);
+    const std::string first = ThreatFile(listed, "early1", "first", 30);
+    const std::string second = ThreatFile(listed, "early2", "second", 30);
+    ThreatFile(listed, "empty", "", 20);
     SetManualUnixSeconds(kStartSeconds + 5);
     PhoneHomeAgentTestAccess::ThreatDirChanged(agent());
 
@@ -229,37 +230,27 @@ TEST_F(ReportsTest, ThreatDirectoryPass) {
     ASSERT_EQ(3u, sent.size()) << DumpLog();
     const bool firstWon = sent[0] == Threat("first");
     EXPECT_EQ(firstWon ? Threat("first") : Threat("second"), sent[0]);
-    EXPECT_EQ(Threat(""), sent[1]);
-    EXPECT_EQ(Threat("blocked host"), sent[2]);
-    EXPECT_FALSE(FileExists(dir + "\\*late"));
-    EXPECT_FALSE(FileExists(dir + "\\*empty"));
-    EXPECT_NE(firstWon, FileExists(dir + "\\*early1"));
-    EXPECT_EQ(firstWon, FileExists(dir + "\\*early2"));
+    EXPECT_EQ(std::vector<std::string>({Threat(""), Threat("blocked host")}),
+              std::vector<std::string>(sent.begin() + 1, sent.end()));
+    EXPECT_EQ((std::vector<bool>{false, false, !firstWon, firstWon}),
+              (std::vector<bool>{FileExists(listed + "late"), FileExists(listed + "empty"),
+                                 FileExists(first), FileExists(second)}));
     EXPECT_EQ(std::to_string(kStartSeconds + 5), ReadHistory()["last_threat_report"]);
     EXPECT_EQ(1800000, Remaining(A::kPostRetryTimerId));  // posted (and refused) after the pass
 }
 
 // A stop during the pass ends it before the next file, and nothing is posted.
 TEST_F(ReportsTest, StopDuringTheThreatPass) {
-    const std::string dir = m_dir / "threats";
-    ASSERT_EQ(0, mkdir(dir.c_str(), 0700));
-    ASSERT_EQ(0, mkdir((dir + "\\*").c_str(), 0700));
-    Deposit({{"TelemetryModule", dir}});
-    Expire(A::kDelayGetThreatReportDirTimerId);
+    const std::string listed = WatchThreats();
     // The oldest file is a pipe: its open waits for a writer, which comes after the stop.
-    const std::string pipe = ThreatFile(dir, "pipe");
-    ASSERT_EQ(0, mkfifo(pipe.c_str(), 0600));
-    SetTime(pipe, kStartSeconds - 20);
-    ASSERT_TRUE(WriteFile(ThreatFile(dir, "later"), "later"));
-    SetTime(dir + "\\*later", kStartSeconds - 10);
-
+    const std::string pipe = ThreatFile(listed, "pipe", "|", 20);
+    const std::string later = ThreatFile(listed, "later", "later", 10);
     std::atomic<long> tid{0};
     std::thread pass([&] {
         tid = syscall(SYS_gettid);
         PhoneHomeAgentTestAccess::ThreatDirChanged(agent());
     });
-    // Blocked (sleeping) in the pipe's open.
-    ASSERT_TRUE(WaitUntil([&tid] {
+    ASSERT_TRUE(WaitUntil([&tid] {  // asleep in the pipe's open
         std::string stat = ReadFileOrEmpty("/proc/self/task/" + std::to_string(tid) + "/stat");
         size_t end = stat.rfind(')');
         return tid != 0 && end != std::string::npos && stat.compare(end, 3, ") S") == 0;
@@ -267,7 +258,7 @@ TEST_F(ReportsTest, StopDuringTheThreatPass) {
     PhoneHomeAgentTestAccess::RequestStop(agent());
     close(open(pipe.c_str(), O_WRONLY | O_CLOEXEC));
     pass.join();
-    EXPECT_TRUE(FileExists(dir + "\\*later"));
+    EXPECT_TRUE(FileExists(later));
     EXPECT_TRUE(Sent("threat_report").empty());
     EXPECT_EQ(-1, Remaining(A::kPostRetryTimerId));
     EXPECT_FALSE(HasLogText("post failed, give up this time."));

