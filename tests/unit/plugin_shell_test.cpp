@@ -107,21 +107,16 @@ TEST_F(PluginShellTest, StatusFollowsTheProfileAtEveryQuery) {
             EXPECT_TRUE(PwResultEquals(record.result, 0xFE300001));
         }
     }
-}
-
-TEST_F(PluginShellTest, DisplayNameBufferSizeProtocol) {
-    CPhoneHomeStatus status;
+    // A buffer too small (or none) is left alone and told the size needed, terminator included.
     unsigned int size = 0;
     EXPECT_TRUE(PwResultEquals(status.GetDisplayName(nullptr, size), 0xFFFFFFFD));
-    const unsigned int needed = size;
-    ASSERT_GT(needed, 1u);
-    std::vector<char> buffer(needed, 'x');
-    size = needed - 1;  // one byte short of the terminator
+    std::vector<char> buffer(size, 'x');
+    EXPECT_EQ(plain.size() + 1, size);
+    size = static_cast<unsigned int>(plain.size());
     EXPECT_TRUE(PwResultEquals(status.GetDisplayName(buffer.data(), size), 0xFFFFFFFD));
-    EXPECT_EQ(needed, size);
-    EXPECT_EQ('x', buffer[0]) << "the buffer is untouched when too small";
+    EXPECT_EQ('x', buffer[0]);
     EXPECT_EQ(0, status.GetDisplayName(buffer.data(), size));
-    EXPECT_EQ(needed - 1, strlen(buffer.data()));
+    EXPECT_EQ(plain, buffer.data());
 }
 
 TEST_F(PluginShellTest, ProfileReaderAppliesTheValueRules) {
