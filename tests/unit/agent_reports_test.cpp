@@ -245,8 +245,12 @@ TEST_F(ReportsTest, StopDuringTheThreatPass) {
         return tid != 0 && end != std::string::npos && stat.compare(end, 3, ") S") == 0;
     }));
     PhoneHomeAgentTestAccess::RequestStop(agent());
-    close(open(pipe.c_str(), O_WRONLY | O_CLOEXEC));
+    EXPECT_TRUE(WaitUntil([&pipe] {  // a writer opens only while the pass waits to read
+        int fd = open(pipe.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        return fd >= 0 && close(fd) == 0;
+    }));
     pass.join();
+    EXPECT_TRUE(HasLogText("Failed to get file size of threat report file " + pipe)) << DumpLog();
     EXPECT_TRUE(FileExists(later));
     EXPECT_TRUE(Sent("threat_report").empty());
     EXPECT_EQ(-1, Remaining(A::kPostRetryTimerId));
