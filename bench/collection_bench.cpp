@@ -15,6 +15,7 @@
 // Targets: the cycle at most 2 x the reference; peak at most 8 x the module data. The ratios
 // are printed after the run.
 #include <benchmark/benchmark.h>
+#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -30,7 +31,9 @@
 #include "AppLog.h"
 #include "Bencode.h"
 #include "ExecutionContext.h"
+#include "../tests/unit/support/PhoneHomeAgentTestAccess.h"
 #include "PhoneHomeAgent.h"
+#include "PhoneHomeConfig.h"
 #include "PhoneHomePluginImp.h"
 #include "Timer.h"
 #include "collection_bench/CollectionBenchSupport.h"
@@ -69,25 +72,48 @@ double ModuleDataBytes() {
     return total;
 }
 
-// An initialised agent that is not running, with the "Phone Home" timer that a cycle
-// re-arms and the module files reported. Posting is switched off: the scan that follows
-// the write returns at once, as it does while the agent stops.
+// The host's settings callback: reports the four module files.
+class ModuleFilesCallback : public IPhoneHomePluginCB {
+public:
+    explicit ModuleFilesCallback(const std::vector<std::string>& paths) : m_paths(paths) {}
+    long GetSettingsCB(IBencodeSettings& settings) override {
+        for (size_t i = 0; i < m_paths.size(); ++i) {
+            settings.Insert(kModules[i][1], m_paths[i].c_str(), false);
+        }
+        return 0;
+    }
+
+private:
+    const std::vector<std::string>& m_paths;
+};
+
+const std::string& FeedbackDir() {
+    static const std::string dir =
+        std::string(phonehome::kInstallDir) + "/CustomerExperienceFeedback/";
+    return dir;
+}
+
+// An initialised agent that is not running, with the module files reported through the
+// starter. Posting is switched off: the scan that follows the write returns at once, as it
+// does while the agent stops.
 class Agent {
 public:
     Agent() {
         long rc = 0;
         m_plugin.reset(new CPhoneHomePlugin(rc));
-        if (rc != 0 || m_plugin->GetAgent() == nullptr || !Get().InitPhoneHomeAgent()) {
+        if (rc != 0 || m_plugin->GetAgent() == nullptr ||
+            !PhoneHomeAgentTestAccess::Prepare(Get())) {
             return;
         }
-        Get().m_pPhoneHomeTimer = new CTimer(rc, Get().m_pExecutionContext->GetTimerList(), &Get(),
-                                             nullptr, CPhoneHomeAgent::kPhoneHomeTimerId);
-        Get().m_bStopRequested = true;
+        PhoneHomeAgentTestAccess::RequestStop(Get());
         for (const auto& module : kModules) {
-            m_paths.push_back(Get().m_tstrFeedbackDir + "moduledata/" + module[0] + ".dat");
-            Get().m_ModuleSettings.Insert(module[1], m_paths.back());
+            m_paths.push_back(FeedbackDir() + "moduledata/" + module[0] + ".dat");
         }
-        m_ok = rc == 0;
+        ModuleFilesCallback callback(m_paths);
+        m_plugin->SetPhoneHomePluginCB(&callback);
+        Get().OnTimerExpired(nullptr, CPhoneHomeAgent::kPhoneHomeStarterTimerId);
+        m_plugin->UnSetPhoneHomePluginCB();
+        m_ok = true;
     }
     bool Ok() const { return m_ok; }
     CPhoneHomeAgent& Get() { return *m_plugin->GetAgent(); }
@@ -101,18 +127,23 @@ public:
         return true;
     }
     // One expiry of the "Phone Home" timer.
-    void Cycle() {
-        m_outbound = Get().m_tstrOutboundDir + "feedback_data" +
-                     std::to_string(Get().m_uiSequenceNumber) + ".cef";
-        Get().OnTimerExpired(nullptr, CPhoneHomeAgent::kPhoneHomeTimerId);
-    }
+    void Cycle() { Get().OnTimerExpired(nullptr, CPhoneHomeAgent::kPhoneHomeTimerId); }
     // Whether the last cycle took every module file in and wrote the outbound file, which
     // it then removes.
     bool CheckAndClear() {
-        struct stat status;
-        bool written = stat(m_outbound.c_str(), &status) == 0 &&
-                       static_cast<double>(status.st_size) > ModuleDataBytes();
-        unlink(m_outbound.c_str());
+        const std::string outbound = FeedbackDir() + "outbound/";
+        bool written = false;
+        if (DIR* dir = opendir(outbound.c_str())) {
+            while (struct dirent* entry = readdir(dir)) {
+                const std::string path = outbound + entry->d_name;
+                struct stat status;
+                if (entry->d_name[0] != '.' && stat(path.c_str(), &status) == 0) {
+                    written = written || static_cast<double>(status.st_size) > ModuleDataBytes();
+                    unlink(path.c_str());
+                }
+            }
+            closedir(dir);
+        }
         for (const std::string& path : m_paths) {
             written = written && access(path.c_str(), F_OK) != 0;
         }
@@ -122,7 +153,6 @@ public:
 private:
     std::unique_ptr<CPhoneHomePlugin> m_plugin;
     std::vector<std::string> m_paths;
-    std::string m_outbound;
     bool m_ok = false;
 };
 

@@ -21,8 +21,11 @@
 #include <thread>
 
 #include "AppLog.h"
+#include "../tests/unit/support/PhoneHomeAgentTestAccess.h"
+#include "FileSystem.h"
 #include "HostClock.h"
 #include "PhoneHomeAgent.h"
+#include "PhoneHomeConfig.h"
 #include "PhoneHomePluginImp.h"
 #include "upload_bench/BenchServer.h"
 
@@ -60,27 +63,38 @@ std::string Payload(int index) {
     return data.substr(0, kFileSize);
 }
 
-// A plug-in object whose agent is initialised but not running.
+const std::string& OutboundDir() {
+    static const std::string dir =
+        std::string(phonehome::kInstallDir) + "/CustomerExperienceFeedback/outbound/";
+    return dir;
+}
+
+// A plug-in object whose agent is initialised but not running (or, for a run of the
+// service, only made).
 class Agent {
 public:
-    Agent() {
+    explicit Agent(bool prepare = true) {
         long rc = 0;
         m_plugin.reset(new CPhoneHomePlugin(rc));
         m_ok = rc == 0 && m_plugin->GetAgent() != nullptr &&
-               m_plugin->GetAgent()->InitPhoneHomeAgent();
+               (!prepare || PhoneHomeAgentTestAccess::Prepare(*m_plugin->GetAgent()));
     }
     bool Ok() const { return m_ok; }
-    CPhoneHomeAgent& Get() { return *m_plugin->GetAgent(); }
     CPhoneHomePlugin& Plugin() { return *m_plugin; }
+    // One scan of the outbound directory, posting every file (the "Post Retry" timer with
+    // no retry left).
+    void ScanAndPost() {
+        m_plugin->GetAgent()->OnTimerExpired(nullptr, CPhoneHomeAgent::kPostRetryTimerId);
+    }
 
 private:
     std::unique_ptr<CPhoneHomePlugin> m_plugin;
     bool m_ok = false;
 };
 
-void FillOutbound(CPhoneHomeAgent& agent) {
+void FillOutbound() {
     for (int i = 0; i < kFiles; ++i) {
-        pwsupport::WriteFile(agent.m_tstrOutboundDir + "feedback_data" + std::to_string(i) + ".cef",
+        pwsupport::WriteFile(OutboundDir() + "feedback_data" + std::to_string(i) + ".cef",
                              Payload(i));
     }
 }
@@ -100,12 +114,12 @@ void AgentPath(benchmark::State& state) {
     double total = 0;
     for (auto _ : state) {
         state.PauseTiming();
-        FillOutbound(agent.Get());
+        FillOutbound();
         state.ResumeTiming();
         Clock::time_point start = Clock::now();
-        agent.Get().ScanAndPostFile(0);
+        agent.ScanAndPost();
         total += Since(start);
-        if (pwsupport::CountFiles(agent.Get().m_tstrOutboundDir, ".cef") != 0) {
+        if (pwsupport::CountFiles(OutboundDir(), ".cef") != 0) {
             state.SkipWithError("files left in the outbound directory");
             break;
         }
@@ -214,12 +228,13 @@ void StopDuringStall(benchmark::State& state) {
     pwhost::UseScaledClock(1000);
     std::vector<double> stops;
     for (auto _ : state) {
-        Agent agent;
+        Agent agent(false);
         if (!agent.Ok()) {
             state.SkipWithError("agent initialisation failed");
             break;
         }
-        pwsupport::WriteFile(agent.Get().m_tstrOutboundDir + "stalled.cef", Payload(0));
+        MakeSureDirectoryPathExists(OutboundDir().c_str());
+        pwsupport::WriteFile(OutboundDir() + "stalled.cef", Payload(0));
         size_t before = server.RequestCount();
         std::atomic<bool> returned{false};
         Clock::time_point end;
@@ -272,14 +287,14 @@ void PeakMemory16MiB(benchmark::State& state) {
     double worst = 0;
     for (auto _ : state) {
         state.PauseTiming();
-        pwsupport::WriteFile(agent.Get().m_tstrOutboundDir + "big.cef", big);
+        pwsupport::WriteFile(OutboundDir() + "big.cef", big);
         long idle = pwsupport::ResidentKiB();
         if (!pwsupport::ResetResidentPeak()) {
             state.SkipWithError("cannot reset the peak resident size");
             break;
         }
         state.ResumeTiming();
-        agent.Get().ScanAndPostFile(0);
+        agent.ScanAndPost();
         state.PauseTiming();
         worst = std::max(worst, (pwsupport::PeakResidentKiB() - idle) / 1024.0);
         state.ResumeTiming();

@@ -4,7 +4,8 @@
 // of its attributes, setElementValue with the element's own text (delivered once, when a
 // child starts or the element ends, and only if the element has text), endElement at each
 // end tag. Entity expansion is bounded (expat's amplification limit) and documents larger
-// than kMaxDocumentBytes are refused. The parser does not own the handler.
+// than kMaxDocumentBytes are refused. The parser does not own the handler and logs nothing:
+// a failure is its result code and lastError(), for the caller to report in its own words.
 #pragma once
 
 #include <string>
@@ -32,7 +33,7 @@ public:
     long parseFile(const std::string& path, bool validate);
     long parseString(const std::string& document);
 
-    // Text of the last failure (for logs), empty after success.
+    // Why the last parse failed (the path and the reason), empty after success.
     const std::string& lastError() const { return m_lastError; }
 
     XmlParser(const XmlParser&) = delete;

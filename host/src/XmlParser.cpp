@@ -20,8 +20,6 @@
 
 namespace {
 
-const char kLogSource[] = "host/src/XmlParser";
-
 // Entity expansion: past the first 64 KiB of output, refuse documents whose expansions
 // amplify the input more than 20 times. Plain documents amplify by 1.
 const float kMaxAmplification = 20.0f;
@@ -144,25 +142,21 @@ long XmlParser::parseFile(const std::string& path, bool validate) {
     if (!fd.Valid()) {
         int error = errno;
         m_lastError = path + ": " + pwhost::ErrnoText(error);
-        PWHOST_LOG_ERRNO("open", pwresult::kXmlFileError, error);
         return pwresult::kXmlFileError;
     }
     struct stat st;
     if (fstat(fd.Get(), &st) != 0) {
         int error = errno;
         m_lastError = path + ": " + pwhost::ErrnoText(error);
-        PWHOST_LOG_ERRNO("fstat", pwresult::kXmlFileError, error);
         return pwresult::kXmlFileError;
     }
     if (S_ISREG(st.st_mode) && static_cast<unsigned long long>(st.st_size) > kMaxDocumentBytes) {
         m_lastError = path + ": larger than " + std::to_string(kMaxDocumentBytes) + " bytes";
-        PWHOST_LOG(CAppLog::Error, "%s", m_lastError.c_str());
         return pwresult::kXmlTooLarge;
     }
     ExpatParser parser(m_pHandler);
     if (!parser.Valid()) {
         m_lastError = "cannot create an XML parser";
-        PWHOST_LOG(CAppLog::Error, "%s", m_lastError.c_str());
         return pwresult::kOutOfResources;
     }
     // Fed piece by piece: the size limit holds even for a file that grows while it is read.
@@ -176,19 +170,16 @@ long XmlParser::parseFile(const std::string& path, bool validate) {
             }
             int error = errno;
             m_lastError = path + ": " + pwhost::ErrnoText(error);
-            PWHOST_LOG_ERRNO("read", pwresult::kXmlFileError, error);
             return pwresult::kXmlFileError;
         }
         total += static_cast<size_t>(got);
         if (total > kMaxDocumentBytes) {
             m_lastError = path + ": larger than " + std::to_string(kMaxDocumentBytes) + " bytes";
-            PWHOST_LOG(CAppLog::Error, "%s", m_lastError.c_str());
             return pwresult::kXmlTooLarge;
         }
         long result = parser.Feed(chunk.data(), static_cast<size_t>(got), got == 0, m_lastError);
         if (result != pwresult::kSuccess) {
             m_lastError = path + ": " + m_lastError;
-            PWHOST_LOG(CAppLog::Error, "%s", m_lastError.c_str());
             return result;
         }
         if (got == 0) {
@@ -205,18 +196,13 @@ long XmlParser::parseString(const std::string& document) {
     }
     if (document.size() > kMaxDocumentBytes) {
         m_lastError = "document larger than " + std::to_string(kMaxDocumentBytes) + " bytes";
-        PWHOST_LOG(CAppLog::Error, "%s", m_lastError.c_str());
         return pwresult::kXmlTooLarge;
     }
     ExpatParser parser(m_pHandler);
     if (!parser.Valid()) {
         m_lastError = "cannot create an XML parser";
-        PWHOST_LOG(CAppLog::Error, "%s", m_lastError.c_str());
         return pwresult::kOutOfResources;
     }
     long result = parser.Feed(document.data(), document.size(), true, m_lastError);
-    if (result != pwresult::kSuccess) {
-        PWHOST_LOG(CAppLog::Error, "%s", m_lastError.c_str());
-    }
     return result;
 }

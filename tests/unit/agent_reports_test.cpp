@@ -1,34 +1,40 @@
 // Crash and threat reports: which crash settings and files are sent, one base64 report per
-// file; the oversized crash file; the threat watcher's set-up; a threat file taken in as text.
+// file, the 16 MiB bound; the threat watcher's set-up and the pass over the threat
+// directory.
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <string>
-#include <utility>
+#include <thread>
 #include <vector>
 
 #include "AgentTestSupport.h"
-#include "AppLog.h"
+#include "FileSystem.h"
 
 using namespace pwtest;
 
 namespace {
 
-typedef std::vector<std::pair<int, std::string>> Logs;  // importance, text
-const int kError = CAppLog::Error, kWarning = CAppLog::Warning, kInfo = CAppLog::Information;
+typedef CPhoneHomeAgent A;
 
-// A bencode string.
 std::string Str(const std::string& s) {
     return std::to_string(s.size()) + ":" + s;
 }
-
-// "QualityImprovementData" of a report that carries one crash file.
-std::string CrashData(const std::string& module, const std::string& base64) {
+std::string Crash(const std::string& module, const std::string& base64) {
     return "d12:CrashReportsd" + Str(module) + "d9:CrashData" + Str(base64) + "eee";
+}
+std::string Threat(const std::string& text) {
+    return "d13:ThreatReportsd14:ThreatIncident" + Str(text) + "ee";
+}
+void SetTime(const std::string& path, time_t seconds) {
+    const timespec times[2] = {{seconds, 999999999}, {seconds, 999999999}};
+    ASSERT_EQ(0, utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW));
 }
 
 class ReportsTest : public AgentFixture {
@@ -37,42 +43,41 @@ protected:
         AgentFixture::SetUp();
         Prepare();  // every post fails at once: the outbound files stay
     }
-
-    // An empty outbound directory, numbering from 1, the module settings of the bencode
-    // dictionary `settings`, a clean log.
-    void Restart(const std::string& settings) {
+    // A fresh agent with no history and an empty outbound directory.
+    void Restart() {
+        NewPlugin();
         RemoveTree(OutboundDir());
-        ASSERT_EQ(0, mkdir(OutboundDir().c_str(), 0700));
-        agent().m_uiSequenceNumber = 1;
-        agent().m_uiPostRetryCount = 0;
-        CBencodeStream in("", false);
-        in.Write(settings.data(), static_cast<unsigned int>(settings.size()));
-        agent().m_ModuleSettings.Reset();
-        ASSERT_TRUE(agent().m_ModuleSettings.Internalize(in)) << settings;
-        ClearCapturedLogs();
+        RemoveTree(HistoryPath());
+        Prepare();
     }
-    // The "QualityImprovementData" of the outbound files "<kind>1.cef", "<kind>2.cef", ...
-    // (sorted: the directory's order decides the numbers).
+    // The "QualityImprovementData" of the outbound files "<kind>N.cef", in N's order.
     static std::vector<std::string> Sent(const std::string& kind) {
         std::vector<std::string> sent;
-        for (unsigned int n = 1; FileExists(OutboundDir() + kind + std::to_string(n) + ".cef");
-             ++n) {
-            sent.push_back(
-                ParseReport(ReadFileOrEmpty(OutboundDir() + kind + std::to_string(n) + ".cef"))
-                    .data);
-        }
-        std::sort(sent.begin(), sent.end());
-        return sent;
-    }
-    // Records that the given operation logged.
-    static Logs LogsOf(const std::string& function) {
-        Logs logs;
-        for (const LogRecord& record : CapturedLogs()) {
-            if (record.function == function) {
-                logs.emplace_back(record.importance, record.text);
+        for (unsigned int n = 0; n < 10; ++n) {
+            if (FileExists(Outbound(kind, n))) {
+                sent.push_back(ReportIn(Outbound(kind, n)).data);
             }
         }
-        return logs;
+        return sent;
+    }
+    // The threat directory, reported and watched. Its scan lists "<dir>\*" and reads the
+    // entries it finds there as "<dir>\*<name>".
+    std::string WatchThreats() {
+        const std::string dir = m_dir / "threats";
+        EXPECT_EQ(0, mkdir(dir.c_str(), 0700));
+        EXPECT_EQ(0, mkdir((dir + "\\*").c_str(), 0700));
+        Deposit({{"TelemetryModule", dir}});
+        Expire(A::kDelayGetThreatReportDirTimerId);
+        return dir + "\\*";
+    }
+    // A threat file `name` ("|": a pipe) in the scan `listed`, created `secondsAgo`.
+    static std::string ThreatFile(const std::string& listed, const std::string& name,
+                                  const std::string& content, int secondsAgo) {
+        const std::string path = listed + name;
+        EXPECT_TRUE(WriteFile(listed + "/" + name, ""));
+        EXPECT_TRUE(content == "|" ? mkfifo(path.c_str(), 0600) == 0 : WriteFile(path, content));
+        SetTime(path, kStartSeconds - secondsAgo);
+        return path;
     }
 
     TempDir m_dir;
@@ -80,164 +85,176 @@ protected:
 
 TEST_F(ReportsTest, CrashSettingsOfEveryShape) {
     // a/one; b/two, b/link (to a/one) and b/sub/; beside a/ and b/ a "two" of their parent.
-    const std::string a = m_dir / "a/", b = m_dir / "b", none = Str(m_dir / "none/");
-    ASSERT_EQ(0, mkdir(a.c_str(), 0700));
-    ASSERT_EQ(0, mkdir(b.c_str(), 0700));
-    ASSERT_EQ(0, mkdir((b + "/sub").c_str(), 0700));
+    const std::string a = m_dir / "a/", b = m_dir / "b", none = m_dir / "none/";
+    ASSERT_NE(0, MakeSureDirectoryPathExists((b + "/sub").c_str()) *
+                     MakeSureDirectoryPathExists(a.c_str()));
     ASSERT_TRUE(WriteFile(a + "one", "abc"));
     ASSERT_TRUE(WriteFile(b + "/two", std::string("\0\xff\x10", 3)));
     ASSERT_EQ(0, symlink((a + "one").c_str(), (b + "/link").c_str()));
     ASSERT_TRUE(WriteFile(m_dir / "two", "outer"));
-    const std::string one = "YWJj", two = "AP8Q", outer = "b3V0ZXI=";
+    const std::string one = "YWJj", two = "AP8Q";
     struct Case {
-        const char* name;
-        std::string settings;
+        std::vector<Setting> settings;
         std::vector<std::string> sent;
-        Logs logged;
+        std::string logged;
     } cases[] = {
-        {"a directory, then a missing one",
-         "d16:DownloaderModule" + none + "9:VpnModule" + Str(a) + "e",
-         {CrashData("VpnModule", one)},
-         {}},
-        {"a list with a non-string element",
-         "d9:GuiModulel" + Str(a) + "i7e" + Str(b + "/") + "ee",
-         {CrashData("GuiModule", one), CrashData("GuiModule", two), CrashData("GuiModule", one)},
-         {{kError, "Invalid bencode list content"}}},
-        {"an integer, then a later module",
-         "d16:DownloaderModule" + Str(b + "/") + "11:OstraModulei5ee",
-         {CrashData("DownloaderModule", two), CrashData("DownloaderModule", one)},
-         {{kError, "Unexpected content type (0) in settings dictionary"}}},
-        {"a dictionary",
-         "d17:WebSecurityModuledee",
-         {},
-         {{kError, "Unexpected content type (3) in settings dictionary"}}},
-        {"an empty list, a missing directory", "d9:GuiModulele9:VpnModule" + none + "e", {}, {}},
-        {"no final slash: the entries are looked for in the parent",
-         "d9:VpnModule" + Str(b) + "e",
-         {CrashData("VpnModule", outer)},
-         {{kWarning, "Failed to get creation time of " + m_dir / "link"}}},
+        // clang-format off
+        {{}, {}, ""},
+        {{{"DownloaderModule", none}, {"VpnModule", a}}, {Crash("VpnModule", one)}, ""},
+        {{{"GuiModule", a, 'l'}, {"GuiModule", b + "/", 'l'}}, {Crash("GuiModule", one), Crash("GuiModule", one), Crash("GuiModule", two)}, ""},
+        {{{"OstraModule", "5", 'i'}, {"DownloaderModule", b + "/"}}, {Crash("DownloaderModule", one), Crash("DownloaderModule", two)}, "Unexpected content type (0) in settings dictionary"},
+        {{{"VpnModule", b}}, {Crash("VpnModule", "b3V0ZXI=")}, "Failed to get creation time of " + m_dir / "link"},
+        // clang-format on
     };
-    unsigned int now = kStartSeconds;
     for (Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        Restart(c.settings);
-        SetManualUnixSeconds(++now);
-        agent().m_mapHistory.erase("last_crash_report");  // every file counts as new
-        EXPECT_TRUE(agent().CheckCrashDumps());
+        SCOPED_TRACE(c.settings.empty() ? "" : c.settings[0].value);
+        Restart();
+        Deposit(c.settings);
+        Expire(A::kCheckCrashTimerId);
+        std::vector<std::string> sent = Sent("crash_report");
+        std::sort(sent.begin(), sent.end());
         std::sort(c.sent.begin(), c.sent.end());
-        EXPECT_EQ(c.sent, Sent("crash_report"));
-        EXPECT_EQ(c.logged, LogsOf("CheckCrashDumps")) << DumpLog();
-        EXPECT_TRUE(LogsOf("SaveCrashReportToDataFile").empty()) << DumpLog();
-        const bool any = !c.sent.empty();
-        EXPECT_EQ(any ? std::to_string(now) : "", agent().m_mapHistory["last_crash_report"]);
-        EXPECT_EQ(any ? 3u : 0u, agent().m_uiPostRetryCount);
+        EXPECT_EQ(c.sent, sent);
+        EXPECT_TRUE(c.logged.empty() || HasLogText(c.logged)) << DumpLog();
+        EXPECT_EQ(86400000, Remaining(A::kCheckCrashTimerId));
+        EXPECT_EQ(c.sent.empty() ? -1 : 1800000, Remaining(A::kPostRetryTimerId));
     }
-    EXPECT_EQ("abc", ReadFileOrEmpty(a + "one"));  // crash files are left where they are
+    EXPECT_EQ("abc", ReadFileOrEmpty(a + "one"));  // crash files stay where they are
 }
 
 TEST_F(ReportsTest, OnlyCrashFilesNewerThanTheLastReportAreSent) {
-    const std::string dir = m_dir / "crash/", core = dir + "core";
+    const std::string dir = m_dir / "crash/";
     ASSERT_EQ(0, mkdir(dir.c_str(), 0700));
-    ASSERT_TRUE(WriteFile(core, "abc"));
+    ASSERT_TRUE(WriteFile(dir + "core", "abc"));
     const unsigned int fileTime = kStartSeconds - 100;
-    const timespec times[2] = {{static_cast<time_t>(fileTime), 999999999},
-                               {static_cast<time_t>(fileTime), 999999999}};
-    ASSERT_EQ(0, utimensat(AT_FDCWD, core.c_str(), times, 0));
+    SetTime(dir + "core", fileTime);
     const struct {
         std::string stored;  // "last_crash_report"
         bool sent;
     } cases[] = {
-        {"", true},
-        {"not a time", true},
-        {std::to_string(fileTime - 1), true},
+        // clang-format off
+        {"", true}, {"not a time", true}, {std::to_string(fileTime - 1), true},
         {std::to_string(fileTime), false},  // the same second, though later within it
-        {std::to_string(fileTime + 1), false},
+        {std::to_string(fileTime + 1), false}, {"4294967296", false},
+        // clang-format on
     };
     for (const auto& c : cases) {
         SCOPED_TRACE("stored \"" + c.stored + "\"");
-        Restart("d9:VpnModule" + Str(dir) + "e");
-        agent().m_mapHistory["last_crash_report"] = c.stored;
-        EXPECT_TRUE(agent().CheckCrashDumps());
+        NewPlugin();
+        RemoveTree(OutboundDir());
+        WriteHistory("last_crash_report:" + c.stored + "\n");
+        Prepare();
+        Deposit({{"VpnModule", dir}});
+        Expire(A::kCheckCrashTimerId);
         EXPECT_EQ(c.sent ? 1u : 0u, Sent("crash_report").size());
-        EXPECT_EQ(c.sent ? std::to_string(kStartSeconds) : c.stored,
-                  agent().m_mapHistory["last_crash_report"]);
+        Expire(A::kCheckCrashTimerId);  // a day later nothing new is there
+        EXPECT_EQ(c.sent ? 1u : 0u, Sent("crash_report").size());
     }
 }
 
-TEST_F(ReportsTest, CrashFileOverSixteenMebibytesStopsTheProcess) {
-    const std::string path = m_dir / "huge";
-    int fd = open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(0, ftruncate(fd, 16777217));  // sparse: nothing is written
+// 16777216 bytes are encoded (and the report is then too large to post); one byte more
+// means the crash directory is not the modules' own, and the process stops.
+TEST_F(ReportsTest, CrashFileSizeBound) {
+    const std::string dir = m_dir / "crash/";
+    ASSERT_EQ(0, mkdir(dir.c_str(), 0700));
+    int fd = open((dir + "core").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
+    ASSERT_EQ(0, ftruncate(fd, 16777216));  // sparse: nothing is written
     close(fd);
-    auto save = [&] {
-        const rlimit noCore = {0, 0};
-        setrlimit(RLIMIT_CORE, &noCore);
-        agent().SaveCrashReportToDataFile(path, "VpnModule");
-    };
-    EXPECT_EXIT(save(), testing::KilledBySignal(SIGILL), "");
+    Deposit({{"VpnModule", dir}});
+    Expire(A::kCheckCrashTimerId);
+    EXPECT_NE(std::string::npos,
+              ReadFileOrEmpty(Outbound("crash_report", 1)).find("9:CrashData22369624:AAAA"));
+    EXPECT_EQ(1u, CountLogText("File size exceeds maximum size limit (16777216)")) << DumpLog();
+    EXPECT_EQ(1800000, Remaining(A::kPostRetryTimerId));
+
+    ASSERT_EQ(0, truncate((dir + "core").c_str(), 16777217));
+    SetTime(dir + "core", kStartSeconds + 10);
+    SetManualUnixSeconds(kStartSeconds + 20);
+    const rlimit noCore = {0, 0};
+    EXPECT_EXIT((setrlimit(RLIMIT_CORE, &noCore), Expire(A::kCheckCrashTimerId)),
+                testing::KilledBySignal(SIGILL), "");
 }
 
 TEST_F(ReportsTest, ThreatWatcherSetUp) {
-    ClearCapturedLogs();
-    EXPECT_FALSE(agent().FireDelayGetThreatReportDirTimer());
-    EXPECT_EQ(Logs({{kWarning, "FireDelayGetThreatReportDirTimer called before creating timer"}}),
-              LogsOf("FireDelayGetThreatReportDirTimer"));
-
-    const std::string dir = "d15:TelemetryModule" + Str(m_dir.path()) + "e";
-    const std::string empty = "d15:TelemetryModule0:e";
-    const Logs noSetting = {{kInfo, "Failed to get threat directory information from settings"}};
+    const std::string kFailed = "Failed to create threat report dir change event";
     const struct {
-        const char* name;
-        std::string settings;
-        bool stop, failWakeup, result, watcher;
-        Logs logged;
+        std::vector<Setting> settings;
+        bool failWakeup;
+        std::string logged;  // besides kFailed when it fails
     } cases[] = {
-        // In this order: the watcher that the last but one makes blocks the last.
-        {"no setting", "de", false, false, false, false, noSetting},
-        {"not a string", "d15:TelemetryModulei1ee", false, false, false, false, noSetting},
-        {"an empty string", empty, false, false, true, false, {}},
-        {"no wake-up", empty, false, true, false, false, {{kError, "SetEvent Failed"}}},
-        {"stop requested", dir, true, false, false, false, {}},
-        {"a directory", dir, false, false, true, true, {}},
-        {"again, another directory", "d15:TelemetryModule1:/e", false, false, false, true, {}},
+        // clang-format off
+        {{}, false, "Failed to get threat directory information from settings"},
+        {{{"TelemetryModule", "1", 'i'}}, false, "Failed to get threat directory information from settings"},
+        {{{"TelemetryModule", ""}}, false, ""},
+        {{{"TelemetryModule", ""}}, true, "SetEvent Failed"},
+        {{{"TelemetryModule", m_dir.path()}}, false, ""},
+        // clang-format on
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        Restart(c.settings);
-        agent().m_bStopRequested = c.stop;
+        Restart();
+        Deposit(c.settings);
         if (c.failWakeup) {
             FailNext(Fault::SetEvent, pwresult::kFailure);
         }
-        EXPECT_EQ(c.result, agent().CreateThreatReportDirChangeEvent());
-        EXPECT_EQ(c.watcher, agent().m_pThreatReportDirChangeEvent != nullptr);
-        EXPECT_EQ(c.logged, LogsOf("CreateThreatReportDirChangeEvent")) << DumpLog();
+        Expire(A::kDelayGetThreatReportDirTimerId);
+        EXPECT_TRUE(c.logged.empty() || HasLogText(c.logged)) << DumpLog();
+        EXPECT_EQ(!c.logged.empty(), HasLogText(kFailed)) << DumpLog();
     }
-    agent().m_bStopRequested = false;
-    EXPECT_EQ(m_dir.path(), agent().m_tstrThreatReportDir);
+    Expire(A::kDelayGetThreatReportDirTimerId);  // a watcher once made stays: no second one
+    EXPECT_TRUE(HasLogText(kFailed));
 }
 
-TEST_F(ReportsTest, ThreatFileIsSentAsTextUpToItsFirstNul) {
-    const struct {
-        std::string content;
-        std::string sent;
-    } cases[] = {
-        {std::string("blocked host\0tail", 17), "blocked host"},
-        {std::string("\0tail", 5), ""},
-        {"", ""},
-    };
-    unsigned int now = kStartSeconds;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.sent);
-        Restart("de");
-        SetManualUnixSeconds(++now);
-        ASSERT_TRUE(WriteFile(m_dir / "incident", c.content));
-        EXPECT_TRUE(agent().SaveThreatReportToFile(m_dir / "incident")) << DumpLog();
-        EXPECT_EQ(
-            std::vector<std::string>{"d13:ThreatReportsd14:ThreatIncident" + Str(c.sent) + "ee"},
-            Sent("threat_report"));
-        EXPECT_EQ(std::to_string(now), agent().m_mapHistory["last_threat_report"]);
-    }
+// One pass: every file, oldest first and one per second of creation time, becomes a threat
+// report up to its first NUL and is removed; the reports are posted after the pass.
+TEST_F(ReportsTest, ThreatDirectoryPass) {
+    const std::string listed = WatchThreats();
+    ThreatFile(listed, "late", std::string("blocked host\0tail", 17), 10);
+    const std::string first = ThreatFile(listed, "early1", "first", 30);
+    const std::string second = ThreatFile(listed, "early2", "second", 30);
+    ThreatFile(listed, "empty", "", 20);
+    SetManualUnixSeconds(kStartSeconds + 5);
+    PhoneHomeAgentTestAccess::ThreatDirChanged(agent());
+
+    std::vector<std::string> sent = Sent("threat_report");
+    ASSERT_EQ(3u, sent.size()) << DumpLog();
+    const bool firstWon = sent[0] == Threat("first");
+    EXPECT_EQ(firstWon ? Threat("first") : Threat("second"), sent[0]);
+    EXPECT_EQ(std::vector<std::string>({Threat(""), Threat("blocked host")}),
+              std::vector<std::string>(sent.begin() + 1, sent.end()));
+    EXPECT_EQ((std::vector<bool>{false, false, !firstWon, firstWon}),
+              (std::vector<bool>{FileExists(listed + "late"), FileExists(listed + "empty"),
+                                 FileExists(first), FileExists(second)}));
+    EXPECT_EQ(std::to_string(kStartSeconds + 5), ReadHistory()["last_threat_report"]);
+    EXPECT_EQ(1800000, Remaining(A::kPostRetryTimerId));  // posted (and refused) after the pass
+}
+
+// A stop during the pass ends it before the next file, and nothing is posted.
+TEST_F(ReportsTest, StopDuringTheThreatPass) {
+    const std::string listed = WatchThreats();
+    // The oldest file is a pipe: its open waits for a writer, which comes after the stop.
+    const std::string pipe = ThreatFile(listed, "pipe", "|", 20);
+    const std::string later = ThreatFile(listed, "later", "later", 10);
+    std::atomic<long> tid{0};
+    std::thread pass([&] {
+        tid = syscall(SYS_gettid);
+        PhoneHomeAgentTestAccess::ThreatDirChanged(agent());
+    });
+    ASSERT_TRUE(WaitUntil([&tid] {  // asleep in the pipe's open
+        std::string stat = ReadFileOrEmpty("/proc/self/task/" + std::to_string(tid) + "/stat");
+        size_t end = stat.rfind(')');
+        return tid != 0 && end != std::string::npos && stat.compare(end, 3, ") S") == 0;
+    }));
+    PhoneHomeAgentTestAccess::RequestStop(agent());
+    EXPECT_TRUE(WaitUntil([&pipe] {  // a writer opens only while the pass waits to read
+        int fd = open(pipe.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        return fd >= 0 && close(fd) == 0;
+    }));
+    pass.join();
+    EXPECT_TRUE(HasLogText("Failed to get file size of threat report file " + pipe)) << DumpLog();
+    EXPECT_TRUE(FileExists(later));
+    EXPECT_TRUE(Sent("threat_report").empty());
+    EXPECT_EQ(-1, Remaining(A::kPostRetryTimerId));
+    EXPECT_FALSE(HasLogText("post failed, give up this time."));
 }
 
 }  // namespace

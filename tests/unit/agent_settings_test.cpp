@@ -1,98 +1,53 @@
-// Agent settings and history: the key-colon-value reader, profile and config precedence,
-// the disable marker, the sequence-number, last-post and version rules, the history file,
-// and the first-expiry arithmetic.
+// Agent settings and history: profile and config precedence and the key-colon-value
+// reader, the disable marker, initialisation failures, the sequence-number, last-post and
+// version rules, and the history file's layout.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <map>
 #include <string>
 
 #include "AgentTestSupport.h"
 #include "AppLog.h"
 #include "FileSystem.h"
-#include "PhoneHomeConfig.h"
 
 using namespace pwtest;
 
 namespace {
 
 using AgentSettingsTest = AgentFixture;
-typedef std::map<std::string, std::string> TextMap;
+typedef CPhoneHomeAgent A;
 
-TEST_F(AgentSettingsTest, KeyColonValueReader) {
-    struct Case {
-        std::string content;
-        TextMap expected;
-    } cases[] = {
-        {"Feedback_Interval:3600\n", {{"feedback_interval", "3600"}}},
-        {"a:b:c\n", {{"a", "b:c"}}},
-        {"k:v\r\n", {{"k", "v"}}},
-        {"k:v\rjunk\n", {{"k", "v"}}},
-        {"#k:v\n", {}},
-        {" #k:v\n", {{" #k", "v"}}},
-        {"no colon here\n\n", {}},
-        {"k=v\n", {}},
-        {"k: v \n", {{"k", " v "}}},
-        {"k:1\nk:2", {{"k", "2"}}},
-        {":empty key\n", {{"", "empty key"}}},
-        {"K:\n", {{"k", ""}}},
-        {std::string("bin\0ary:va\0lue\n\xff\xfe:\x01\n", 20),
-         {{std::string("bin\0ary", 7), std::string("va\0lue", 6)}, {"\xff\xfe", "\x01"}}},
-        {"long:" + std::string(200000, 'x') + "\n", {{"long", std::string(200000, 'x')}}},
-    };
-    TempDir dir;
-    for (const Case& c : cases) {
-        ASSERT_TRUE(WriteFile(dir / "file", c.content));
-        TextMap map{{"kept", "1"}};
-        EXPECT_TRUE(CPhoneHomeAgent::LoadFileToMap(dir / "file", map));
-        TextMap expected = c.expected;
-        expected.emplace("kept", "1");
-        EXPECT_EQ(expected, map) << c.content.substr(0, 40);
-    }
-    TextMap map;
-    EXPECT_FALSE(CPhoneHomeAgent::LoadFileToMap(dir / "missing", map));
-    EXPECT_TRUE(HasLogText("Can't open file " + (dir / "missing")));
-}
-
-// The config file's entries beat the profile's, which beat the defaults; a profile that
-// does not parse is logged and leaves the defaults.
+// The config file's entries beat the profile's, which beat the defaults; the intervals show
+// in the timers that a "Phone Home" cycle and a crash check re-arm. A missing or broken
+// profile leaves the defaults and is one error line of the agent's own, with the reason.
 TEST_F(AgentSettingsTest, ConfigFileOverridesProfileAndDefaults) {
-    const char* const kDefault = "release";
     struct Case {
         const char* profile;  // null: no profile
         const char* config;   // null: no config file
         unsigned int feedback, checkCrash;
-        const char* customer;
-        bool crashReports;
-        bool parseFails;
+        bool unreadable;
     } cases[] = {
-        {nullptr, nullptr, 2592000, 86400, kDefault, true, false},
-        {"<FeedbackInterval>0</FeedbackInterval>", nullptr, 2592000, 86400, kDefault, true, false},
-        {"<FeedbackInterval>7200</FeedbackInterval><CheckCrashInterval>60</CheckCrashInterval>"
-         "<CustomerID>acme-42</CustomerID><IncludeCrashReport>false</IncludeCrashReport>",
-         nullptr, 7200, 60, "acme-42", false, false},
-        {"<FeedbackInterval>7200</FeedbackInterval>", "feedback_interval:3600\n", 3600, 86400,
-         kDefault, true, false},
-        {"<FeedbackInterval>7200</FeedbackInterval>", "feedback_interval:\n", 7200, 86400, kDefault,
-         true, false},
-        {nullptr, "feedback_interval: 3600\nCHECK_CRASH_INTERVAL:120\n", 3600, 120, kDefault, true,
-         false},
-        {nullptr, "feedback_interval:abc\n", 0, 86400, kDefault, true, false},
-        {nullptr, "feedback_interval=3600\n", 2592000, 86400, kDefault, true, false},
-        {nullptr, "feedback_interval:-1\n", 4294967295u, 86400, kDefault, true, false},
-        {"<FeedbackInterval>-2</FeedbackInterval>", nullptr, 4294967294u, 86400, kDefault, true,
-         false},
-        // Profiles that do not parse leave the defaults, even for what came before the fault.
-        {"<CustomerID>x</CustomerID><ServiceDisable>true</Service", nullptr, 2592000, 86400,
-         kDefault, true, true},
-        {"</Feedback>ServiceDisable: true<Feedback>", nullptr, 2592000, 86400, kDefault, true,
-         true},
+        // clang-format off
+        {nullptr, nullptr, 2592000, 86400, true},
+        {"<FeedbackInterval>0</FeedbackInterval>", nullptr, 2592000, 86400, false},
+        {"<FeedbackInterval>7200</FeedbackInterval><CheckCrashInterval>60</CheckCrashInterval>", nullptr, 7200, 60, false},
+        {"<FeedbackInterval>7200</FeedbackInterval>", "feedback_interval:3600\n", 3600, 86400, false},
+        {"<FeedbackInterval>7200</FeedbackInterval>", "feedback_interval:\n", 7200, 86400, false},
+        {"<FeedbackInterval>-2</FeedbackInterval>", nullptr, 4294967294u, 86400, false},
+        {"<CheckCrashInterval>60</CheckCrashInterval><ServiceDisable>true</Service", nullptr, 2592000, 86400, true},
+        {"", "Feedback_Interval: 3600\r\nCHECK_CRASH_INTERVAL:120\rjunk\n", 3600, 120, false},
+        {"", "#feedback_interval:5\nfeedback_interval=5\nno colon\n\n", 2592000, 86400, false},
+        {"", "feedback_interval:5\nfeedback_interval:7200:9", 7200, 86400, false},
+        {"", "feedback_interval:-1\n", 4294967295u, 86400, false},
+        {"", "feedback_interval:99999999999\n", 2147483647, 86400, false},
+        {"", "feedback_interval:12abc\n", 12, 86400, false},
+        // clang-format on
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string(c.profile ? c.profile : "-") + " / " +
                      (c.config ? c.config : "-"));
         RemoveTree(FeedbackDir() + "config");
-        RemoveTree(ProfilePath());
+        RemoveTree(FeedbackDir() + "CustomerExperience_Feedback.xml");
         if (c.profile != nullptr) {
             WriteProfile(c.profile);
         }
@@ -101,22 +56,17 @@ TEST_F(AgentSettingsTest, ConfigFileOverridesProfileAndDefaults) {
         }
         NewPlugin();
         ClearCapturedLogs();
-        agent().m_tstrProfileFile = ProfilePath();
-        agent().m_tstrConfigFile = FeedbackDir() + "config";
-        agent().LoadSettingsFromXmlFile();
-        agent().LoadSettingsFromConfigFile();
-        EXPECT_EQ(c.feedback, agent().m_uiFeedbackInterval);
-        EXPECT_EQ(c.checkCrash, agent().m_uiCheckCrashInterval);
-        EXPECT_EQ(c.customer, agent().m_tstrCustomerID);
-        EXPECT_EQ(c.crashReports, agent().m_bIncludeCrashReport);
-        EXPECT_FALSE(agent().m_bDisabled);
-        std::vector<LogRecord> parseFailures = Failures("XmlParser::parseFile");
-        // A missing profile is a failed parse too.
-        ASSERT_EQ(c.parseFails || c.profile == nullptr ? 1u : 0u, parseFailures.size())
-            << DumpLog();
-        if (!parseFailures.empty()) {
-            EXPECT_EQ(CAppLog::Error, parseFailures[0].importance);
+        ASSERT_TRUE(PhoneHomeAgentTestAccess::Prepare(agent()));
+        std::vector<LogRecord> failed = Failures("XmlParser::parseFile");
+        ASSERT_EQ(c.unreadable ? 1u : 0u, failed.size()) << DumpLog();
+        if (c.unreadable) {
+            EXPECT_EQ("LoadSettingsFromXmlFile", failed[0].function);
+            EXPECT_NE(std::string::npos, failed[0].text.find("CustomerExperience_Feedback.xml"));
         }
+        Expire(A::kPhoneHomeTimerId);
+        Expire(A::kCheckCrashTimerId);
+        EXPECT_EQ(static_cast<unsigned int>(c.feedback * 1000u), Remaining(A::kPhoneHomeTimerId));
+        EXPECT_EQ(c.checkCrash * 1000u, Remaining(A::kCheckCrashTimerId));
     }
 }
 
@@ -125,171 +75,100 @@ TEST_F(AgentSettingsTest, DisableMarkerLifecycle) {
     WriteProfile("<ServiceDisable>true</ServiceDisable>");
     EXPECT_TRUE(agent().Start());
     EXPECT_TRUE(HasLogText("Customer Experience Feedback module is disabled"));
-    EXPECT_EQ(nullptr, agent().m_pPhoneHomeTimer);
+    EXPECT_EQ(-1, Remaining(A::kPhoneHomeTimerId));
     EXPECT_TRUE(FileExists(marker));
-    EXPECT_EQ("", ReadFileOrEmpty(marker));
     EXPECT_FALSE(CPhoneHomeUtility::IsPhoneHomeEnabled(ModuleDataDir()));
-    // The disabled agent stays marked as running: a second start is refused.
-    EXPECT_FALSE(agent().Start());
-    EXPECT_TRUE(HasLogText("Customer Experience Feedback module is already running"));
+    EXPECT_FALSE(agent().Start()) << "the disabled agent stays marked as running";
 
     // Enabled again: the first initialisation removes the marker and still fails.
     WriteProfile("<ServiceDisable>false</ServiceDisable>");
     NewPlugin();
-    EXPECT_FALSE(agent().InitPhoneHomeAgent());
+    EXPECT_FALSE(PhoneHomeAgentTestAccess::Prepare(agent()));
     EXPECT_TRUE(HasLogText("Failed to remove phoneHome status file"));
     EXPECT_FALSE(FileExists(marker));
-    EXPECT_TRUE(agent().InitPhoneHomeAgent());
+    NewPlugin();
+    EXPECT_TRUE(PhoneHomeAgentTestAccess::Prepare(agent()));
 }
 
 TEST_F(AgentSettingsTest, InitialisationFailsWhereItCannotWrite) {
-    // A directory where the disable marker should be written.
     WriteProfile("<ServiceDisable>true</ServiceDisable>");
     ASSERT_NE(0, MakeSureDirectoryPathExists((ModuleDataDir() + "cefdisable").c_str()));
-    EXPECT_FALSE(agent().InitPhoneHomeAgent());
+    EXPECT_FALSE(PhoneHomeAgentTestAccess::Prepare(agent()));
     EXPECT_TRUE(HasLogText("Failed to create phoneHome status file"));
 
     RemoveTree(FeedbackDir());
     ASSERT_NE(0, MakeSureDirectoryPathExists(FeedbackDir().c_str()));
+    ASSERT_TRUE(WriteFile(FeedbackDir() + "outbound", "x"));  // a file where a directory goes
     NewPlugin();
-    FailNext(Fault::MakeDirectory, PwResult(0xFE3F0001));
-    EXPECT_FALSE(agent().InitPhoneHomeAgent());
-    EXPECT_TRUE(HasLogText("Failed to create " + ModuleDataDir() + " Directory")) << DumpLog();
-
-    // A file where the outbound directory should be.
-    ASSERT_TRUE(WriteFile(FeedbackDir() + "outbound", "x"));
-    EXPECT_FALSE(agent().InitPhoneHomeAgent());
+    EXPECT_FALSE(PhoneHomeAgentTestAccess::Prepare(agent()));
     EXPECT_TRUE(HasLogText("Failed to create " + OutboundDir() + " Directory")) << DumpLog();
 }
 
-TEST_F(AgentSettingsTest, SequenceNumberAndLastPostRules) {
+// The history's sequence number names the next report and its "last_post" starts the next
+// collection period; bad values are reported under the agent's initialisation and replaced
+// by the defaults. A new product version forgets the recorded times only.
+TEST_F(AgentSettingsTest, SequenceNumberLastPostAndVersionRules) {
     const char* const kBadNumber = "Illegal sequence number, using default value (1)";
     const char* const kBadTime = "Illegal last reported time, using default value (0)";
+    const std::string kChanged = std::string("Pathweave version changed, current version is ") +
+                                 PW_PRODUCT_VERSION_TEXT + ".";
     struct Case {
         const char* history;
         unsigned int sequence;
-        unsigned int periodStart;
-        const char* logged;  // expected error text, or null for none
+        std::string logged;  // empty: nothing
     } cases[] = {
-        {"", 1, 0, nullptr},
-        {"last_sequence_number:99\n", 99, 0, nullptr},
-        {"last_sequence_number:0\n", 0, 0, nullptr},
-        {"last_sequence_number: 42\n", 42, 0, nullptr},
-        {"last_sequence_number:100\n", 1, 0, kBadNumber},
-        {"last_sequence_number:7x\n", 1, 0, kBadNumber},
-        {"last_sequence_number:7 \n", 1, 0, kBadNumber},
-        {"last_sequence_number:\n", 1, 0, kBadNumber},
-        {"last_post:1399990000\n", 1, 1399990000, nullptr},
-        {"last_post:4000000000\n", 1, 4000000000u, nullptr},
-        {"last_post:\n", 1, 0, kBadTime},
-        {"last_post:12:30\n", 1, 0, kBadTime},
+        // clang-format off
+        {"", 1, ""},
+        {"last_sequence_number:99\n", 99, ""},
+        {"last_sequence_number:0\n", 0, ""},
+        {"last_sequence_number: 42\n", 42, ""},
+        {"last_sequence_number:100\n", 1, kBadNumber},
+        {"last_sequence_number:7x\n", 1, kBadNumber},
+        {"last_sequence_number:7 \n", 1, kBadNumber},
+        {"last_sequence_number:\n", 1, kBadNumber},
+        {"last_post:4000000000\n", 1, ""},
+        {"last_post:\n", 1, kBadTime},
+        {"last_post:12:30\n", 1, kBadTime},
+        {"last_version_number:1.0.00001\nlast_sequence_number:12\nlast_threat_report:5\n", 12, kChanged},
+        // clang-format on
     };
+    WriteProfile("");
     for (const Case& c : cases) {
         SCOPED_TRACE(c.history);
-        NewPlugin();  // before the history: the old agent saves its own when it goes
+        NewPlugin();  // before the history: the old agent saves its own as it goes
         WriteHistory(c.history);
         ClearCapturedLogs();
-        agent().m_tstrHistoryFile = HistoryPath();
-        agent().LoadHistory();
-        EXPECT_EQ(c.sequence, agent().m_uiSequenceNumber);
-        EXPECT_EQ(c.periodStart, agent().m_uiCollectionPeriodStart);
-        size_t errors = 0;
+        ASSERT_TRUE(PhoneHomeAgentTestAccess::Prepare(agent())) << DumpLog();
+        size_t records = 0;
         for (const LogRecord& record : CapturedLogs()) {
-            errors += record.importance == CAppLog::Error;
+            records += record.function == "InitPhoneHomeAgent";
         }
-        EXPECT_EQ(c.logged != nullptr ? 1u : 0u, errors) << DumpLog();
-        if (c.logged != nullptr) {
-            EXPECT_TRUE(HasLogText(c.logged)) << DumpLog();
-        }
+        EXPECT_EQ(c.logged.empty() ? 0u : 1u, records) << DumpLog();
+        EXPECT_EQ(!c.logged.empty(), HasLogText(c.logged)) << DumpLog();
+        Expire(A::kPhoneHomeTimerId);
+        EXPECT_TRUE(FileExists(Outbound("feedback_data", c.sequence))) << DumpLog();
+        EXPECT_EQ("", ReadHistory()["last_threat_report"]);
     }
 }
 
-TEST_F(AgentSettingsTest, SettingsSummaryIsLoggedOnceWithTheHashedDeviceId) {
-    ASSERT_TRUE(agent().InitPhoneHomeAgent());
-    EXPECT_EQ("b1775a785f09a6ebaf2dc33d6eaeb98974d9cdb8", agent().m_tstrMachineID);
-    unsigned int summaries = 0;
+TEST_F(AgentSettingsTest, HistoryFileLayoutAndSettingsSummary) {
+    ClearCapturedLogs();
+    ASSERT_TRUE(PhoneHomeAgentTestAccess::Prepare(agent()));
+    std::vector<std::string> summaries;
     for (const LogRecord& record : CapturedLogs()) {
         if (record.messageId == 6300) {
-            ++summaries;
-            EXPECT_NE(std::string::npos, record.text.find(agent().m_tstrMachineID));
-            EXPECT_NE(std::string::npos, record.text.find("2592000"));
+            summaries.push_back(record.text);
         }
     }
-    EXPECT_EQ(1u, summaries);
-}
-
-// A new product version forgets the recorded times but keeps the sequence number.
-TEST_F(AgentSettingsTest, VersionChangeForgetsTimestampsOnly) {
-    for (bool changed : {false, true}) {
-        SCOPED_TRACE(changed);
-        NewPlugin();
-        WriteHistory(std::string("last_version_number:") +
-                     (changed ? "1.0.00001" : phonehome::kProductVersion) +
-                     "\nlast_sequence_number:12\nlast_post:1399000000\nlast_feedback:1399913600\n"
-                     "last_crash_report:1399000000\nlast_threat_report:5\n");
-        ClearCapturedLogs();
-        ASSERT_TRUE(agent().InitPhoneHomeAgent());
-        EXPECT_EQ(changed,
-                  HasLogText(std::string("Pathweave version changed, current version is ") +
-                             phonehome::kProductVersion + "."));
-        EXPECT_EQ(12u, agent().m_uiSequenceNumber);
-        EXPECT_EQ(changed ? 600u : 2592000u - 86400u,
-                  agent().CalcRemainingSeconds("last_feedback", 2592000));
-        ASSERT_TRUE(agent().SaveHistoryFile());
-        TextMap saved = ReadHistory();
-        EXPECT_EQ(phonehome::kProductVersion, saved["last_version_number"]);
-        EXPECT_EQ("12", saved["last_sequence_number"]);
-        EXPECT_EQ(changed ? "" : "1399913600", saved["last_feedback"]);
-        EXPECT_EQ(changed ? "" : "5", saved["last_threat_report"]);
-    }
-}
-
-TEST_F(AgentSettingsTest, HistoryFileLayout) {
-    agent().m_tstrHistoryFile = HistoryPath();
-    agent().m_uiSequenceNumber = 2;
-    agent().m_mapHistory["last_feedback"] = "1400086400";
-    agent().UpdateTimeInHistory("last_crash_report");
-    agent().UpdateTimeInHistory(nullptr);
-    ASSERT_TRUE(agent().SaveHistoryFile());
-    EXPECT_EQ(std::string("last_version_number:") + phonehome::kProductVersion +
-                  "\nlast_sequence_number:2\nlast_post:\nlast_feedback:1400086400\n"
-                  "last_crash_report:1400000000\nlast_threat_report:\n",
+    ASSERT_EQ(1u, summaries.size());
+    // The SHA-1 of the test's device identifier.
+    EXPECT_NE(std::string::npos, summaries[0].find("b1775a785f09a6ebaf2dc33d6eaeb98974d9cdb8"));
+    SetManualUnixSeconds(kStartSeconds + 7);
+    Expire(A::kPhoneHomeTimerId);
+    EXPECT_EQ(std::string("last_version_number:") + PW_PRODUCT_VERSION_TEXT +
+                  "\nlast_sequence_number:2\nlast_post:\nlast_feedback:1400000007\n"
+                  "last_crash_report:\nlast_threat_report:\n",
               ReadFileOrEmpty(HistoryPath()));
-
-    agent().m_tstrHistoryFile = FeedbackDir() + "no/such/dir/history";
-    EXPECT_FALSE(agent().SaveHistoryFile());
-    EXPECT_TRUE(HasLogText("Can't open hostory file for write"));
-    if (FileExists("/dev/full")) {
-        agent().m_tstrHistoryFile = "/dev/full";
-        EXPECT_FALSE(agent().SaveHistoryFile());
-        EXPECT_TRUE(HasLogText("Failed to update history file"));
-    }
-}
-
-TEST_F(AgentSettingsTest, FirstExpiryFromHistory) {
-    const unsigned int day = 86400;
-    const unsigned int month = 30 * day;
-    struct Case {
-        const char* recorded;  // null: no entry
-        unsigned int expected;
-    } cases[] = {
-        {nullptr, 600},
-        {"garbage", 600},
-        {"1399913600", month - day},  // one day ago
-        {"1397408300", 600},          // 29 d 23 h 55 min ago: never less than 600
-        {"1397408000", 600},          // due 5 minutes ago
-        {"1300000000", 600},          // long overdue
-        {"1400000100", month},        // in the future
-        {" 1399913600xyz", month - day},
-    };
-    for (const Case& c : cases) {
-        agent().m_mapHistory.clear();
-        if (c.recorded != nullptr) {
-            agent().m_mapHistory["last_feedback"] = c.recorded;
-        }
-        EXPECT_EQ(c.expected, agent().CalcRemainingSeconds("last_feedback", month))
-            << (c.recorded ? c.recorded : "(absent)");
-    }
 }
 
 }  // namespace

@@ -80,7 +80,7 @@ long CFileUploader::PostDataGetResponse(const std::string& url, const char* data
     } else if (m_bCloseOnSendFailure) {
         m_pHttpSession->CloseRequest();
         PH_LOG_RC(PH_ERROR, "CFileUploader::SendHttpRequest", rc);
-    } else if (PwResultEquals(rc, 0xFE45001C)) {
+    } else if (rc == pwresult::kHttpRequestClosed) {
         rc = pwresult::kUploadSendClosed;
     } else {
         PH_LOG_RC(PH_ERROR, "CFileUploader::SendHttpRequest", rc);
@@ -99,7 +99,7 @@ long CFileUploader::SendHttpRequest(const char* data, int length) {
     }
     // The status word (the HTTP status, 0 when no reply came) is what this line reports.
     PH_LOG_RC(PH_WARNING, "HttpSession::SendRequest", static_cast<long>(status));
-    if (PwResultEquals(rc, 0xFE450017)) {
+    if (rc == pwresult::kHttpSecureChannel) {
         return m_bCertificateRejected ? pwresult::kUploadCertificateRejected
                                       : pwresult::kUploadSecureChannelFailed;
     }

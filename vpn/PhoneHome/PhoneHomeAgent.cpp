@@ -71,7 +71,7 @@ CPhoneHomeAgent::CPhoneHomeAgent(long& result, CPhoneHomePlugin& plugin)
       m_uiSequenceNumber(1),
       m_uiPostRetryCount(0),
       m_uiCollectionPeriodStart(0),
-      m_uiCollectRetryCount(4),
+      m_uiCollectRetryCount(kCollectRetries),
       m_ModuleSettings(true) {
     result = CExecutionContext::CreateMultitonInstance(m_pExecutionContext, kExecutionContextId);
     if (result != 0) {
@@ -120,15 +120,13 @@ bool CPhoneHomeAgent::CreateTimer(CTimer*& timer, unsigned long id, const char* 
     long result = 0;
     timer = new CTimer(result, m_pExecutionContext->GetTimerList(), this, nullptr, id);
     if (result != 0) {
-        CAppLog::LogReturnCode("Start", PH_LOG_SOURCE, __LINE__, PH_ERROR, "CTimer", result, "%s",
-                               label);
+        PH_LOG_RC_AS("Start", PH_ERROR, "CTimer", result, "%s", label);
         return false;
     }
     if (start) {
         result = timer->StartTimer(milliseconds);
         if (result != 0) {
-            CAppLog::LogReturnCode("Start", PH_LOG_SOURCE, __LINE__, PH_ERROR, "CTimer::StartTimer",
-                                   result);
+            PH_LOG_RC_AS("Start", PH_ERROR, "CTimer::StartTimer", result);
             return false;
         }
     }
@@ -194,24 +192,21 @@ bool CPhoneHomeAgent::RunLoop() {
         unsigned long waitMs = 0;
         long rc = timers->TimeToExpired(waitMs);
         if (rc != 0) {
-            CAppLog::LogReturnCode("Start", PH_LOG_SOURCE, __LINE__, PH_WARNING,
-                                   "CTimerList::TimeToExpired", rc,
-                                   "Defaulting to %d ms event wait", kDefaultEventWaitMs);
+            PH_LOG_RC_AS("Start", PH_WARNING, "CTimerList::TimeToExpired", rc,
+                         "Defaulting to %d ms event wait", kDefaultEventWaitMs);
             waitMs = kDefaultEventWaitMs;
         }
         if (waitMs > UINT_MAX) {
             waitMs = UINT_MAX;
         }
         rc = events->WaitOnEvents(static_cast<unsigned int>(waitMs), true);
-        if (rc != 0 && !PwResultEquals(rc, 0xFE01000C)) {
-            CAppLog::LogReturnCode("Start", PH_LOG_SOURCE, __LINE__, PH_ERROR,
-                                   "CEventList::WaitOnEvents", rc);
+        if (rc != 0 && !PwResultEquals(rc, pwresult::kWaitTimedOut)) {
+            PH_LOG_RC_AS("Start", PH_ERROR, "CEventList::WaitOnEvents", rc);
             return false;
         }
         rc = timers->CheckExpired();
         if (rc != 0) {
-            CAppLog::LogReturnCode("Start", PH_LOG_SOURCE, __LINE__, PH_ERROR,
-                                   "CTimerList::CheckExpired", rc);
+            PH_LOG_RC_AS("Start", PH_ERROR, "CTimerList::CheckExpired", rc);
             return false;
         }
         if (m_bStopRequested) {
@@ -295,12 +290,11 @@ void CPhoneHomeAgent::OnPhoneHomeStarterTimer() {
     // callback failed: logged, and posting goes on.
     long rc = callback != nullptr ? callback->GetSettingsCB(settings) : pwresult::kNullCallback;
     if (rc != 0) {
-        CAppLog::LogReturnCode("OnTimerExpired", PH_LOG_SOURCE, __LINE__, PH_ERROR, "GetSettingsCB",
-                               rc, "Failed to retrieve PhoneHome settings from modules");
+        PH_LOG_RC_AS("OnTimerExpired", PH_ERROR, "GetSettingsCB", rc,
+                     "Failed to retrieve PhoneHome settings from modules");
     }
     if (!ScanAndPostFile(0)) {
-        CAppLog::LogDebugMessage("OnTimerExpired", PH_LOG_SOURCE, __LINE__, PH_ERROR,
-                                 "ScanAndPostFile failed");
+        PH_LOG_AS("OnTimerExpired", PH_ERROR, "ScanAndPostFile failed");
     }
 }
 
@@ -309,20 +303,18 @@ void CPhoneHomeAgent::OnPhoneHomeTimer() {
         for (const auto& module : kModuleFileKeys) {
             m_mapPendingModules[module[0]] = module[1];
         }
-        m_uiCollectRetryCount = 4;
+        m_uiCollectRetryCount = kCollectRetries;
     }
     bool retryScheduled = false;
     if (!CollectPhoneHomeDataAndSend(retryScheduled)) {
-        CAppLog::LogDebugMessage("OnTimerExpired", PH_LOG_SOURCE, __LINE__, PH_ERROR,
-                                 "Failed to collect phoneHome data from modules");
+        PH_LOG_AS("OnTimerExpired", PH_ERROR, "Failed to collect phoneHome data from modules");
     }
     if (retryScheduled) {
         return;
     }
     long rc = m_pPhoneHomeTimer->StartTimer(m_uiFeedbackInterval * 1000u);
     if (rc != 0) {
-        CAppLog::LogReturnCode("OnTimerExpired", PH_LOG_SOURCE, __LINE__, PH_ERROR,
-                               "CTimer::StartTimer", rc);
+        PH_LOG_RC_AS("OnTimerExpired", PH_ERROR, "CTimer::StartTimer", rc);
     }
 }
 
@@ -330,13 +322,12 @@ void CPhoneHomeAgent::OnPostRetryTimer() {
     bool posted;
     if (m_uiPostRetryCount > 0) {
         --m_uiPostRetryCount;
-        posted = ScanAndPostFile(1800);
+        posted = ScanAndPostFile(kPostRetryDelaySeconds);
     } else {
         posted = ScanAndPostFile(0);
     }
     if (!posted) {
-        CAppLog::LogDebugMessage("OnTimerExpired", PH_LOG_SOURCE, __LINE__, PH_ERROR,
-                                 "ScanAndPostFile failed");
+        PH_LOG_AS("OnTimerExpired", PH_ERROR, "ScanAndPostFile failed");
     }
 }
 

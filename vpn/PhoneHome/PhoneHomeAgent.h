@@ -6,7 +6,8 @@
 // Threads: everything runs on the thread inside Start(), except Stop(),
 // FireDelayGetThreatReportDirTimer() (from CPhoneHomePlugin::PluginDirChanged) and the
 // plug-in's flag and callback setters, which only set flags, signal the wake-up event,
-// re-arm a timer or abort the upload session.
+// re-arm a timer or abort the upload session. Its state is private: what it does shows in
+// its files, its posts, its timers and its log.
 #pragma once
 
 #include <atomic>
@@ -34,6 +35,13 @@ public:
     static constexpr unsigned long kPostRetryTimerId = 6;
     // The agent's execution context (multiton instance id).
     static constexpr unsigned int kExecutionContextId = 3;
+    // A module file locked by its writer is tried again this much later, this many times.
+    static constexpr unsigned long kCollectRetryDelayMs = 20000;
+    static constexpr unsigned int kCollectRetries = 4;
+    // After a failed post the outbound directory is scanned again this much later, this
+    // many times.
+    static constexpr unsigned int kPostRetryDelaySeconds = 1800;
+    static constexpr unsigned int kPostRetries = 3;
 
     CPhoneHomeAgent(long& result, CPhoneHomePlugin& plugin);
     ~CPhoneHomeAgent() override;
@@ -45,6 +53,16 @@ public:
     bool Start();
     // Asks a running Start() to return; callable from any thread.
     bool Stop();
+    // Restarts the delay before the threat directory is watched (the host reported a
+    // changed plug-in directory); callable from any thread.
+    bool FireDelayGetThreatReportDirTimer();
+
+    CPhoneHomeAgent(const CPhoneHomeAgent&) = delete;
+    CPhoneHomeAgent& operator=(const CPhoneHomeAgent&) = delete;
+
+private:
+    // Gives tests and benchmarks a start without the loop and a look at the timers.
+    friend class PhoneHomeAgentTestAccess;
 
     // --- Settings (PhoneHomeAgentSettings.cpp) ---
     bool InitPhoneHomeAgent();
@@ -83,17 +101,11 @@ public:
     bool CheckCrashDumps(const std::string& directory, const std::string& moduleName);
     bool SaveCrashReportToDataFile(const std::string& path, const std::string& moduleName);
     bool GetFileCreationTime(const std::string& path, unsigned int& time);
-    bool FireDelayGetThreatReportDirTimer();
     bool CreateThreatReportDirChangeEvent();
     static void ThreatReportDirChangeHandler(void* context, int event);
     bool SaveThreatReportToFile(const std::string& path);
 
-    CPhoneHomeAgent(const CPhoneHomeAgent&) = delete;
-    CPhoneHomeAgent& operator=(const CPhoneHomeAgent&) = delete;
-
-private:
-    friend class PhoneHomeAgentTestAccess;
-
+    // --- Lifecycle (PhoneHomeAgent.cpp) ---
     // Creates timer `id` and starts it for `milliseconds` (0: not started). On failure logs
     // and returns false; a timer already made stays with the agent.
     bool CreateTimer(CTimer*& timer, unsigned long id, const char* label,
@@ -107,9 +119,7 @@ private:
     void SetFileUploader(CFileUploader* uploader);
     void DestroyFileUploader();
 
-public:
-    // Members, in declaration order. Public for the feedback operations split over
-    // several files and for the tests that inspect the agent's state.
+    // Members, in declaration order.
     CFileSystemWatcher* m_pThreatReportDirChangeEvent;
     CBencodeList m_PhoneHomePayload;
     CBencodeDictionary* m_pQualityImprovementData;
@@ -148,7 +158,5 @@ public:
     std::map<std::string, std::string> m_mapHistory;
     std::map<std::string, std::string> m_mapConfig;
     std::map<std::string, std::string> m_mapPendingModules;
-
-private:
     std::mutex m_uploaderMutex;
 };

@@ -11,10 +11,6 @@
 
 namespace {
 
-const unsigned long kCollectRetryDelayMs = 20000;
-const unsigned int kCollectRetries = 4;
-const unsigned int kPostRetries = 3;
-const unsigned int kPostRetryDelaySeconds = 1800;
 const unsigned int kMaxSequenceNumber = 100;
 
 }  // namespace

@@ -2,7 +2,6 @@
 // the product version that wrote it; and the first-expiry arithmetic built on it.
 #define PH_LOG_SOURCE "vpn/PhoneHome/PhoneHomeAgent"
 
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -11,6 +10,7 @@
 #include "PhoneHomeAgent.h"
 #include "PhoneHomeConfig.h"
 #include "PhoneHomeLog.h"
+#include "PhoneHomeText.h"
 
 namespace {
 
@@ -41,8 +41,9 @@ void CPhoneHomeAgent::LoadHistory() {
         if (ParseWholeUnsigned(sequence->second, value) && value <= kMaxLoadedSequenceNumber) {
             m_uiSequenceNumber = value;
         } else {
-            PH_LOG(PH_ERROR, "Illegal sequence number, using default value (%d)",
-                   static_cast<int>(m_uiSequenceNumber));
+            PH_LOG_AS("InitPhoneHomeAgent", PH_ERROR,
+                      "Illegal sequence number, using default value (%d)",
+                      static_cast<int>(m_uiSequenceNumber));
         }
     }
 
@@ -52,8 +53,9 @@ void CPhoneHomeAgent::LoadHistory() {
         if (ParseWholeUnsigned(lastPost->second, value)) {
             m_uiCollectionPeriodStart = value;
         } else {
-            PH_LOG(PH_ERROR, "Illegal last reported time, using default value (%d)",
-                   static_cast<int>(m_uiCollectionPeriodStart));
+            PH_LOG_AS("InitPhoneHomeAgent", PH_ERROR,
+                      "Illegal last reported time, using default value (%d)",
+                      static_cast<int>(m_uiCollectionPeriodStart));
         }
     }
 
@@ -67,8 +69,8 @@ void CPhoneHomeAgent::LoadHistory() {
     const std::string& version = m_mapHistory["last_version_number"];
     if (!version.empty() && version != phonehome::kProductVersion) {
         m_mapHistory.clear();
-        PH_LOG(PH_WARNING, "Pathweave version changed, current version is %s.",
-               phonehome::kProductVersion);
+        PH_LOG_AS("InitPhoneHomeAgent", PH_WARNING,
+                  "Pathweave version changed, current version is %s.", phonehome::kProductVersion);
     }
 }
 
@@ -105,7 +107,9 @@ void CPhoneHomeAgent::UpdateTimeInHistory(char const* key) {
 }
 
 unsigned int CPhoneHomeAgent::CalcRemainingSeconds(char const* key, unsigned int intervalSeconds) {
-    long long last = strtoll(m_mapHistory[key].c_str(), nullptr, 10);
+    // Read as the 32-bit long of the service's target: a time past 2038 saturates and
+    // counts as recorded in the future.
+    int32_t last = phonehome::ParseLong32(m_mapHistory[key]);
     if (last == 0) {
         return kMinimumFirstExpirySeconds;
     }

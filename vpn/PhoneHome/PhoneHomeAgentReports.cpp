@@ -19,6 +19,7 @@
 #include "FileSystemWatcher.h"
 #include "PhoneHomeAgent.h"
 #include "PhoneHomeLog.h"
+#include "PhoneHomeText.h"
 
 namespace {
 
@@ -26,8 +27,6 @@ const unsigned long kThreatDirDelayMs = 600000;
 const long long kMaxCrashFileBytes = 16777216;
 const unsigned int kThreatWatchMask = 454;  // modify, attrib, moved from/to, create
 const unsigned char kRegularFileTypeBit = 8;
-const unsigned int kPostRetries = 3;
-const unsigned int kPostRetryDelaySeconds = 1800;
 
 const char* const kCrashModules[] = {"VpnModule", "OstraModule", "WebSecurityModule", "GuiModule",
                                      "DownloaderModule"};
@@ -96,7 +95,7 @@ bool CPhoneHomeAgent::CheckCrashDumps() {
 
 bool CPhoneHomeAgent::CheckCrashDumps(const std::string& directory, const std::string& moduleName) {
     unsigned int lastReport =
-        static_cast<unsigned int>(strtol(m_mapHistory["last_crash_report"].c_str(), nullptr, 10));
+        static_cast<unsigned int>(phonehome::ParseLong32(m_mapHistory["last_crash_report"]));
     DirHandle dir(opendir(directory.c_str()));
     if (!dir) {
         return false;

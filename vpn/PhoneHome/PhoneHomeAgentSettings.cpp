@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <memory>
 
@@ -17,23 +16,6 @@
 #include "PhoneHomePluginImp.h"
 #include "PhoneHomeText.h"
 #include "XmlParser.h"
-
-namespace {
-
-// A signed decimal as strtol reads it (leading blanks and sign, stops at the first
-// non-digit, 0 when there is no number), kept to 32 bits on every architecture and then
-// taken as unsigned, so that negative values wrap.
-unsigned int ParseSignedToUnsigned(const std::string& text) {
-    long long value = strtoll(text.c_str(), nullptr, 10);
-    if (value > INT32_MAX) {
-        value = INT32_MAX;
-    } else if (value < INT32_MIN) {
-        value = INT32_MIN;
-    }
-    return static_cast<unsigned int>(static_cast<int32_t>(value));
-}
-
-}  // namespace
 
 bool CPhoneHomeAgent::InitPhoneHomeAgent() {
     m_tstrFeedbackDir =
@@ -86,7 +68,7 @@ void CPhoneHomeAgent::LoadSettingsFromXmlFile() {
     std::unique_ptr<XmlParser> parser(new XmlParser(handler.get()));
     long result = parser->parseFile(m_tstrProfileFile, false);
     if (result != 0) {
-        PH_LOG_RC(PH_ERROR, "XmlParser::parseFile", result);
+        PH_LOG_RC(PH_ERROR, "XmlParser::parseFile", result, "%s", parser->lastError().c_str());
     } else {
         m_bDisabled = handler->GetServiceDisable();
         m_bIncludeCrashReport = handler->GetIncludeCrashReport();
@@ -110,11 +92,11 @@ void CPhoneHomeAgent::LoadSettingsFromConfigFile() {
     }
     const std::string& feedback = m_mapConfig["feedback_interval"];
     if (!feedback.empty()) {
-        m_uiFeedbackInterval = ParseSignedToUnsigned(feedback);
+        m_uiFeedbackInterval = static_cast<unsigned int>(phonehome::ParseLong32(feedback));
     }
     const std::string& checkCrash = m_mapConfig["check_crash_interval"];
     if (!checkCrash.empty()) {
-        m_uiCheckCrashInterval = ParseSignedToUnsigned(checkCrash);
+        m_uiCheckCrashInterval = static_cast<unsigned int>(phonehome::ParseLong32(checkCrash));
     }
 }
 

@@ -10,9 +10,13 @@
 #define PH_WARNING CAppLog::Warning
 #define PH_INFO CAppLog::Information
 
-#define PH_LOG(importance, ...) \
-    CAppLog::LogDebugMessage(__func__, PH_LOG_SOURCE, __LINE__, importance, __VA_ARGS__)
+#define PH_LOG(importance, ...) PH_LOG_AS(__func__, importance, __VA_ARGS__)
+#define PH_LOG_RC(importance, failedCall, result, ...) \
+    PH_LOG_RC_AS(__func__, importance, failedCall, result, ##__VA_ARGS__)
 
-#define PH_LOG_RC(importance, failedCall, result, ...)                                        \
-    CAppLog::LogReturnCode(__func__, PH_LOG_SOURCE, __LINE__, importance, failedCall, result, \
+// For helpers whose records carry the name of the public operation that they serve.
+#define PH_LOG_AS(operation, importance, ...) \
+    CAppLog::LogDebugMessage(operation, PH_LOG_SOURCE, __LINE__, importance, __VA_ARGS__)
+#define PH_LOG_RC_AS(operation, importance, failedCall, result, ...)                           \
+    CAppLog::LogReturnCode(operation, PH_LOG_SOURCE, __LINE__, importance, failedCall, result, \
                            ##__VA_ARGS__)

@@ -29,7 +29,7 @@ void CPhoneHomeStatus::LoadStatusFromConfigFile(bool& enabled, bool& includeCras
     std::unique_ptr<XmlParser> parser(new XmlParser(handler.get()));
     long result = parser->parseFile(m_tstrConfigFilePath, false);
     if (result != 0) {
-        PH_LOG_RC(PH_ERROR, "XmlParser::parseFile", result);
+        PH_LOG_RC(PH_ERROR, "XmlParser::parseFile", result, "%s", parser->lastError().c_str());
         return;
     }
     enabled = !handler->GetServiceDisable();

@@ -2,8 +2,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cstdlib>
-
 #include "PhoneHomePluginImp.h"
 #include "PhoneHomeText.h"
 
@@ -26,18 +24,6 @@ namespace {
 // "true" in any letter case; anything else (blanks included) is false.
 bool IsTrueText(const std::string& value) {
     return phonehome::AsciiLower(value) == "true";
-}
-
-// Decimal as strtol reads it, saturated to the 32-bit range on every architecture.
-int32_t ParseInterval(const std::string& value) {
-    long long parsed = strtoll(value.c_str(), nullptr, 10);
-    if (parsed > INT32_MAX) {
-        return INT32_MAX;
-    }
-    if (parsed < INT32_MIN) {
-        return INT32_MIN;
-    }
-    return static_cast<int32_t>(parsed);
 }
 
 }  // namespace
@@ -70,11 +56,11 @@ void PhoneHomeXmlMgr::setElementValue(const std::string& value) {
         m_tstrCustomerID = value.c_str();  // up to the first NUL byte
     } else if (m_tstrCurrentElement == sm_tstrFeedbackInterval) {
         if (!value.empty()) {
-            m_lFeedbackInterval = ParseInterval(value);
+            m_lFeedbackInterval = phonehome::ParseLong32(value);
         }
     } else if (m_tstrCurrentElement == sm_tstrCheckCrashInterval) {
         if (!value.empty()) {
-            m_lCheckCrashInterval = ParseInterval(value);
+            m_lCheckCrashInterval = phonehome::ParseLong32(value);
         }
     }
 }

@@ -3,11 +3,9 @@
 #include <strings.h>
 #include <sys/stat.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
-#include <thread>
 
 #include "HostSettings.h"
 
@@ -107,14 +105,7 @@ size_t FeedbackServer::RequestCount() const {
 }
 
 bool FeedbackServer::WaitForRequests(size_t count, unsigned int timeoutMs) const {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (RequestCount() < count) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
+    return WaitUntil([this, count] { return RequestCount() >= count; }, timeoutMs);
 }
 
 bool FeedbackServer::Route() const {

@@ -1,6 +1,12 @@
 #include "TestSupport.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
 #include <cerrno>
+#include <chrono>
+#include <thread>
 #include <cstdlib>
 #include <cstring>
 
@@ -43,6 +49,28 @@ std::string HostFixture::DumpLog() {
         text += record.text + "\n";
     }
     return text;
+}
+
+HeldLock::HeldLock(const std::string& path) : m_fd(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
+    EXPECT_EQ(0, flock(m_fd, LOCK_EX | LOCK_NB)) << "lock " << path;
+}
+
+void HeldLock::Release() {
+    if (m_fd >= 0) {
+        close(m_fd);
+        m_fd = -1;
+    }
+}
+
+bool WaitUntil(const std::function<bool()>& condition, unsigned int timeoutMs) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
 }
 
 std::vector<LogRecord> Failures(const std::string& failedCall) {

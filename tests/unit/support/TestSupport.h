@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,23 @@ protected:
     // Texts of the captured records, in order (for messages in failed assertions).
     static std::string DumpLog();
 };
+
+// The exclusive flock of `path`, held as a module's writer holds it, through a descriptor
+// of its own (flock locks of two open files conflict within one process too).
+class HeldLock {
+public:
+    explicit HeldLock(const std::string& path);
+    ~HeldLock() { Release(); }
+    void Release();
+    HeldLock(const HeldLock&) = delete;
+    HeldLock& operator=(const HeldLock&) = delete;
+
+private:
+    int m_fd;
+};
+
+// Polls every millisecond until `condition` holds (true) or `timeoutMs` passes (false).
+bool WaitUntil(const std::function<bool()>& condition, unsigned int timeoutMs = 5000);
 
 // Captured records of failed calls named `failedCall` (LogReturnCode records).
 std::vector<LogRecord> Failures(const std::string& failedCall);
