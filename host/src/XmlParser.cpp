@@ -138,7 +138,9 @@ long XmlParser::parseFile(const std::string& path, bool validate) {
         m_lastError = "no handler";
         return pwresult::kInvalidArgument;
     }
-    pwhost::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    // Non-blocking, so that a FIFO at the path cannot hold the caller; only a regular file
+    // is read.
+    pwhost::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!fd.Valid()) {
         int error = errno;
         m_lastError = path + ": " + pwhost::ErrnoText(error);
@@ -150,7 +152,11 @@ long XmlParser::parseFile(const std::string& path, bool validate) {
         m_lastError = path + ": " + pwhost::ErrnoText(error);
         return pwresult::kXmlFileError;
     }
-    if (S_ISREG(st.st_mode) && static_cast<unsigned long long>(st.st_size) > kMaxDocumentBytes) {
+    if (!S_ISREG(st.st_mode)) {
+        m_lastError = path + ": not a regular file";
+        return pwresult::kXmlFileError;
+    }
+    if (static_cast<unsigned long long>(st.st_size) > kMaxDocumentBytes) {
         m_lastError = path + ": larger than " + std::to_string(kMaxDocumentBytes) + " bytes";
         return pwresult::kXmlTooLarge;
     }

@@ -14,6 +14,7 @@
 #include "FileSystem.h"
 #include "FileUploader.h"
 #include "PhoneHomeAgent.h"
+#include "RegularFile.h"
 
 #define PH_LOG_SOURCE "vpn/PhoneHome/PhoneHomeAgent"
 #include "PhoneHomeLog.h"
@@ -25,63 +26,26 @@ const long long kMaxPostFileSize = 0x1000000;
 const char kBodyPrefix[] = "data=";
 const size_t kBodyPrefixLength = sizeof kBodyPrefix - 1;
 
-// Closes the descriptor when the operation returns.
-class ScopedFd {
-public:
-    explicit ScopedFd(int fd) : m_fd(fd) {}
-    ~ScopedFd() {
-        if (m_fd >= 0) {
-            close(m_fd);
-        }
-    }
-    int Get() const { return m_fd; }
-
-    ScopedFd(const ScopedFd&) = delete;
-    ScopedFd& operator=(const ScopedFd&) = delete;
-
-private:
-    int m_fd;
-};
-
-// Reads exactly `size` bytes; false on an error or when the file ends early.
-bool ReadExactly(int fd, char* buffer, size_t size) {
-    size_t done = 0;
-    while (done < size) {
-        ssize_t n = read(fd, buffer + done, size - done);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return false;
-        }
-        done += static_cast<size_t>(n);
-    }
-    return true;
-}
-
 }  // namespace
 
 bool CPhoneHomeAgent::PostDataFile(const std::string& path) {
-    ScopedFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    if (fd.Get() < 0) {
+    // Only a regular file is posted: a FIFO or a device here must not hold the service.
+    CRegularFile file;
+    if (!file.Open(path, ELinkPolicy::Follow)) {
         PH_LOG(PH_ERROR, "Unable to open file (%s)", path.c_str());
         return false;
     }
-    off_t end = lseek(fd.Get(), 0, SEEK_END);
-    if (end < 0 || lseek(fd.Get(), 0, SEEK_SET) != 0) {
-        PH_LOG(PH_ERROR, "Failed to seek in file (%s)", path.c_str());
-        return false;
-    }
-    if (static_cast<long long>(end) > kMaxPostFileSize) {
+    if (static_cast<long long>(file.Size()) > kMaxPostFileSize) {
         PH_LOG(PH_ERROR, "File size exceeds maximum size limit (%d)",
                static_cast<int>(kMaxPostFileSize));
         return false;
     }
-    size_t n = static_cast<size_t>(end);
+    size_t n = file.Size();
 
     // "data=", the n bytes, a NUL that is not sent.
     std::unique_ptr<char[]> body(new (std::nothrow) char[n + 6]);
-    if (!body || !ReadExactly(fd.Get(), body.get() + kBodyPrefixLength, n)) {
+    if (!body ||
+        ReadExactly(file.Get(), body.get() + kBodyPrefixLength, n) != static_cast<ssize_t>(n)) {
         PH_LOG(PH_ERROR, "Failed to read file (%s) content", path.c_str());
         return false;
     }
@@ -161,7 +125,7 @@ bool CPhoneHomeAgent::ScanAndPostFile(unsigned int retrySeconds) {
             break;
         }
         UpdateTimeInHistory("last_post");
-        if (remove(path.c_str()) != 0) {
+        if (!IsRegularFile(path, ELinkPolicy::Follow) || remove(path.c_str()) != 0) {
             PH_LOG(PH_WARNING, "Can't remove %s", path.c_str());
         }
         PH_LOG(PH_INFO, " File posted to PhoneHome server");

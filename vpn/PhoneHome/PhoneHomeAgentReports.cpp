@@ -9,7 +9,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <new>
@@ -20,6 +19,7 @@
 #include "PhoneHomeAgent.h"
 #include "PhoneHomeLog.h"
 #include "PhoneHomeText.h"
+#include "RegularFile.h"
 
 namespace {
 
@@ -35,6 +35,14 @@ struct DirCloser {
     void operator()(DIR* dir) const { closedir(dir); }
 };
 typedef std::unique_ptr<DIR, DirCloser> DirHandle;
+
+// Lets the base64 encoder read a file's bytes from memory.
+class MemoryReader : public std::streambuf {
+public:
+    explicit MemoryReader(std::string& bytes) {
+        setg(&bytes[0], &bytes[0], &bytes[0] + bytes.size());
+    }
+};
 
 }  // namespace
 
@@ -125,32 +133,26 @@ bool CPhoneHomeAgent::CheckCrashDumps(const std::string& directory, const std::s
 
 bool CPhoneHomeAgent::SaveCrashReportToDataFile(const std::string& path,
                                                 const std::string& moduleName) {
-    std::ifstream file(path, std::ios::in | std::ios::binary);
-    if (!file.is_open()) {
+    // A crash directory may hold anything: a link is refused like a file that cannot be
+    // opened, and only a regular file is read, for exactly the size it had when opened.
+    CRegularFile file;
+    if (!file.Open(path, ELinkPolicy::NoFollow)) {
         PH_LOG_RC(PH_WARNING, "CPhoneHomeAgent::SaveCrashReportToDataFile", 0,
                   "Can't open crash file %s", path.c_str());
         return false;
     }
-    // The crash path reports its seek and size failures in the threat-report wording.
-    if (!file.seekg(0, std::ios::end)) {
-        PH_LOG(PH_ERROR, "Failed to seek in threat report file %s", path.c_str());
+    if (file.Size() > static_cast<size_t>(kMaxCrashFileBytes)) {
+        __builtin_trap();  // a crash file this large means the crash directory is not ours
     }
-    long long size = static_cast<long long>(file.tellg());
-    if (size == -1) {
+    std::string content;
+    if (!file.ReadAll(content)) {
         PH_LOG(PH_ERROR, "Failed to get file size of threat report file %s", path.c_str());
         return false;  // nothing readable to send
     }
-    file.clear();
-    if (!file.seekg(0, std::ios::beg)) {
-        PH_LOG(PH_ERROR, "Failed to seek in threat report file %s", path.c_str());
-    }
-    if (size > kMaxCrashFileBytes) {
-        file.close();
-        __builtin_trap();  // a crash file this large means the crash directory is not ours
-    }
+    MemoryReader reader(content);
+    std::istream in(&reader);
     std::ostringstream encoded;
-    lBase64::Encode(file, encoded, static_cast<int>(static_cast<double>(size) * 1.4));
-    file.close();
+    lBase64::Encode(in, encoded, static_cast<int>(static_cast<double>(content.size()) * 1.4));
 
     CBencodeDictionary* crashReports = nullptr;
     if (m_pQualityImprovementData == nullptr ||
@@ -254,7 +256,9 @@ void CPhoneHomeAgent::ThreatReportDirChangeHandler(void* context, int /*event*/)
         if (agent.m_bStopRequested) {
             break;
         }
-        if (agent.SaveThreatReportToFile(entry.second) && remove(entry.second.c_str()) != 0) {
+        if (agent.SaveThreatReportToFile(entry.second) &&
+            (!IsRegularFile(entry.second, ELinkPolicy::NoFollow) ||
+             remove(entry.second.c_str()) != 0)) {
             PH_LOG(PH_WARNING, "Can't remove %s", entry.second.c_str());
         }
     }
@@ -263,30 +267,17 @@ void CPhoneHomeAgent::ThreatReportDirChangeHandler(void* context, int /*event*/)
 }
 
 bool CPhoneHomeAgent::SaveThreatReportToFile(const std::string& path) {
-    std::ifstream file(path, std::ios::in | std::ios::binary);
-    if (!file.is_open()) {
+    CRegularFile file;
+    if (!file.Open(path, ELinkPolicy::NoFollow)) {
         PH_LOG_RC(PH_WARNING, "SaveThreatReportToFile", 0, "Can't open %s", path.c_str());
         return false;
     }
-    if (!file.seekg(0, std::ios::end)) {
-        PH_LOG(PH_ERROR, "Failed to seek in threat report file %s", path.c_str());
-    }
-    long long size = static_cast<long long>(file.tellg());
-    if (static_cast<uint32_t>(size) == 0xFFFFFFFFu) {
-        PH_LOG(PH_ERROR, "Failed to get file size of threat report file %s", path.c_str());
-        return false;
-    }
-    file.clear();
-    if (!file.seekg(0, std::ios::beg)) {
-        PH_LOG(PH_ERROR, "Failed to seek in threat report file %s", path.c_str());
-    }
     // A file too large for memory is a failed read, not an exception out of the watcher.
-    std::unique_ptr<char[]> buffer(new (std::nothrow) char[static_cast<size_t>(size) + 1]());
-    if (!buffer || !file.read(buffer.get(), static_cast<std::streamsize>(size))) {
+    std::string content;
+    if (!file.ReadAll(content)) {
         PH_LOG(PH_ERROR, "Failed to read threat report file %s", path.c_str());
         return false;
     }
-    file.close();
 
     CBencodeDictionary* threatReports = nullptr;
     if (m_pQualityImprovementData == nullptr ||
@@ -294,7 +285,8 @@ bool CPhoneHomeAgent::SaveThreatReportToFile(const std::string& path) {
         PH_LOG(PH_ERROR, "Unable to get threat report dictionary");
         return false;
     }
-    if (!threatReports->Insert("ThreatIncident", std::string(buffer.get()))) {
+    // The incident is text: it ends at the file's first NUL.
+    if (!threatReports->Insert("ThreatIncident", std::string(content.c_str()))) {
         PH_LOG(PH_ERROR, "Failed to insert threat data into dictionary");
         return false;
     }

@@ -3,10 +3,11 @@
 #define PH_LOG_SOURCE "vpn/PhoneHome/PhoneHomeAgent"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
+#include <sstream>
 #include <memory>
 
 #include "FileSystem.h"
@@ -15,6 +16,7 @@
 #include "PhoneHomeLog.h"
 #include "PhoneHomePluginImp.h"
 #include "PhoneHomeText.h"
+#include "RegularFile.h"
 #include "XmlParser.h"
 
 bool CPhoneHomeAgent::InitPhoneHomeAgent() {
@@ -44,17 +46,23 @@ bool CPhoneHomeAgent::InitPhoneHomeAgent() {
 
     std::string statusFile = moduleDataDir + CPhoneHomeUtility::sm_tstrPhoneHomeStatusFileName;
     if (m_bDisabled) {
-        int fd = open(statusFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-        if (fd < 0) {
+        // Never through a link, never blocked by a FIFO, and only a regular file counts.
+        int fd = open(statusFile.c_str(),
+                      O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW, 0666);
+        struct stat status;
+        bool created = fd >= 0 && fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+        if (fd >= 0) {
+            close(fd);
+        }
+        if (!created) {
             PH_LOG(PH_ERROR, "Failed to create phoneHome status file");
             return false;
         }
-        close(fd);
         return true;
     }
     // The first start after the service is re-enabled removes the marker and fails; the
     // next start proceeds. Other components rely on this sequence.
-    if (remove(statusFile.c_str()) == 0) {
+    if (IsRegularFile(statusFile, ELinkPolicy::NoFollow) && remove(statusFile.c_str()) == 0) {
         PH_LOG(PH_ERROR, "Failed to remove phoneHome status file");
         return false;
     }
@@ -102,11 +110,13 @@ void CPhoneHomeAgent::LoadSettingsFromConfigFile() {
 
 bool CPhoneHomeAgent::LoadFileToMap(const std::string& path,
                                     std::map<std::string, std::string>& map) {
-    std::ifstream in(path, std::ios::in | std::ios::binary);
-    if (!in.is_open()) {
+    CRegularFile file;
+    std::string content;
+    if (!file.Open(path, ELinkPolicy::Follow) || !file.ReadAll(content)) {
         PH_LOG(PH_WARNING, "Can't open file %s", path.c_str());
         return false;
     }
+    std::istringstream in(content);
     std::string line;
     while (std::getline(in, line)) {
         if (line.empty() || line[0] == '#') {

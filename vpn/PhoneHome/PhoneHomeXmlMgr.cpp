@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "PhoneHomePluginImp.h"
+#include "RegularFile.h"
 #include "PhoneHomeText.h"
 
 namespace phonehome {
@@ -69,7 +70,10 @@ void PhoneHomeXmlMgr::addAttribute(const std::string& /*name*/, const std::strin
 
 bool CPhoneHomeUtility::IsPhoneHomeEnabled(const std::string& directory) {
     std::string path = directory + "/" + sm_tstrPhoneHomeStatusFileName;
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // The marker counts when it is a regular file that can be opened (a FIFO there must not
+    // block a status query).
+    struct stat status;
+    int fd = OpenRegularFileForReading(path, ELinkPolicy::Follow, status);
     if (fd < 0) {
         return true;
     }

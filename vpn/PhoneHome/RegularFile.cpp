@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <new>
 
 int OpenRegularFileForReading(const std::string& path, ELinkPolicy links, struct stat& status) {
     int flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK;
@@ -56,4 +57,33 @@ bool IsRegularFile(const std::string& path, ELinkPolicy links) {
     int rc =
         links == ELinkPolicy::Follow ? stat(path.c_str(), &status) : lstat(path.c_str(), &status);
     return rc == 0 && S_ISREG(status.st_mode);
+}
+
+CRegularFile::~CRegularFile() {
+    if (m_fd >= 0) {
+        close(m_fd);
+    }
+}
+
+bool CRegularFile::Open(const std::string& path, ELinkPolicy links) {
+    if (m_fd >= 0) {
+        close(m_fd);
+    }
+    m_fd = OpenRegularFileForReading(path, links, m_status);
+    return m_fd >= 0;
+}
+
+bool CRegularFile::ReadAll(std::string& content) {
+    try {
+        content.resize(Size());
+    } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
+        return false;
+    }
+    ssize_t count = ReadExactly(m_fd, &content[0], content.size());
+    if (count < 0) {
+        return false;
+    }
+    content.resize(static_cast<size_t>(count));
+    return true;
 }

@@ -33,6 +33,28 @@ int CreateRegularFileExclusively(const std::string& path, mode_t mode);
 // meanwhile is never read past `size`), or -1 with errno set on a read error.
 ssize_t ReadExactly(int fd, char* buffer, size_t size);
 
+// A regular file open for reading, closed with the object. Its size is the one fstat gave
+// on the open descriptor, and ReadAll never reads past it, however the file grows.
+class CRegularFile {
+public:
+    CRegularFile() = default;
+    ~CRegularFile();
+    // false (errno set as above) when the path is not a regular file that can be opened.
+    bool Open(const std::string& path, ELinkPolicy links);
+    size_t Size() const { return static_cast<size_t>(m_status.st_size); }
+    // The whole file as measured at Open (less if it shrank since); false on a read error or
+    // when memory for it is short.
+    bool ReadAll(std::string& content);
+    int Get() const { return m_fd; }
+
+    CRegularFile(const CRegularFile&) = delete;
+    CRegularFile& operator=(const CRegularFile&) = delete;
+
+private:
+    int m_fd = -1;
+    struct stat m_status = {};
+};
+
 // Whether `path` names a regular file (with NoFollow a link is not one). Checked before a
 // path is removed, so that nothing but a regular file (or a module's link to one) is ever
 // removed.
