@@ -21,43 +21,11 @@ import sys
 import time
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-SERVER_DIR = os.path.join(ROOT, "tools", "feedback-server")
+sys.path.insert(0, os.path.join(ROOT, "tools", "feedback-server"))
+from localserver import LocalServer, bdecode, bencode_dict, make_certs  # noqa: E402
+
 START = calendar.timegm((2027, 1, 1, 0, 0, 0))
 DAY = 86400
-
-
-def bdecode(data):
-    """One bencode value (iteratively); returns (value, end)."""
-    stack, at = [], 0
-    while True:
-        lead = data[at:at + 1]
-        if lead in (b"l", b"d"):
-            stack.append(([], lead))
-            at += 1
-            continue
-        if lead == b"e":
-            items, kind = stack.pop()
-            value = items if kind == b"l" else dict(zip(items[0::2], items[1::2]))
-            at += 1
-        elif lead == b"i":
-            end = data.index(b"e", at)
-            value, at = int(data[at + 1:end]), end + 1
-        else:
-            colon = data.index(b":", at)
-            length = int(data[at:colon])
-            value, at = data[colon + 1:colon + 1 + length], colon + 1 + length
-        if not stack:
-            return value, at
-        stack[-1][0].append(value)
-
-
-def bencode_dict(entries):
-    out = b"d"
-    for key in sorted(entries):
-        value = entries[key]
-        out += b"%d:%s" % (len(key), key)
-        out += b"i%de" % value if isinstance(value, int) else b"%d:%s" % (len(value), value)
-    return out + b"e"
 
 
 def date(seconds):
@@ -70,7 +38,6 @@ class Demo:
         self.build = args.build
         self.work = args.work
         self.feedback = os.path.join(args.install, "CustomerExperienceFeedback")
-        self.received = os.path.join(self.work, "received")
         self.modules = os.path.join(self.work, "modules")
         self.crash = os.path.join(self.work, "crash", "vpn") + "/"
         self.threats = os.path.join(self.work, "threats") + "/"
@@ -94,21 +61,11 @@ class Demo:
     def prepare(self):
         shutil.rmtree(self.work, ignore_errors=True)
         shutil.rmtree(self.feedback, ignore_errors=True)
-        for directory in (self.received, self.modules, self.crash, self.feedback,
+        for directory in (self.modules, self.crash, self.feedback,
                           os.path.join(self.threats, "\\*")):
             os.makedirs(directory)
-        subprocess.run(["bash", os.path.join(SERVER_DIR, "make_certs.sh"),
-                        os.path.join(self.work, "certs")], check=True, stdout=subprocess.DEVNULL)
-        self.control = os.path.join(self.work, "server.control")
-        with open(self.control, "w") as control:
-            control.write("mode=ok\n")
-        self.server = subprocess.Popen(
-            [sys.executable, os.path.join(SERVER_DIR, "feedback_server.py"),
-             "--cert", os.path.join(self.work, "certs", "server.pem"),
-             "--key", os.path.join(self.work, "certs", "server.key"),
-             "--record-dir", self.received, "--control", self.control],
-            stdout=subprocess.PIPE, text=True)
-        self.port = int(self.server.stdout.readline().split()[1])
+        self.server = LocalServer(self.work, make_certs(os.path.join(self.work, "certs")))
+        self.port = self.server.port
         with open(os.path.join(self.feedback, "CustomerExperience_Feedback.xml"), "w") as xml:
             xml.write('<?xml version="1.0"?>\n<Feedback>\n  <ServiceDisable>false</ServiceDisable>\n'
                       '  <IncludeCrashReport>true</IncludeCrashReport>\n'
@@ -153,16 +110,11 @@ class Demo:
         self.host = None
         return stopped_at
 
-    def delivered(self):
-        """Bodies the server answered with 200, in arrival order (the outage's are 500)."""
-        names = sorted(n for n in os.listdir(self.received) if n.endswith(".meta"))
-        return [os.path.join(self.received, n[:-5] + ".body") for n in names]
-
     def wait_for_requests(self, count, seconds=20.0):
         deadline = time.monotonic() + seconds
-        while len(self.delivered()) < count and time.monotonic() < deadline:
+        while len(self.server.bodies()) < count and time.monotonic() < deadline:
             time.sleep(0.005)
-        return len(self.delivered()) >= count
+        return len(self.server.bodies()) >= count
 
     def play(self):
         days = self.args.days
@@ -189,8 +141,7 @@ class Demo:
         self.say("the telemetry module drops a threat report into the watched directory")
 
         self.wait_until(START + 8 * DAY)
-        with open(self.control, "w") as control:
-            control.write("mode=ok\nfail_next=2\n")
+        self.server.set_mode("ok", fail_next=2)
         dump2 = os.path.join(self.crash, "vpnagent.2.core")
         with open(dump2, "wb") as out:
             out.write(b"second core\0" * 32)
@@ -216,10 +167,7 @@ class Demo:
         print("== what the feedback server received")
         print("  %-3s %-6s %-9s %-33s %7s  %s" %
               ("seq", "answer", "kind", "collection period", "bytes", "content"))
-        bodies = []
-        for body_path in self.delivered():
-            with open(body_path, "rb") as body_file:
-                bodies.append(body_file.read())
+        bodies = self.server.bodies()
         number = 0
         for index, body in enumerate(bodies):
             # A report the server refused comes again: only its last arrival was accepted.
@@ -252,13 +200,13 @@ class Demo:
                     "last_sequence_number" and value.isdigit() else value
                 print("  %-22s %s" % (key, shown))
         print("== logs: %s (host), %s (server's records)" %
-              (os.path.join(self.work, "host.log"), self.received))
+              (os.path.join(self.work, "host.log"), self.server.records))
 
     def close(self):
         if self.host is not None and self.host.poll() is None:
             self.host.kill()
         if self.server is not None:
-            self.server.terminate()
+            self.server.stop()
 
 
 def main():

@@ -7,7 +7,6 @@ PW_E2E_INSTALL_DIR (the plug-in's installation directory), PW_E2E_EMULATOR (opti
 command prefix, e.g. qemu-i386 -L /), PW_E2E_WORK (a scratch directory).
 """
 
-import errno
 import os
 import shutil
 import signal
@@ -19,7 +18,8 @@ import time
 import unittest
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-SERVER_DIR = os.path.join(HERE, "..", "..", "tools", "feedback-server")
+sys.path.insert(0, os.path.join(HERE, "..", "..", "tools", "feedback-server"))
+from localserver import LocalServer, bdecode, bencode_dict, make_certs  # noqa: E402
 HOST = os.environ.get("PW_E2E_HOST", "")
 PLUGIN = os.environ.get("PW_E2E_PLUGIN", "")
 INSTALL = os.environ.get("PW_E2E_INSTALL_DIR", "")
@@ -32,40 +32,6 @@ OUTBOUND = os.path.join(FEEDBACK, "outbound")
 STOP_BOUND_S = 10.0
 
 
-def bdecode(data):
-    """Decodes one bencode value (iteratively: reports may nest deeply)."""
-    stack, at, value = [], 0, None
-    while True:
-        lead = data[at:at + 1]
-        if lead in (b"l", b"d"):
-            stack.append(([], lead))
-            at += 1
-            continue
-        if lead == b"e":
-            items, kind = stack.pop()
-            value = items if kind == b"l" else dict(zip(items[0::2], items[1::2]))
-            at += 1
-        elif lead == b"i":
-            end = data.index(b"e", at)
-            value, at = int(data[at + 1:end]), end + 1
-        else:
-            colon = data.index(b":", at)
-            length = int(data[at:colon])
-            value, at = data[colon + 1:colon + 1 + length], colon + 1 + length
-        if not stack:
-            return value, at
-        stack[-1][0].append(value)
-
-
-def bencode_dict(entries):
-    out = b"d"
-    for key in sorted(entries):
-        value = entries[key]
-        out += b"%d:%s" % (len(key), key)
-        out += b"i%de" % value if isinstance(value, int) else b"%d:%s" % (len(value), value)
-    return out + b"e"
-
-
 def wait_for(condition, seconds=30.0):
     deadline = time.monotonic() + seconds
     while time.monotonic() < deadline:
@@ -73,51 +39,6 @@ def wait_for(condition, seconds=30.0):
             return True
         time.sleep(0.02)
     return condition()
-
-
-class FeedbackServer:
-    def __init__(self, work, cert):
-        self.records = os.path.join(work, "received-" + cert)
-        self.control = os.path.join(work, "control-" + cert)
-        os.makedirs(self.records, exist_ok=True)
-        self.set_mode("ok")
-        certs = os.path.join(WORK, "certs")
-        self.process = subprocess.Popen(
-            [sys.executable, os.path.join(SERVER_DIR, "feedback_server.py"), "--cert",
-             os.path.join(certs, cert + ".pem"), "--key", os.path.join(certs, cert + ".key"),
-             "--record-dir", self.records, "--control", self.control, "--io-timeout", "300"],
-            stdout=subprocess.PIPE, text=True)
-        line = self.process.stdout.readline()
-        assert line.startswith("PORT "), line
-        self.port = int(line.split()[1])
-
-    def set_mode(self, mode, **options):
-        with open(self.control, "w") as control:
-            control.write("mode=%s\n" % mode)
-            for key, value in options.items():
-                control.write("%s=%s\n" % (key, value))
-
-    def forget(self):
-        for name in os.listdir(self.records):
-            os.remove(os.path.join(self.records, name))
-
-    def requests(self):
-        """Recorded requests, in arrival order: (meta lines, body bytes)."""
-        found = []
-        for name in sorted(os.listdir(self.records)):
-            if name.endswith(".meta"):
-                base = os.path.join(self.records, name[:-5])
-                with open(base + ".meta") as meta, open(base + ".body", "rb") as body:
-                    found.append((meta.read().splitlines(), body.read()))
-        return found
-
-    def bodies(self):
-        return [body for meta, body in self.requests() if "partial 0" in meta]
-
-    def stop(self):
-        self.process.terminate()
-        self.process.wait(10)
-        self.process.stdout.close()
 
 
 def free_port():
@@ -137,8 +58,7 @@ class HostFixture(unittest.TestCase):
     def setUpClass(cls):
         shutil.rmtree(WORK, ignore_errors=True)
         os.makedirs(WORK)
-        subprocess.run(["bash", os.path.join(SERVER_DIR, "make_certs.sh"),
-                        os.path.join(WORK, "certs")], check=True, stdout=subprocess.DEVNULL)
+        make_certs(os.path.join(WORK, "certs"))
 
     @classmethod
     def tearDownClass(cls):
@@ -148,7 +68,7 @@ class HostFixture(unittest.TestCase):
 
     def server(self, cert="server"):
         if cert not in self.servers:
-            self.servers[cert] = FeedbackServer(WORK, cert)
+            self.servers[cert] = LocalServer(WORK, os.path.join(WORK, "certs"), cert)
         server = self.servers[cert]
         server.set_mode("ok")
         server.forget()
