@@ -115,8 +115,8 @@ CCertHelper::CCertHelper(long& result, unsigned int storeMask, const std::string
             result = pwresult::kCertStoreLoadFailed;
         }
     } else {
-        PWHOST_LOG(CAppLog::Error, "no trust anchors allowed (store mask 0x%x)", storeMask);
-        result = pwresult::kCertStoreLoadFailed;
+        result = PWHOST_REFUSE(pwresult::kCertStoreLoadFailed,
+                               "no trust anchors allowed (store mask 0x%x)", storeMask);
     }
 }
 

@@ -47,11 +47,10 @@ TEST_F(Base64Test, InputsRoundTripWithoutLineBreaks) {
 }
 
 TEST_F(Base64Test, FailedStreamsAreReported) {
-    std::istringstream in("abc");
+    std::istringstream in("abc"), good("abc");
     std::ostringstream out;
     in.setstate(std::ios::failbit);
     EXPECT_EQ(lBase64::Encode(in, out, 0), pwresult::kFailure);
-    std::istringstream good("abc");
     out.setstate(std::ios::badbit);
     EXPECT_EQ(lBase64::Encode(good, out, 0), pwresult::kFailure);
 }

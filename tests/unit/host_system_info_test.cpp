@@ -1,4 +1,4 @@
-// The OS record, kernel release numbers, the machine identifier and the bounded copy.
+// The OS record, UI texts, kernel release numbers, the machine identifier, the bounded copy.
 #include <sys/utsname.h>
 
 #include <cstring>
@@ -9,6 +9,7 @@
 #include "DeviceIDInfo.h"
 #include "OsVersion.h"
 #include "SafeString.h"
+#include "UITranslator.h"
 #include "TestSupport.h"
 
 namespace {
@@ -25,12 +26,22 @@ TEST_F(SystemInfoTest, OsRecordAndDeviceIdComeFromTheSystem) {
     EXPECT_EQ(record.dwOSVersionInfoSize, sizeof(OS_VERSION_INFO));
     EXPECT_STREQ(record.szOSType, "Linux");
     EXPECT_STREQ(record.szVersionDetails, names.release);
-    EXPECT_TRUE(IsOs_LINUX() && !IsOs_MAC() && !IsOs_WIN_7_Only());
+    EXPECT_TRUE(IsOs_LINUX());
+    EXPECT_FALSE(IsOs_MAC() || IsOs_WINNT_XP_Only() || IsOs_WIN_VISTA_Only() || IsOs_WIN_7_Only() ||
+                 IsOs_WIN_8_Only());
     std::string machineId, id;
     if (pwhost::ReadMachineId({"/etc/machine-id", "/var/lib/dbus/machine-id"}, machineId)) {
         EXPECT_TRUE(DeviceIDInfo().GetDeviceID(id));
         EXPECT_EQ(id, machineId);
     }
+}
+
+// Known keys have their English text (no catalogue is installed here); others stay keys.
+TEST_F(SystemInfoTest, UiTextsByKey) {
+    UITranslator translator;
+    EXPECT_STREQ(translator.translate(UITranslator::PhoneHomeComponentName),
+                 "Customer Experience Feedback");
+    EXPECT_STREQ(translator.translate("NoSuchKey"), "NoSuchKey");
 }
 
 TEST_F(SystemInfoTest, KernelReleaseNumbers) {
@@ -62,9 +73,7 @@ TEST_F(SystemInfoTest, KernelReleaseNumbers) {
 TEST_F(SystemInfoTest, MachineIdComesFromTheFirstFileThatHoldsOne) {
     const std::string first = m_dir / "first", second = m_dir / "second";
     const struct {
-        const char* firstContent;  // null: file absent
-        const char* secondContent;
-        const char* id;  // null: none found
+        const char *firstContent, *secondContent, *id;  // null: file absent, no id found
     } cases[] = {
         // clang-format off
         {"aaaa\n",          "bbbb\n", "aaaa"},

@@ -57,10 +57,7 @@ protected:
 TEST_F(WatcherTest, EachBatchOfChangesReachesTheCallbackOnce) {
     ASSERT_EQ(Watch(kThreatMask & ~IN_ATTRIB), pwresult::kSuccess);
     const struct {
-        const char* name;
-        const char* write;  // a file written, if not null
-        const char* from;   // a rename, if not null
-        const char* to;
+        const char *name, *write, *from, *to;  // a file written or renamed, else a chmod
         int bits;
     } cases[] = {
         // clang-format off
@@ -89,18 +86,15 @@ TEST_F(WatcherTest, EachBatchOfChangesReachesTheCallbackOnce) {
 }
 
 TEST_F(WatcherTest, RemovingOrMovingTheDirectoryEndsTheWatch) {
-    for (bool remove : {true, false}) {
-        SCOPED_TRACE(remove ? "removed" : "moved away");
-        if (!remove) {
-            ASSERT_EQ(mkdir(m_watched.c_str(), 0755), 0);
-        }
-        Watch(kThreatMask);
-        ASSERT_EQ(remove ? rmdir(m_watched.c_str())
-                         : rename(m_watched.c_str(), (m_dir / "elsewhere").c_str()),
-                  0);
-        Pump();
-        EXPECT_FALSE(m_watcher->IsWatchStillValid());
-    }
+    Watch(kThreatMask);
+    ASSERT_EQ(rename(m_watched.c_str(), (m_dir / "elsewhere").c_str()), 0);
+    Pump();
+    EXPECT_FALSE(m_watcher->IsWatchStillValid());
+    ASSERT_EQ(mkdir(m_watched.c_str(), 0755), 0);
+    Watch(kThreatMask);
+    ASSERT_EQ(rmdir(m_watched.c_str()), 0);
+    Pump();
+    EXPECT_FALSE(m_watcher->IsWatchStillValid());
 }
 
 TEST_F(WatcherTest, WatcherThatCannotStartIsInert) {

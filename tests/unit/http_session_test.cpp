@@ -34,18 +34,17 @@ struct SessionSetup {
     std::list<std::string> extraHeaders;
 };
 
-// A session for kUrl as the setup says; its construction result goes to `*rc` when given,
-// and must be 0 otherwise.
-std::unique_ptr<CHttpSessionCurl> MakeSession(const SessionSetup& setup = {}, long* rc = nullptr) {
-    long result = 0;
-    std::unique_ptr<CHttpSessionCurl> session(new CHttpSessionCurl(
-        result, kUrl, "", setup.extraHeaders, "", "", "", "TestAgent", 443, true, true, setup.mode,
+// A session for kUrl as the setup says; its construction result goes to `rc`.
+std::unique_ptr<CHttpSessionCurl> MakeSession(const SessionSetup& setup, long& rc) {
+    return std::unique_ptr<CHttpSessionCurl>(new CHttpSessionCurl(
+        rc, kUrl, "", setup.extraHeaders, "", "", "", "TestAgent", 443, true, true, setup.mode,
         setup.primary, setup.context, setup.callback, setup.capacity, nullptr, nullptr));
-    if (rc != nullptr) {
-        *rc = result;
-    } else {
-        EXPECT_EQ(0, result);
-    }
+}
+
+std::unique_ptr<CHttpSessionCurl> MakeSession(const SessionSetup& setup = {}) {
+    long rc = -1;
+    auto session = MakeSession(setup, rc);
+    EXPECT_EQ(0, rc);
     return session;
 }
 
@@ -60,10 +59,7 @@ Outcome Post(CHttpSessionCurl& session, const std::string& body,
              unsigned int flags = HTTP_REQUEST_FAIL_ON_ERROR_STATUS,
              unsigned int requestTimeoutSeconds = 0) {
     Outcome out;
-    out.rc = session.OpenRequest("", 15, requestTimeoutSeconds, HTTP_METHOD_POST);
-    if (out.rc != 0) {
-        return out;
-    }
+    EXPECT_EQ(0, session.OpenRequest("", 15, requestTimeoutSeconds, HTTP_METHOD_POST));
     session.SetRequestFlags(flags);
     out.rc = session.SendRequest(out.status, HTTP_BODY_FORM, body.data(),
                                  static_cast<unsigned int>(body.size()), 0);
@@ -202,7 +198,7 @@ TEST_F(HttpSessionTest, MisuseIsRefused) {
     long rc = 0;
     SessionSetup setup;
     setup.capacity = 0;
-    MakeSession(setup, &rc);
+    MakeSession(setup, rc);
     EXPECT_EQ(pwresult::kHttpInvalidArgument, rc);
     auto session = MakeSession();
     unsigned int status = 7;
@@ -347,22 +343,19 @@ TEST_F(HttpSessionTest, CallbackVerdictIsFinal) {
     FeedbackServer server;
     ASSERT_TRUE(server.Route());
     std::string seen;
-    SessionSetup setup;
-    setup.mode = HTTP_CERT_TRUST_SECONDARY_ANY;
-    setup.context = &seen;
-    setup.primary = "PRIMARY";
-    setup.callback = [](void* context, const x509_store_ctx_st* store, HTTP_CERT_TRUST_MODE mode,
-                        const std::string& serverName, const std::string& primary) -> long {
-        *static_cast<std::string*>(context) =
-            serverName + " " + primary + " " + std::to_string(mode) + (store ? " store" : "");
+    SessionSetup setup{HTTP_CERT_TRUST_SECONDARY_ANY, nullptr, &seen, "PRIMARY", 16384, {}};
+    setup.callback = [](void* seen, const x509_store_ctx_st* store, HTTP_CERT_TRUST_MODE mode,
+                        const std::string& host, const std::string& primary) -> long {
+        *static_cast<std::string*>(seen) =
+            host + primary + std::to_string(mode) + (store ? "+" : "");
         return PwResult(0xFE870002);
     };
     EXPECT_EQ(pwresult::kHttpSecureChannel, Post(*MakeSession(setup), "data=v").rc);
-    EXPECT_EQ(std::string(kFeedbackServerName) + " PRIMARY 2 store", seen);
+    EXPECT_EQ(std::string(kFeedbackServerName) + "PRIMARY2+", seen);
     EXPECT_EQ(0u, server.RequestCount());
 }
 
-// The process owner's name, and a helper without its configured trust anchors.
+// The process owner's name, and a helper without its configured or with no trust anchors.
 TEST_F(HttpSessionTest, ProcessOwnerAndMissingTrustAnchors) {
     std::string user;
     ASSERT_EQ(0, CUnixImpersonate::GetUsernameOwningProcess(getpid(), user));
@@ -372,9 +365,10 @@ TEST_F(HttpSessionTest, ProcessOwnerAndMissingTrustAnchors) {
     pwhost::HostSettings settings = pwhost::CurrentHostSettings();
     settings.caFile = TestCertPath("missing.pem");
     pwhost::ApplyHostSettings(settings);
-    long rc = 0;
-    CCertHelper helper(rc, 0xFFFFFFFFu, "");
+    long rc = 0, none = 0;
+    CCertHelper helper(rc, 0xFFFFFFFFu, ""), noAnchors(none, 0, "");
     EXPECT_EQ(pwresult::kCertStoreLoadFailed, rc);
+    EXPECT_EQ(pwresult::kCertStoreLoadFailed, none);
 }
 
 }  // namespace
