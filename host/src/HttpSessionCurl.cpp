@@ -177,7 +177,7 @@ struct CHttpSessionCurl::Impl {
 
     // Construction steps.
     long CheckArguments() const;
-    long ApplyHostSettings(const pwhost::HostSettings& settings);
+    long UseHostSettings(const pwhost::HostSettings& settings);
     long CreateHandles();
     long Configure();
     long SetClientCertificate(const std::string& certFile, const std::string& keyFile,
@@ -398,7 +398,7 @@ long CHttpSessionCurl::Impl::CheckArguments() const {
 }
 
 // Routing, connection sharing and the request deadline from the host settings.
-long CHttpSessionCurl::Impl::ApplyHostSettings(const pwhost::HostSettings& settings) {
+long CHttpSessionCurl::Impl::UseHostSettings(const pwhost::HostSettings& settings) {
     for (const std::string& mapping : pwhost::ConnectToMappings(settings.connectTo)) {
         if (!pwhost::SlistAppend(connectTo, mapping)) {
             return pwresult::kHttpInitFailed;
@@ -471,7 +471,7 @@ CHttpSessionCurl::CHttpSessionCurl(
         result = pwresult::kHttpInitFailed;
     }
     if (result == 0) {
-        result = s.ApplyHostSettings(pwhost::CurrentHostSettings());
+        result = s.UseHostSettings(pwhost::CurrentHostSettings());
     }
     if (result == 0) {
         result = s.CreateHandles();
