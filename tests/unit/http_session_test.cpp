@@ -28,8 +28,6 @@ typedef std::chrono::steady_clock Clock;
 struct SessionSetup {
     HTTP_CERT_TRUST_MODE mode = HTTP_CERT_TRUST_STRICT;
     HTTP_SERVER_CERT_VERIFY_CB callback = nullptr;
-    void* context = nullptr;
-    std::string primary;
     unsigned int capacity = 16384;
     std::list<std::string> extraHeaders;
 };
@@ -37,8 +35,8 @@ struct SessionSetup {
 // A session for kUrl as the setup says; its construction result goes to `rc`.
 std::unique_ptr<CHttpSessionCurl> MakeSession(const SessionSetup& setup, long& rc) {
     return std::unique_ptr<CHttpSessionCurl>(new CHttpSessionCurl(
-        rc, kUrl, "", setup.extraHeaders, "", "", "", "TestAgent", 443, true, true, setup.mode,
-        setup.primary, setup.context, setup.callback, setup.capacity, nullptr, nullptr));
+        rc, kUrl, "", setup.extraHeaders, "", "", "", "TestAgent", 443, true, true, setup.mode, "",
+        nullptr, setup.callback, setup.capacity, nullptr, nullptr));
 }
 
 std::unique_ptr<CHttpSessionCurl> MakeSession(const SessionSetup& setup = {}) {
@@ -335,24 +333,6 @@ TEST_F(HttpSessionTest, BuiltInCheckRejectsBadCertificates) {
         EXPECT_EQ(c.verdict != 0, verdictLogged) << DumpLog();
         EXPECT_EQ(c.verdict == 0 ? 1u : 0u, server.RequestCount());
     }
-}
-
-// The callback sees the URL's host name, the mode and the primary certificate, and its
-// verdict is final: here it rejects a certificate that the built-in check would accept.
-TEST_F(HttpSessionTest, CallbackVerdictIsFinal) {
-    FeedbackServer server;
-    ASSERT_TRUE(server.Route());
-    std::string seen;
-    SessionSetup setup{HTTP_CERT_TRUST_SECONDARY_ANY, nullptr, &seen, "PRIMARY", 16384, {}};
-    setup.callback = [](void* seen, const x509_store_ctx_st* store, HTTP_CERT_TRUST_MODE mode,
-                        const std::string& host, const std::string& primary) -> long {
-        *static_cast<std::string*>(seen) =
-            host + primary + std::to_string(mode) + (store ? "+" : "");
-        return PwResult(0xFE870002);
-    };
-    EXPECT_EQ(pwresult::kHttpSecureChannel, Post(*MakeSession(setup), "data=v").rc);
-    EXPECT_EQ(std::string(kFeedbackServerName) + "PRIMARY2+", seen);
-    EXPECT_EQ(0u, server.RequestCount());
 }
 
 // The process owner's name, and a helper without its configured or with no trust anchors.
