@@ -7,9 +7,10 @@
 // the callback's verdict is final (0 accepts); without a callback the chain and the host
 // name are checked by CCertHelper against the host's trust anchors.
 //
-// Routing and trust come from the host settings read when the session is constructed:
-// the CA file and the connect-to mapping (HostSettings.h). No proxy is used unless one is
-// given; proxy variables of the environment are ignored.
+// Routing, trust and the longest time a request may take come from the host settings read
+// when the session is constructed: the CA file, the connect-to mapping and request_timeout
+// (HostSettings.h; counted in real time, whatever the host clock's scale). No proxy is used unless
+// one is given; proxy variables of the environment are ignored.
 //
 // Sessions constructed with `shareCaches` share DNS answers process-wide, and - among
 // sessions on the same thread with strict trust, the same certificate callback and the same
@@ -18,9 +19,11 @@
 //
 // Threads: a session is used by one thread at a time, except CloseRequest, which may be
 // called from any thread while the session exists. Called on another thread while a
-// request runs there, it aborts the transfer (the blocked SendRequest returns
-// kHttpRequestClosed within milliseconds) and every later step of that request fails,
-// until the thread that opened the request closes it.
+// request runs there, it aborts the transfer in whatever phase it is (resolving,
+// connecting, TLS handshake, sending, waiting for or receiving the reply: the blocked
+// SendRequest returns kHttpRequestClosed within milliseconds), and a send of that request
+// that has not started yet fails the same way, until the thread that opened the request
+// closes it. A reply received before the close stays readable.
 #pragma once
 
 #include <cstdint>
@@ -76,7 +79,7 @@ constexpr long kHttpInvalidState = PwResult(0xFE450003);  // no request open, or
 constexpr long kHttpBadUrl = PwResult(0xFE450004);        // malformed or not allowed
 constexpr long kHttpResolveFailed = PwResult(0xFE450010);
 constexpr long kHttpConnectFailed = PwResult(0xFE450011);
-constexpr long kHttpTimedOut = PwResult(0xFE450012);  // connect time or low-speed guard
+constexpr long kHttpTimedOut = PwResult(0xFE450012);  // a time limit or the low-speed guard
 constexpr long kHttpSendFailed = PwResult(0xFE450013);
 constexpr long kHttpReceiveFailed = PwResult(0xFE450014);   // also: connection closed early
 constexpr long kHttpStatusNotOk = PwResult(0xFE450015);     // status word = the HTTP status
@@ -115,8 +118,10 @@ public:
 
     // Starts a request for `url` (absolute, or relative to the server URL). The connection
     // must be made within `connectTimeoutSeconds` (0: libcurl's default), the whole
-    // request within `requestTimeoutSeconds` (0: no limit; the low-speed guard still
-    // applies). kHttpInvalidState if a request is open, kHttpBadUrl for a bad URL.
+    // request within `requestTimeoutSeconds` (0: no limit of its own) and never later than
+    // the host's request_timeout; past either, SendRequest fails with kHttpTimedOut. The
+    // low-speed guard applies as well. kHttpInvalidState if a request is open, kHttpBadUrl
+    // for a bad URL.
     virtual long OpenRequest(const std::string& url, unsigned int connectTimeoutSeconds,
                              unsigned int requestTimeoutSeconds, HTTP_REQUEST_METHOD method);
     // Ends the request (see the thread rules above). No-op without an open request.

@@ -16,6 +16,7 @@
 
 #include "HostTestControl.h"
 #include "ResultCodes.h"
+#include "UniqueFd.h"
 
 namespace {
 
@@ -23,7 +24,7 @@ struct LogState {
     std::mutex mutex;
     unsigned int sinks = CAppLog::SinkSyslog;
     std::string filePath;
-    int fileFd = -1;
+    pwhost::UniqueFd fileFd;
     bool syslogOpen = false;
     std::vector<pwtest::LogRecord> captured;
 };
@@ -135,8 +136,8 @@ void Emit(pwtest::LogRecord&& record) {
         if (state.sinks & CAppLog::SinkStderr) {
             WriteAll(STDERR_FILENO, line);
         }
-        if ((state.sinks & CAppLog::SinkFile) && state.fileFd >= 0) {
-            WriteAll(state.fileFd, line);
+        if ((state.sinks & CAppLog::SinkFile) && state.fileFd.Valid()) {
+            WriteAll(state.fileFd.Get(), line);
         }
     }
     if (state.sinks & CAppLog::SinkCapture) {
@@ -230,8 +231,9 @@ void OpenLogFile(LogState& state) {
     if (state.filePath.empty()) {
         return;
     }
-    state.fileFd = open(state.filePath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (state.fileFd < 0) {
+    state.fileFd.Reset(
+        open(state.filePath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
+    if (!state.fileFd.Valid()) {
         std::string line =
             "E host/AppLog: cannot open log file " + state.filePath + ": " + strerror(errno) + "\n";
         WriteAll(STDERR_FILENO, line);
@@ -243,12 +245,11 @@ void OpenLogFile(LogState& state) {
 void CAppLog::ConfigureSinks(unsigned int sinks, const std::string& filePath) {
     LogState& state = State();
     std::lock_guard<std::mutex> lock(state.mutex);
-    if (state.fileFd >= 0 && (filePath != state.filePath || !(sinks & SinkFile))) {
-        close(state.fileFd);
-        state.fileFd = -1;
+    if (state.fileFd.Valid() && (filePath != state.filePath || !(sinks & SinkFile))) {
+        state.fileFd.Reset();
     }
     state.filePath = filePath;
-    if ((sinks & SinkFile) && state.fileFd < 0) {
+    if ((sinks & SinkFile) && !state.fileFd.Valid()) {
         OpenLogFile(state);
     }
     state.sinks = sinks;
@@ -260,10 +261,7 @@ void CAppLog::ReopenLogFile() {
     if (!(state.sinks & SinkFile)) {
         return;
     }
-    if (state.fileFd >= 0) {
-        close(state.fileFd);
-        state.fileFd = -1;
-    }
+    state.fileFd.Reset();
     OpenLogFile(state);
 }
 

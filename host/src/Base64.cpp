@@ -41,8 +41,7 @@ size_t EncodeBlock(const unsigned char* in, size_t length, char* out) {
 long lBase64::Encode(std::istream& in, std::ostream& out, int sizeHint) {
     (void)sizeHint;  // streams grow as they are written
     if (in.fail()) {
-        PWHOST_LOG(CAppLog::Error, "input stream not readable");
-        return pwresult::kFailure;
+        return PWHOST_REFUSE(pwresult::kFailure, "input stream not readable");
     }
     unsigned char input[3 * kBlockTriples];
     char output[4 * kBlockTriples];

@@ -115,8 +115,8 @@ CCertHelper::CCertHelper(long& result, unsigned int storeMask, const std::string
             result = pwresult::kCertStoreLoadFailed;
         }
     } else {
-        PWHOST_LOG(CAppLog::Error, "no trust anchors allowed (store mask 0x%x)", storeMask);
-        result = pwresult::kCertStoreLoadFailed;
+        result = PWHOST_REFUSE(pwresult::kCertStoreLoadFailed,
+                               "no trust anchors allowed (store mask 0x%x)", storeMask);
     }
 }
 
@@ -133,8 +133,8 @@ long CCertHelper::VerifyServerCertificate(const x509_store_ctx_st* peerChain,
     certificateText.clear();
     X509* leaf = peerChain != nullptr ? X509_STORE_CTX_get0_cert(peerChain) : nullptr;
     if (leaf == nullptr || serverName == nullptr || *serverName == '\0' || !m_pAnchors->store) {
-        PWHOST_LOG(CAppLog::Error, "no certificate, no server name or no trust anchors");
-        return pwresult::kCertInvalidArgument;
+        return PWHOST_REFUSE(pwresult::kCertInvalidArgument,
+                             "no certificate, no server name or no trust anchors");
     }
     const long internal = pwresult::kCertInternalError;
 
@@ -205,8 +205,8 @@ long CCertHelper::VerifyServerCertificate(const x509_store_ctx_st* peerChain,
     }
     verifyError = static_cast<unsigned int>(error);
     long verdict = VerdictOf(error);
-    CAppLog::LogReturnCode(__func__, kLogSource, __LINE__, CAppLog::Information, "X509_verify_cert",
-                           verdict, "certificate for %s not trusted (user \"%s\"): %s", serverName,
-                           m_userName.c_str(), X509_verify_cert_error_string(error));
+    PWHOST_LOG_RESULT(CAppLog::Information, "X509_verify_cert", verdict,
+                      "certificate for %s not trusted (user \"%s\"): %s", serverName,
+                      m_userName.c_str(), X509_verify_cert_error_string(error));
     return verdict;
 }

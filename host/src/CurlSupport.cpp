@@ -20,24 +20,17 @@ bool CurlGlobalInit() {
     static std::once_flag once;
     static CURLcode rc = CURLE_OK;
     std::call_once(once, []() {
-        rc = curl_global_init(CURL_GLOBAL_DEFAULT);
-        if (rc != CURLE_OK) {
-            LogCurlFailure(__func__, kLogSource, __LINE__, "curl_global_init",
-                           pwresult::kHttpInitFailed, rc);
-        }
+        (void)PWHOST_CURL_OK(rc = curl_global_init(CURL_GLOBAL_DEFAULT), pwresult::kHttpInitFailed);
     });
     return rc == CURLE_OK;
 }
 
-void LogCurlFailure(const char* function, const char* source, int line, const char* call, long code,
-                    CURLcode curlCode) {
-    CAppLog::LogReturnCode(function, source, line, CAppLog::Error, call, code,
-                           "libcurl error %d: %s", static_cast<int>(curlCode),
-                           curl_easy_strerror(curlCode));
+void LogCurlFailure(const FailedCall& failed, int rc, const char* text) {
+    CAppLog::LogReturnCode(failed.function, failed.source, failed.line, failed.importance,
+                           failed.call, failed.code, "libcurl error %d: %s", rc, text);
 }
 
-void LogOpenSslFailure(const char* function, const char* source, int line, const char* call,
-                       long code) {
+void LogOpenSslFailure(const FailedCall& failed) {
     std::string text;
     unsigned long error;
     while ((error = ERR_get_error()) != 0) {
@@ -48,17 +41,14 @@ void LogOpenSslFailure(const char* function, const char* source, int line, const
         }
         text += buffer;
     }
-    CAppLog::LogReturnCode(function, source, line, CAppLog::Error, call, code, "%s",
+    CAppLog::LogReturnCode(failed.function, failed.source, failed.line, failed.importance,
+                           failed.call, failed.code, "%s",
                            text.empty() ? "no OpenSSL error queued" : text.c_str());
 }
 
 void CurlMultiDeleter::operator()(CURLM* handle) const {
-    CURLMcode rc = curl_multi_cleanup(handle);
-    if (rc != CURLM_OK) {
-        CAppLog::LogReturnCode(__func__, kLogSource, __LINE__, CAppLog::Warning,
-                               "curl_multi_cleanup", pwresult::kHttpTransferFailed, "%s",
-                               curl_multi_strerror(rc));
-    }
+    (void)PWHOST_CURL_CHECK(CAppLog::Warning, curl_multi_cleanup(handle),
+                            pwresult::kHttpTransferFailed);
 }
 
 bool SlistAppend(CurlSlistPtr& list, const std::string& line) {
@@ -115,9 +105,8 @@ std::shared_ptr<CurlShare> CurlShare::Create(bool connections) {
                 break;
         }
         if (rc != CURLSHE_OK) {
-            CAppLog::LogReturnCode(__func__, kLogSource, __LINE__, CAppLog::Error,
-                                   "curl_share_setopt", pwresult::kHttpInitFailed, "%s: %s",
-                                   option.name, curl_share_strerror(rc));
+            PWHOST_LOG_RESULT(CAppLog::Error, "curl_share_setopt", pwresult::kHttpInitFailed,
+                              "%s: %s", option.name, curl_share_strerror(rc));
             return nullptr;
         }
     }
@@ -125,14 +114,10 @@ std::shared_ptr<CurlShare> CurlShare::Create(bool connections) {
 }
 
 CurlShare::~CurlShare() {
+    // Still in use by a handle, the share is left alone rather than memory in use freed.
     if (m_handle != nullptr) {
-        CURLSHcode rc = curl_share_cleanup(m_handle);
-        if (rc != CURLSHE_OK) {
-            // Still in use by a handle: leak it rather than free memory in use.
-            CAppLog::LogReturnCode(__func__, kLogSource, __LINE__, CAppLog::Warning,
-                                   "curl_share_cleanup", pwresult::kHttpTransferFailed, "%s",
-                                   curl_share_strerror(rc));
-        }
+        (void)PWHOST_CURL_CHECK(CAppLog::Warning, curl_share_cleanup(m_handle),
+                                pwresult::kHttpTransferFailed);
     }
 }
 

@@ -1,6 +1,7 @@
-// Framework-internal support of the HTTPS client: result checks of libcurl and OpenSSL
-// calls that log the failing line, owners of their handles, and the shared caches.
-// A source file defines `kLogSource` before using the macros.
+// Framework-internal support of the HTTPS client: the checked-call macros for libcurl and
+// OpenSSL (part of the framework's logging macros, see HostLogInternal.h), owners of their
+// handles, and the shared caches. A source file defines `kLogSource` before using the
+// macros.
 #pragma once
 
 #include <curl/curl.h>
@@ -12,6 +13,7 @@
 #include <string>
 
 #include "AppLog.h"
+#include "HostLogInternal.h"
 
 namespace pwhost {
 
@@ -19,13 +21,20 @@ namespace pwhost {
 // sessions may live until exit).
 bool CurlGlobalInit();
 
-// Logs a failed libcurl easy call: the call's text, the code handed to our caller and
-// libcurl's message.
-void LogCurlFailure(const char* function, const char* source, int line, const char* call, long code,
-                    CURLcode curlCode);
+// Where a checked call failed: the caller's function, source and line, the importance of
+// the record, the call's text and the code handed to our caller.
+struct FailedCall {
+    const char* function;
+    const char* source;
+    int line;
+    int importance;
+    const char* call;
+    long code;
+};
+// Log a failed libcurl call with libcurl's number and text for `rc`.
+void LogCurlFailure(const FailedCall& failed, int rc, const char* text);
 // Logs a failed OpenSSL call with the text of OpenSSL's error queue, which it empties.
-void LogOpenSslFailure(const char* function, const char* source, int line, const char* call,
-                       long code);
+void LogOpenSslFailure(const FailedCall& failed);
 
 struct CurlEasyDeleter {
     void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
@@ -89,40 +98,51 @@ private:
 
 }  // namespace pwhost
 
-// Evaluates a libcurl easy call returning CURLcode; true on success, otherwise logs the
-// line with `code` (the result our caller gets) and evaluates to false.
-#define PWHOST_CURL_OK(call, code) \
-    ::pwhost::CurlSucceeded((call), #call, code, __func__, kLogSource, __LINE__)
+// Evaluates a libcurl call (easy, multi or share interface); true on success, otherwise
+// logs the line at `importance` with `code` (the result our caller gets) and libcurl's
+// text, and evaluates to false. PWHOST_CURL_OK logs at error importance.
+#define PWHOST_CURL_CHECK(importance, call, code) \
+    ::pwhost::CurlSucceeded((call), {__func__, kLogSource, __LINE__, importance, #call, code})
+#define PWHOST_CURL_OK(call, code) PWHOST_CURL_CHECK(CAppLog::Error, call, code)
 
 // Evaluates an OpenSSL call whose success is a positive int or a non-null pointer; true on
 // success, otherwise logs the line with `code` and OpenSSL's error text and evaluates to
 // false.
 #define PWHOST_SSL_OK(call, code) \
-    ::pwhost::SslSucceeded((call), #call, code, __func__, kLogSource, __LINE__)
+    ::pwhost::SslSucceeded((call), {__func__, kLogSource, __LINE__, CAppLog::Error, #call, code})
 
 namespace pwhost {
 
-inline bool CurlSucceeded(CURLcode rc, const char* call, long code, const char* function,
-                          const char* source, int line) {
-    if (rc == CURLE_OK) {
-        return true;
+inline bool CurlSucceeded(CURLcode rc, const FailedCall& failed) {
+    if (rc != CURLE_OK) {
+        LogCurlFailure(failed, rc, curl_easy_strerror(rc));
     }
-    LogCurlFailure(function, source, line, call, code, rc);
-    return false;
+    return rc == CURLE_OK;
 }
 
-inline bool SslSucceeded(int rc, const char* call, long code, const char* function,
-                         const char* source, int line) {
-    if (rc > 0) {
-        return true;
+inline bool CurlSucceeded(CURLMcode rc, const FailedCall& failed) {
+    if (rc != CURLM_OK) {
+        LogCurlFailure(failed, rc, curl_multi_strerror(rc));
     }
-    LogOpenSslFailure(function, source, line, call, code);
-    return false;
+    return rc == CURLM_OK;
 }
 
-inline bool SslSucceeded(const void* pointer, const char* call, long code, const char* function,
-                         const char* source, int line) {
-    return SslSucceeded(pointer != nullptr ? 1 : 0, call, code, function, source, line);
+inline bool CurlSucceeded(CURLSHcode rc, const FailedCall& failed) {
+    if (rc != CURLSHE_OK) {
+        LogCurlFailure(failed, rc, curl_share_strerror(rc));
+    }
+    return rc == CURLSHE_OK;
+}
+
+inline bool SslSucceeded(int rc, const FailedCall& failed) {
+    if (rc <= 0) {
+        LogOpenSslFailure(failed);
+    }
+    return rc > 0;
+}
+
+inline bool SslSucceeded(const void* pointer, const FailedCall& failed) {
+    return SslSucceeded(pointer != nullptr ? 1 : 0, failed);
 }
 
 }  // namespace pwhost

@@ -16,6 +16,7 @@
 #include "HostLogInternal.h"
 #include "HostTestControl.h"
 #include "ResultCodes.h"
+#include "UniqueFd.h"
 
 namespace {
 
@@ -82,7 +83,8 @@ CEventList::~CEventList() {
 
 long CEventList::AddEventChecked(CCEvent* event) {
     if (event == nullptr || event->GetFd() < 0) {
-        return pwresult::kInvalidArgument;
+        return PWHOST_REFUSE(pwresult::kInvalidArgument,
+                             "no event, or an event without descriptor");
     }
     std::lock_guard<std::mutex> lock(m_mutex);
     if (std::find(m_events.begin(), m_events.end(), event) != m_events.end()) {
@@ -122,12 +124,14 @@ void CEventList::RemoveEvent(CCEvent* event) {
 
 long CEventList::AddWatcher(int fd, ReadyCallback callback) {
     if (fd < 0 || !callback) {
-        return pwresult::kInvalidArgument;
+        return PWHOST_REFUSE(pwresult::kInvalidArgument,
+                             "watcher %d without descriptor or callback", fd);
     }
     std::lock_guard<std::mutex> lock(m_mutex);
     for (const Watcher& watcher : m_watchers) {
         if (watcher.fd == fd) {
-            return pwresult::kInvalidArgument;
+            return PWHOST_REFUSE(pwresult::kInvalidArgument, "descriptor %d is watched already",
+                                 fd);
         }
     }
     if (m_epollFd < 0) {
@@ -283,27 +287,28 @@ CCEvent::CCEvent(long& result, CEventList* list, EVENT_TYPE type, IEventCB* call
         return;
     }
     if ((type != AUTO_RESET && type != MANUAL_RESET) || handleType != HANDLE_EVENTFD) {
-        result = pwresult::kInvalidArgument;
-        PWHOST_LOG(CAppLog::Error, "event %lu: unsupported type %d or handle type %d", eventId,
-                   static_cast<int>(type), static_cast<int>(handleType));
+        result = PWHOST_REFUSE(pwresult::kInvalidArgument,
+                               "event %lu: unsupported type %d or handle type %d", eventId,
+                               static_cast<int>(type), static_cast<int>(handleType));
         return;
     }
-    m_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (m_fd < 0) {
+    pwhost::UniqueFd fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!fd.Valid()) {
         result = pwresult::kOutOfResources;
         PWHOST_LOG_ERRNO("eventfd", result, errno);
         return;
     }
+    m_fd = fd.Get();
     if (list != nullptr) {
         long added = list->AddEventChecked(this);
         if (added != pwresult::kSuccess) {
-            close(m_fd);
-            m_fd = -1;
+            m_fd = -1;  // closed with `fd`
             result = added;
             return;
         }
         m_pList = list;
     }
+    fd.Release();  // the event owns it now
     result = pwresult::kSuccess;
 }
 

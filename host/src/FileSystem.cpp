@@ -7,10 +7,12 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <vector>
 
 #include "HostLogInternal.h"
 #include "HostTestControl.h"
 #include "ResultCodes.h"
+#include "UniqueFd.h"
 
 namespace {
 
@@ -21,23 +23,17 @@ bool IsDirectory(const std::string& path) {
     return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-// Makes one directory whose parent exists. true when it exists as a directory afterwards.
-bool MakeOne(const std::string& path) {
+// Makes one directory whose parent exists: 0 when it exists as a directory afterwards,
+// otherwise the errno value that tells why not.
+int MakeOne(const std::string& path) {
     if (mkdir(path.c_str(), 0755) == 0) {
-        return true;
+        return 0;
     }
     int error = errno;
     if (error == EEXIST) {
-        if (IsDirectory(path)) {
-            return true;
-        }
-        error = ENOTDIR;
+        error = IsDirectory(path) ? 0 : ENOTDIR;
     }
-    CAppLog::LogReturnCode("MakeSureDirectoryPathExists", kLogSource, __LINE__, CAppLog::Error,
-                           "mkdir", pwresult::kFailure, "%s: %s", path.c_str(),
-                           pwhost::ErrnoText(error).c_str());
-    errno = error;  // tells the caller why
-    return false;
+    return error;
 }
 
 }  // namespace
@@ -49,6 +45,7 @@ int MakeSureDirectoryPathExists(const char* path) {
         return 0;
     }
     if (path == nullptr || *path == '\0') {
+        (void)PWHOST_REFUSE(0, "no path to create");
         errno = EINVAL;
         return 0;
     }
@@ -56,37 +53,43 @@ int MakeSureDirectoryPathExists(const char* path) {
     if (IsDirectory(full)) {
         return 1;
     }
-    // Each prefix ending before a "/" is a parent; the whole path is the last component.
+    // Each prefix ending before a "/" is a parent ("a//b": the empty component adds
+    // nothing); the whole path is the last component.
+    std::vector<std::string> steps;
     for (size_t slash = full.find('/', 1); slash != std::string::npos;
          slash = full.find('/', slash + 1)) {
-        if (full[slash - 1] == '/') {
-            continue;  // "a//b": the empty component adds nothing
-        }
-        if (!MakeOne(full.substr(0, slash))) {
-            return 0;
+        if (full[slash - 1] != '/') {
+            steps.push_back(full.substr(0, slash));
         }
     }
-    if (full.back() != '/' && !MakeOne(full)) {
-        return 0;
+    if (full.back() != '/') {
+        steps.push_back(full);
+    }
+    for (const std::string& step : steps) {
+        int error = MakeOne(step);
+        if (error != 0) {
+            PWHOST_LOG_ERRNO_ON("mkdir", pwresult::kFailure, error, step);
+            errno = error;  // tells the caller why
+            return 0;
+        }
     }
     return 1;
 }
 
 Directory::Directory(long& result, const std::string& path) : m_pDir(nullptr) {
-    int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) {
+    pwhost::UniqueFd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd.Valid()) {
         result = pwresult::kDirectoryError;
-        PWHOST_LOG_ERRNO("open", result, errno);
+        PWHOST_LOG_ERRNO_ON("open", result, errno, path);
         return;
     }
-    DIR* dir = fdopendir(fd);  // owns fd from here on
+    DIR* dir = fdopendir(fd.Get());
     if (dir == nullptr) {
-        int error = errno;
-        close(fd);
         result = pwresult::kDirectoryError;
-        PWHOST_LOG_ERRNO("fdopendir", result, error);
+        PWHOST_LOG_ERRNO_ON("fdopendir", result, errno, path);
         return;
     }
+    fd.Release();  // the stream owns it now
     m_pDir = dir;
     result = pwresult::kSuccess;
 }

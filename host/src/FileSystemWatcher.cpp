@@ -30,7 +30,7 @@ CFileSystemWatcher::CFileSystemWatcher(long& result, CExecutionContext::INSTANCE
       m_pExecutionContext(nullptr),
       m_mask(mask) {
     if (callback == nullptr) {
-        result = pwresult::kNullCallback;
+        result = PWHOST_REFUSE(pwresult::kNullCallback, "no callback for %s", directory.c_str());
         return;
     }
     m_pExecutionContext = CExecutionContext::AcquireForWatcher(contextId, this);
@@ -51,10 +51,7 @@ CFileSystemWatcher::CFileSystemWatcher(long& result, CExecutionContext::INSTANCE
                              mask | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR);
     if (m_wd < 0) {
         result = pwresult::kWatcherError;
-        int error = errno;
-        CAppLog::LogReturnCode(__func__, kLogSource, __LINE__, CAppLog::Error, "inotify_add_watch",
-                               result, "%s: %s", directory.c_str(),
-                               pwhost::ErrnoText(error).c_str());
+        PWHOST_LOG_ERRNO_ON("inotify_add_watch", result, errno, directory);
         Release();
         return;
     }

@@ -1,6 +1,16 @@
-// Framework-internal logging helpers: every failure the framework sees is logged once, on
-// the line that saw it, with the unqualified function name and this file's source name.
-// A source file defines `kLogSource` before using the macros.
+// Framework-internal logging: the one set of macros through which every host source logs.
+// Each failure is logged once, on the line that saw it, with the unqualified function name
+// and the source's name; a source file defines `kLogSource` before using the macros.
+//
+//   PWHOST_LOG(importance, format, ...)            a message
+//   PWHOST_LOG_RESULT(importance, call, code, format, ...)
+//                                                  a failed call and the code handed on
+//   PWHOST_LOG_ERRNO(call, code, errnum)           a failed system call and its errno text
+//   PWHOST_LOG_ERRNO_ON(call, code, errnum, what)  the same, naming the object it failed on
+//   PWHOST_REFUSE(code, format, ...)               a refused argument: logged as an error,
+//                                                  evaluates to `code` for the caller to return
+//   PWHOST_CURL_OK / PWHOST_CURL_CHECK / PWHOST_SSL_OK (CurlSupport.h)
+//                                                  checked libcurl and OpenSSL calls
 #pragma once
 
 #include <cerrno>
@@ -22,8 +32,14 @@ inline std::string ErrnoText(int errnum) {
 #define PWHOST_LOG(importance, ...) \
     CAppLog::LogDebugMessage(__func__, kLogSource, __LINE__, importance, __VA_ARGS__)
 
-// A failed system or library call: its name, the result code handed to our caller, and
-// the errno text of the failure.
-#define PWHOST_LOG_ERRNO(call, code, errnum)                                                 \
-    CAppLog::LogReturnCode(__func__, kLogSource, __LINE__, CAppLog::Error, call, code, "%s", \
-                           ::pwhost::ErrnoText(errnum).c_str())
+#define PWHOST_LOG_RESULT(importance, call, code, ...) \
+    CAppLog::LogReturnCode(__func__, kLogSource, __LINE__, importance, call, code, __VA_ARGS__)
+
+#define PWHOST_LOG_ERRNO(call, code, errnum) \
+    PWHOST_LOG_RESULT(CAppLog::Error, call, code, "%s", ::pwhost::ErrnoText(errnum).c_str())
+
+#define PWHOST_LOG_ERRNO_ON(call, code, errnum, what)                                  \
+    PWHOST_LOG_RESULT(CAppLog::Error, call, code, "%s: %s", std::string(what).c_str(), \
+                      ::pwhost::ErrnoText(errnum).c_str())
+
+#define PWHOST_REFUSE(code, ...) (PWHOST_LOG(CAppLog::Error, __VA_ARGS__), (code))

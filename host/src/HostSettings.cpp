@@ -74,22 +74,28 @@ bool IsPort(const std::string& text) {
     return port >= 1 && port <= 65535;
 }
 
-// HOST:PORT:ADDR:PORT; ADDR may be a bracketed IPv6 address, which holds colons itself.
+// HOST:PORT:ADDR:PORT[,...]; ADDR may be a bracketed IPv6 address, which holds colons
+// itself.
 bool IsConnectTo(const std::string& value) {
-    size_t hostEnd = value.find(':');
-    if (hostEnd == std::string::npos || hostEnd == 0) {
-        return false;
+    std::vector<std::string> mappings = pwhost::ConnectToMappings(value);
+    for (const std::string& mapping : mappings) {
+        size_t hostEnd = mapping.find(':');
+        if (hostEnd == std::string::npos || hostEnd == 0) {
+            return false;
+        }
+        size_t portEnd = mapping.find(':', hostEnd + 1);
+        size_t lastColon = mapping.rfind(':');
+        if (portEnd == std::string::npos || lastColon <= portEnd + 1 ||
+            !IsPort(mapping.substr(hostEnd + 1, portEnd - hostEnd - 1)) ||
+            !IsPort(mapping.substr(lastColon + 1))) {
+            return false;
+        }
     }
-    size_t portEnd = value.find(':', hostEnd + 1);
-    size_t lastColon = value.rfind(':');
-    if (portEnd == std::string::npos || lastColon <= portEnd + 1) {
-        return false;
-    }
-    return IsPort(value.substr(hostEnd + 1, portEnd - hostEnd - 1)) &&
-           IsPort(value.substr(lastColon + 1));
+    return !mappings.empty();
 }
 
-bool ParseScale(const std::string& value, double& scale) {
+// A positive finite decimal number.
+bool ParsePositive(const std::string& value, double& number) {
     if (value.empty()) {
         return false;
     }
@@ -99,7 +105,17 @@ bool ParseScale(const std::string& value, double& scale) {
     if (errno != 0 || *end != '\0' || !std::isfinite(parsed) || !(parsed > 0.0)) {
         return false;
     }
-    scale = parsed;
+    number = parsed;
+    return true;
+}
+
+// Seconds, 0.001 to 86400, into milliseconds.
+bool ParseRequestTimeout(const std::string& value, unsigned int& milliseconds) {
+    double seconds = 0;
+    if (!ParsePositive(value, seconds) || seconds < 0.001 || seconds > 86400.0) {
+        return false;
+    }
+    milliseconds = static_cast<unsigned int>(std::lround(seconds * 1000.0));
     return true;
 }
 
@@ -152,7 +168,10 @@ bool ApplyKey(const std::string& key, const std::string& value, pwhost::HostSett
         return true;
     }
     if (key == "time_scale") {
-        return ParseScale(value, settings.timeScale);
+        return ParsePositive(value, settings.timeScale);
+    }
+    if (key == "request_timeout") {
+        return ParseRequestTimeout(value, settings.requestTimeoutMs);
     }
     if (key == "clock_start") {
         return ParseClockStart(value, settings.clockStart);
@@ -168,19 +187,13 @@ namespace pwhost {
 bool LoadHostSettings(const std::string& path, HostSettings& settings) {
     UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!fd.Valid()) {
-        int error = errno;
-        CAppLog::LogReturnCode(__func__, kLogSource, __LINE__, CAppLog::Error, "open",
-                               pwresult::kFailure, "%s: %s", path.c_str(),
-                               ErrnoText(error).c_str());
+        PWHOST_LOG_ERRNO_ON("open", pwresult::kFailure, errno, path);
         return false;
     }
     std::string content;
     int read = ReadAll(fd.Get(), content, kMaxSettingsBytes);
     if (read < 0) {
-        int error = errno;
-        CAppLog::LogReturnCode(__func__, kLogSource, __LINE__, CAppLog::Error, "read",
-                               pwresult::kFailure, "%s: %s", path.c_str(),
-                               ErrnoText(error).c_str());
+        PWHOST_LOG_ERRNO_ON("read", pwresult::kFailure, errno, path);
         return false;
     }
     if (read > 0) {
@@ -241,6 +254,22 @@ HostSettings CurrentHostSettings() {
     AppliedSettings& applied = Applied();
     std::lock_guard<std::mutex> lock(applied.mutex);
     return applied.settings;
+}
+
+std::vector<std::string> ConnectToMappings(const std::string& connectTo) {
+    std::vector<std::string> mappings;
+    size_t start = 0;
+    while (start < connectTo.size()) {
+        size_t comma = connectTo.find(',', start);
+        if (comma == std::string::npos) {
+            comma = connectTo.size();
+        }
+        if (comma > start) {
+            mappings.push_back(connectTo.substr(start, comma - start));
+        }
+        start = comma + 1;
+    }
+    return mappings;
 }
 
 }  // namespace pwhost

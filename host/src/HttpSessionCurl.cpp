@@ -146,6 +146,7 @@ struct CHttpSessionCurl::Impl {
     HTTP_PROGRESS_CB progressCallback = nullptr;
     void* progressContext = nullptr;
     std::string connectionPolicy;  // key of the thread's connection share; empty: DNS only
+    unsigned int deadlineMs = 0;   // the host's request_timeout: no request lasts longer
 
     // libcurl handles. The share is declared first so that it outlives the easy handle.
     std::shared_ptr<pwhost::CurlShare> share;
@@ -174,9 +175,25 @@ struct CHttpSessionCurl::Impl {
     std::atomic<bool> closing{false};
     std::atomic<std::thread::id> ownerThread{std::this_thread::get_id()};
 
+    // Construction steps.
+    long CheckArguments() const;
+    long UseHostSettings(const pwhost::HostSettings& settings);
+    long CreateHandles();
     long Configure();
+    long SetClientCertificate(const std::string& certFile, const std::string& keyFile,
+                              const std::string& keyPassword);
+
+    // Steps of SendRequest.
+    long CheckSendArguments(unsigned int bodyKind, const char* data, unsigned int length,
+                            unsigned int sendFlags) const;
+    void StartReply();
+    long SetTransferOptions(unsigned int bodyKind, const char* data, unsigned int length,
+                            pwhost::CurlSlistPtr& headerList);
     long ApplyShare();
     long Perform(CURLcode& curlResult, bool& cancelled);
+    void ClearTransferOptions();
+    long TransferOutcome(CURLcode curlResult, bool cancelled, unsigned int& httpStatus);
+    long RequestDeadlineMs() const;
     void EndRequest();
 
     static size_t OnWrite(char* data, size_t size, size_t count, void* self);
@@ -304,12 +321,9 @@ long CHttpSessionCurl::Impl::ApplyShare() {
 long CHttpSessionCurl::Impl::Perform(CURLcode& curlResult, bool& cancelled) {
     curlResult = CURLE_OK;
     cancelled = false;
-    CURLMcode mc = curl_multi_add_handle(multi.get(), easy.get());
-    if (mc != CURLM_OK) {
-        CAppLog::LogReturnCode(__func__, kLogSource, __LINE__, CAppLog::Error,
-                               "curl_multi_add_handle", pwresult::kHttpTransferFailed, "%s",
-                               curl_multi_strerror(mc));
-        return pwresult::kHttpTransferFailed;
+    const long fail = pwresult::kHttpTransferFailed;
+    if (!PWHOST_CURL_OK(curl_multi_add_handle(multi.get(), easy.get()), fail)) {
+        return fail;
     }
     long rc = 0;
     bool done = false;
@@ -319,12 +333,8 @@ long CHttpSessionCurl::Impl::Perform(CURLcode& curlResult, bool& cancelled) {
             break;
         }
         int running = 0;
-        mc = curl_multi_perform(multi.get(), &running);
-        if (mc != CURLM_OK) {
-            CAppLog::LogReturnCode(__func__, kLogSource, __LINE__, CAppLog::Error,
-                                   "curl_multi_perform", pwresult::kHttpTransferFailed, "%s",
-                                   curl_multi_strerror(mc));
-            rc = pwresult::kHttpTransferFailed;
+        if (!PWHOST_CURL_OK(curl_multi_perform(multi.get(), &running), fail)) {
+            rc = fail;
             break;
         }
         int queued = 0;
@@ -337,22 +347,16 @@ long CHttpSessionCurl::Impl::Perform(CURLcode& curlResult, bool& cancelled) {
         if (done) {
             break;
         }
-        // Returns early on socket activity, on libcurl's own timers and on CloseRequest.
-        mc = curl_multi_poll(multi.get(), nullptr, 0, 1000, nullptr);
-        if (mc != CURLM_OK) {
-            CAppLog::LogReturnCode(__func__, kLogSource, __LINE__, CAppLog::Error,
-                                   "curl_multi_poll", pwresult::kHttpTransferFailed, "%s",
-                                   curl_multi_strerror(mc));
-            rc = pwresult::kHttpTransferFailed;
+        // Returns early on socket activity, on libcurl's own timers (among them the request
+        // deadline) and on CloseRequest's wake-up, so a close is seen within milliseconds
+        // in every phase: resolving, connecting, handshake, sending, waiting, receiving.
+        if (!PWHOST_CURL_OK(curl_multi_poll(multi.get(), nullptr, 0, 1000, nullptr), fail)) {
+            rc = fail;
             break;
         }
     }
-    mc = curl_multi_remove_handle(multi.get(), easy.get());
-    if (mc != CURLM_OK) {
-        CAppLog::LogReturnCode(__func__, kLogSource, __LINE__, CAppLog::Warning,
-                               "curl_multi_remove_handle", pwresult::kHttpTransferFailed, "%s",
-                               curl_multi_strerror(mc));
-    }
+    (void)PWHOST_CURL_CHECK(CAppLog::Warning, curl_multi_remove_handle(multi.get(), easy.get()),
+                            fail);
     return rc;
 }
 
@@ -369,6 +373,72 @@ void CHttpSessionCurl::Impl::EndRequest() {
     certVerdict = 0;
     progressAborted = false;
     closing.store(false);
+}
+
+long CHttpSessionCurl::Impl::CheckArguments() const {
+    if (replyCapacity == 0) {
+        return PWHOST_REFUSE(pwresult::kHttpInvalidArgument,
+                             "reply capacity must be at least 1 byte");
+    }
+    for (const std::string& line : extraHeaders) {
+        if (!IsHeaderLine(line)) {
+            return PWHOST_REFUSE(pwresult::kHttpInvalidArgument,
+                                 "extra header is not a \"Name: value\" line: %s", line.c_str());
+        }
+    }
+    if (!serverUrl.empty()) {
+        pwhost::CurlUrlPtr parsed(curl_url());
+        if (!parsed ||
+            curl_url_set(parsed.get(), CURLUPART_URL, serverUrl.c_str(), 0) != CURLUE_OK) {
+            return PWHOST_REFUSE(pwresult::kHttpInvalidArgument, "server URL cannot be parsed: %s",
+                                 serverUrl.c_str());
+        }
+    }
+    return 0;
+}
+
+// Routing, connection sharing and the request deadline from the host settings.
+long CHttpSessionCurl::Impl::UseHostSettings(const pwhost::HostSettings& settings) {
+    for (const std::string& mapping : pwhost::ConnectToMappings(settings.connectTo)) {
+        if (!pwhost::SlistAppend(connectTo, mapping)) {
+            return pwresult::kHttpInitFailed;
+        }
+    }
+    // Kept-alive connections and TLS sessions are reused only under the same trust rule.
+    if (trustMode == HTTP_CERT_TRUST_STRICT) {
+        char callback[2 * sizeof(void*) + 3];
+        snprintf(callback, sizeof callback, "%p",
+                 reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(certCallback)));
+        connectionPolicy = std::string("strict|") + callback + "|" + settings.caFile;
+    }
+    deadlineMs = settings.requestTimeoutMs;
+    return 0;
+}
+
+long CHttpSessionCurl::Impl::CreateHandles() {
+    multi.reset(curl_multi_init());
+    easy.reset(curl_easy_init());
+    if (!multi || !easy) {
+        PWHOST_LOG(CAppLog::Error, "curl_multi_init or curl_easy_init failed");
+        return pwresult::kHttpInitFailed;
+    }
+    return Configure();
+}
+
+long CHttpSessionCurl::Impl::SetClientCertificate(const std::string& certFile,
+                                                  const std::string& keyFile,
+                                                  const std::string& keyPassword) {
+    const long fail = pwresult::kHttpInitFailed;
+    CURL* e = easy.get();
+    if ((!certFile.empty() &&
+         !PWHOST_CURL_OK(curl_easy_setopt(e, CURLOPT_SSLCERT, certFile.c_str()), fail)) ||
+        (!keyFile.empty() &&
+         !PWHOST_CURL_OK(curl_easy_setopt(e, CURLOPT_SSLKEY, keyFile.c_str()), fail)) ||
+        (!keyPassword.empty() &&
+         !PWHOST_CURL_OK(curl_easy_setopt(e, CURLOPT_KEYPASSWD, keyPassword.c_str()), fail))) {
+        return fail;
+    }
+    return 0;
 }
 
 CHttpSessionCurl::CHttpSessionCurl(
@@ -396,77 +466,18 @@ CHttpSessionCurl::CHttpSessionCurl(
     s.progressCallback = progressCallback;
     s.progressContext = progressContext;
 
-    result = 0;
-    if (replyCapacity == 0) {
-        PWHOST_LOG(CAppLog::Error, "reply capacity must be at least 1 byte");
-        result = pwresult::kHttpInvalidArgument;
-        return;
-    }
-    for (const std::string& line : s.extraHeaders) {
-        if (!IsHeaderLine(line)) {
-            PWHOST_LOG(CAppLog::Error, "extra header is not a \"Name: value\" line: %s",
-                       line.c_str());
-            result = pwresult::kHttpInvalidArgument;
-            return;
-        }
-    }
-    if (!serverUrl.empty()) {
-        pwhost::CurlUrlPtr parsed(curl_url());
-        if (!parsed ||
-            curl_url_set(parsed.get(), CURLUPART_URL, serverUrl.c_str(), 0) != CURLUE_OK) {
-            PWHOST_LOG(CAppLog::Error, "server URL cannot be parsed: %s", serverUrl.c_str());
-            result = pwresult::kHttpInvalidArgument;
-            return;
-        }
-    }
-    if (!pwhost::CurlGlobalInit()) {
+    result = s.CheckArguments();
+    if (result == 0 && !pwhost::CurlGlobalInit()) {
         result = pwresult::kHttpInitFailed;
-        return;
     }
-
-    const pwhost::HostSettings settings = pwhost::CurrentHostSettings();
-    size_t start = 0;
-    while (start < settings.connectTo.size()) {
-        size_t comma = settings.connectTo.find(',', start);
-        if (comma == std::string::npos) {
-            comma = settings.connectTo.size();
-        }
-        std::string mapping = settings.connectTo.substr(start, comma - start);
-        if (!mapping.empty() && !pwhost::SlistAppend(s.connectTo, mapping)) {
-            result = pwresult::kHttpInitFailed;
-            return;
-        }
-        start = comma + 1;
+    if (result == 0) {
+        result = s.UseHostSettings(pwhost::CurrentHostSettings());
     }
-    // Kept-alive connections and TLS sessions are reused only under the same trust rule.
-    if (trustMode == HTTP_CERT_TRUST_STRICT) {
-        char callback[2 * sizeof(void*) + 3];
-        snprintf(callback, sizeof callback, "%p",
-                 reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(certCallback)));
-        s.connectionPolicy = std::string("strict|") + callback + "|" + settings.caFile;
+    if (result == 0) {
+        result = s.CreateHandles();
     }
-
-    s.multi.reset(curl_multi_init());
-    s.easy.reset(curl_easy_init());
-    if (!s.multi || !s.easy) {
-        PWHOST_LOG(CAppLog::Error, "curl_multi_init or curl_easy_init failed");
-        result = pwresult::kHttpInitFailed;
-        return;
-    }
-    result = s.Configure();
-    if (result != 0) {
-        return;
-    }
-    const long fail = pwresult::kHttpInitFailed;
-    CURL* e = s.easy.get();
-    if ((!clientCertFile.empty() &&
-         !PWHOST_CURL_OK(curl_easy_setopt(e, CURLOPT_SSLCERT, clientCertFile.c_str()), fail)) ||
-        (!clientKeyFile.empty() &&
-         !PWHOST_CURL_OK(curl_easy_setopt(e, CURLOPT_SSLKEY, clientKeyFile.c_str()), fail)) ||
-        (!clientKeyPassword.empty() &&
-         !PWHOST_CURL_OK(curl_easy_setopt(e, CURLOPT_KEYPASSWD, clientKeyPassword.c_str()),
-                         fail))) {
-        result = fail;
+    if (result == 0) {
+        result = s.SetClientCertificate(clientCertFile, clientKeyFile, clientKeyPassword);
     }
 }
 
@@ -491,8 +502,8 @@ long CHttpSessionCurl::OpenRequest(const std::string& url, unsigned int connectT
         return pwresult::kHttpInvalidState;
     }
     if (method != HTTP_METHOD_GET && method != HTTP_METHOD_POST) {
-        PWHOST_LOG(CAppLog::Error, "unknown request method %d", static_cast<int>(method));
-        return pwresult::kHttpInvalidArgument;
+        return PWHOST_REFUSE(pwresult::kHttpInvalidArgument, "unknown request method %d",
+                             static_cast<int>(method));
     }
     pwhost::CurlUrlPtr parsed(curl_url());
     if (!parsed) {
@@ -503,32 +514,28 @@ long CHttpSessionCurl::OpenRequest(const std::string& url, unsigned int connectT
     if ((!s.serverUrl.empty() &&
          curl_url_set(parsed.get(), CURLUPART_URL, s.serverUrl.c_str(), 0) != CURLUE_OK) ||
         curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK) {
-        PWHOST_LOG(CAppLog::Error, "URL cannot be parsed: %s", url.c_str());
-        return pwresult::kHttpBadUrl;
+        return PWHOST_REFUSE(pwresult::kHttpBadUrl, "URL cannot be parsed: %s", url.c_str());
     }
     std::string scheme;
     std::string host;
     std::string port;
     if (!UrlPart(parsed.get(), CURLUPART_SCHEME, scheme) ||
         !UrlPart(parsed.get(), CURLUPART_HOST, host) || host.empty()) {
-        PWHOST_LOG(CAppLog::Error, "URL has no scheme or host: %s", url.c_str());
-        return pwresult::kHttpBadUrl;
+        return PWHOST_REFUSE(pwresult::kHttpBadUrl, "URL has no scheme or host: %s", url.c_str());
     }
     scheme = Lower(scheme);
     if (scheme != "https" && (s.httpsOnly || scheme != "http")) {
-        PWHOST_LOG(CAppLog::Error, "URL scheme not allowed: %s", url.c_str());
-        return pwresult::kHttpBadUrl;
+        return PWHOST_REFUSE(pwresult::kHttpBadUrl, "URL scheme not allowed: %s", url.c_str());
     }
     if (!UrlPart(parsed.get(), CURLUPART_PORT, port) && s.port != 0 &&
         curl_url_set(parsed.get(), CURLUPART_PORT, std::to_string(s.port).c_str(), 0) !=
             CURLUE_OK) {
-        PWHOST_LOG(CAppLog::Error, "port %u cannot be set on %s", s.port, url.c_str());
-        return pwresult::kHttpBadUrl;
+        return PWHOST_REFUSE(pwresult::kHttpBadUrl, "port %u cannot be set on %s", s.port,
+                             url.c_str());
     }
     std::string full;
     if (!UrlPart(parsed.get(), CURLUPART_URL, full)) {
-        PWHOST_LOG(CAppLog::Error, "URL cannot be formed from %s", url.c_str());
-        return pwresult::kHttpBadUrl;
+        return PWHOST_REFUSE(pwresult::kHttpBadUrl, "URL cannot be formed from %s", url.c_str());
     }
     if (host.size() > 2 && host.front() == '[' && host.back() == ']') {
         host = host.substr(1, host.size() - 2);  // IPv6 literal
@@ -555,12 +562,8 @@ void CHttpSessionCurl::CloseRequest() {
     // Another thread: abort the transfer in progress, or the next one of this request.
     s.closing.store(true);
     if (s.multi) {
-        CURLMcode mc = curl_multi_wakeup(s.multi.get());
-        if (mc != CURLM_OK) {
-            CAppLog::LogReturnCode(__func__, kLogSource, __LINE__, CAppLog::Warning,
-                                   "curl_multi_wakeup", pwresult::kHttpTransferFailed, "%s",
-                                   curl_multi_strerror(mc));
-        }
+        (void)PWHOST_CURL_CHECK(CAppLog::Warning, curl_multi_wakeup(s.multi.get()),
+                                pwresult::kHttpTransferFailed);
     }
 }
 
@@ -571,8 +574,8 @@ long CHttpSessionCurl::AddRequestHeader(const std::string& name, const std::stri
         return pwresult::kHttpInvalidState;
     }
     if (!IsHeaderName(name) || HasLineBreakOrNul(value)) {
-        PWHOST_LOG(CAppLog::Error, "invalid request header %s", name.c_str());
-        return pwresult::kHttpInvalidArgument;
+        return PWHOST_REFUSE(pwresult::kHttpInvalidArgument, "invalid request header %s",
+                             name.c_str());
     }
     s.headers.push_back(name + ": " + value);
     return 0;
@@ -585,72 +588,67 @@ long CHttpSessionCurl::SetRequestFlags(unsigned int flags) {
         return pwresult::kHttpInvalidState;
     }
     if ((flags & ~HTTP_REQUEST_FAIL_ON_ERROR_STATUS) != 0) {
-        PWHOST_LOG(CAppLog::Error, "unknown request flags 0x%x", flags);
-        return pwresult::kHttpInvalidArgument;
+        return PWHOST_REFUSE(pwresult::kHttpInvalidArgument, "unknown request flags 0x%x", flags);
     }
     s.flags = flags;
     return 0;
 }
 
-long CHttpSessionCurl::SendRequest(unsigned int& httpStatus, unsigned int bodyKind,
-                                   const char* data, unsigned int length, unsigned int sendFlags) {
-    Impl& s = *m_pImpl;
-    httpStatus = 0;
-    if (!s.open || s.sent) {
+long CHttpSessionCurl::Impl::CheckSendArguments(unsigned int bodyKind, const char* data,
+                                                unsigned int length, unsigned int sendFlags) const {
+    if (!open || sent) {
         PWHOST_LOG(CAppLog::Error, "no request open, or it was sent already");
         return pwresult::kHttpInvalidState;
     }
     if ((bodyKind != HTTP_BODY_OCTET_STREAM && bodyKind != HTTP_BODY_FORM) || sendFlags != 0 ||
         (data == nullptr && length != 0)) {
-        PWHOST_LOG(CAppLog::Error, "invalid send arguments (body kind %u, flags 0x%x)", bodyKind,
-                   sendFlags);
-        return pwresult::kHttpInvalidArgument;
+        return PWHOST_REFUSE(pwresult::kHttpInvalidArgument,
+                             "invalid send arguments (body kind %u, flags 0x%x)", bodyKind,
+                             sendFlags);
     }
-    s.sent = true;
-    s.reply.clear();
-    s.replyRead = 0;
-    s.replyDropped = 0;
-    s.certVerdict = 0;
-    s.progressAborted = false;
+    return 0;
+}
 
-    long injected = 0;
-    if (pwtest::TakeFault(pwtest::Fault::HttpSend, injected)) {
-        CAppLog::LogReturnCode(__func__, kLogSource, __LINE__, CAppLog::Error, "SendRequest",
-                               injected, "fault injected for %s", s.url.c_str());
-        return injected;
-    }
-    if (s.closing.load()) {
-        CAppLog::LogReturnCode(__func__, kLogSource, __LINE__, CAppLog::Warning, "SendRequest",
-                               pwresult::kHttpRequestClosed, "request closed before sending");
-        return pwresult::kHttpRequestClosed;
-    }
+void CHttpSessionCurl::Impl::StartReply() {
+    sent = true;
+    reply.clear();
+    replyRead = 0;
+    replyDropped = 0;
+    certVerdict = 0;
+    progressAborted = false;
+    errorBuffer[0] = '\0';
+}
 
+// The request's own limit, capped by the host's request deadline.
+long CHttpSessionCurl::Impl::RequestDeadlineMs() const {
+    uint64_t limit = deadlineMs;
+    if (requestTimeout != 0 && static_cast<uint64_t>(requestTimeout) * 1000u < limit) {
+        limit = static_cast<uint64_t>(requestTimeout) * 1000u;
+    }
+    return static_cast<long>(limit);
+}
+
+// The request's URL, limits, headers and body. `headerList` must outlive the transfer.
+long CHttpSessionCurl::Impl::SetTransferOptions(unsigned int bodyKind, const char* data,
+                                                unsigned int length,
+                                                pwhost::CurlSlistPtr& headerList) {
     const long fail = pwresult::kHttpInitFailed;
-    pwhost::CurlSlistPtr headerList;
     std::vector<std::string> lines;
     lines.push_back(bodyKind == HTTP_BODY_FORM ? "Content-Type: application/x-www-form-urlencoded"
                                                : "Content-Type: application/octet-stream");
     lines.push_back("Expect:");  // no 100-continue round trip
-    lines.insert(lines.end(), s.extraHeaders.begin(), s.extraHeaders.end());
-    lines.insert(lines.end(), s.headers.begin(), s.headers.end());
+    lines.insert(lines.end(), extraHeaders.begin(), extraHeaders.end());
+    lines.insert(lines.end(), headers.begin(), headers.end());
     for (const std::string& line : lines) {
         if (!pwhost::SlistAppend(headerList, line)) {
             return fail;
         }
     }
-    CURL* e = s.easy.get();
-    s.errorBuffer[0] = '\0';
-    long rc = s.ApplyShare();
-    if (rc != 0) {
-        return rc;
-    }
-    const bool post = s.method == HTTP_METHOD_POST;
-    if (!PWHOST_CURL_OK(curl_easy_setopt(e, CURLOPT_URL, s.url.c_str()), fail) ||
+    CURL* e = easy.get();
+    if (!PWHOST_CURL_OK(curl_easy_setopt(e, CURLOPT_URL, url.c_str()), fail) ||
         !PWHOST_CURL_OK(
-            curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT, static_cast<long>(s.connectTimeout)),
-            fail) ||
-        !PWHOST_CURL_OK(curl_easy_setopt(e, CURLOPT_TIMEOUT, static_cast<long>(s.requestTimeout)),
-                        fail) ||
+            curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT, static_cast<long>(connectTimeout)), fail) ||
+        !PWHOST_CURL_OK(curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, RequestDeadlineMs()), fail) ||
         !PWHOST_CURL_OK(curl_easy_setopt(e, CURLOPT_LOW_SPEED_LIMIT,
                                          static_cast<long>(g_lowSpeedBytesPerSecond.load())),
                         fail) ||
@@ -660,65 +658,94 @@ long CHttpSessionCurl::SendRequest(unsigned int& httpStatus, unsigned int bodyKi
         !PWHOST_CURL_OK(curl_easy_setopt(e, CURLOPT_HTTPHEADER, headerList.get()), fail)) {
         return fail;
     }
-    if (post) {
-        if (!PWHOST_CURL_OK(curl_easy_setopt(e, CURLOPT_POST, 1L), fail) ||
-            !PWHOST_CURL_OK(
-                curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(length)),
-                fail) ||
-            !PWHOST_CURL_OK(curl_easy_setopt(e, CURLOPT_POSTFIELDS, data != nullptr ? data : ""),
-                            fail)) {
-            return fail;
-        }
-    } else if (!PWHOST_CURL_OK(curl_easy_setopt(e, CURLOPT_HTTPGET, 1L), fail)) {
+    if (method != HTTP_METHOD_POST) {
+        return PWHOST_CURL_OK(curl_easy_setopt(e, CURLOPT_HTTPGET, 1L), fail) ? 0 : fail;
+    }
+    if (!PWHOST_CURL_OK(curl_easy_setopt(e, CURLOPT_POST, 1L), fail) ||
+        !PWHOST_CURL_OK(
+            curl_easy_setopt(e, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(length)),
+            fail) ||
+        !PWHOST_CURL_OK(curl_easy_setopt(e, CURLOPT_POSTFIELDS, data != nullptr ? data : ""),
+                        fail)) {
         return fail;
     }
+    return 0;
+}
 
-    CURLcode curlResult = CURLE_OK;
-    bool cancelled = false;
-    rc = s.Perform(curlResult, cancelled);
-    // The header list and the caller's body live only during the transfer.
-    (void)PWHOST_CURL_OK(curl_easy_setopt(e, CURLOPT_HTTPHEADER, nullptr), fail);
-    if (post) {
-        (void)PWHOST_CURL_OK(curl_easy_setopt(e, CURLOPT_POSTFIELDS, nullptr), fail);
+// The header list and the caller's body live only during the transfer.
+void CHttpSessionCurl::Impl::ClearTransferOptions() {
+    const long fail = pwresult::kHttpInitFailed;
+    (void)PWHOST_CURL_OK(curl_easy_setopt(easy.get(), CURLOPT_HTTPHEADER, nullptr), fail);
+    if (method == HTTP_METHOD_POST) {
+        (void)PWHOST_CURL_OK(curl_easy_setopt(easy.get(), CURLOPT_POSTFIELDS, nullptr), fail);
     }
-    if (rc != 0) {
-        return rc;
-    }
+}
+
+// The result of a finished transfer: closed, failed, refused for its status, or 0.
+long CHttpSessionCurl::Impl::TransferOutcome(CURLcode curlResult, bool cancelled,
+                                             unsigned int& httpStatus) {
     long status = 0;
-    if (PWHOST_CURL_OK(curl_easy_getinfo(e, CURLINFO_RESPONSE_CODE, &status),
+    if (PWHOST_CURL_OK(curl_easy_getinfo(easy.get(), CURLINFO_RESPONSE_CODE, &status),
                        pwresult::kHttpTransferFailed) &&
         status > 0) {
         httpStatus = static_cast<unsigned int>(status);
     }
     if (cancelled || curlResult == CURLE_ABORTED_BY_CALLBACK) {
-        CAppLog::LogReturnCode(
-            __func__, kLogSource, __LINE__, CAppLog::Warning, "SendRequest",
-            pwresult::kHttpRequestClosed, "%s while in progress: %s",
-            s.progressAborted ? "aborted by the progress callback" : "request closed",
-            s.url.c_str());
+        PWHOST_LOG_RESULT(CAppLog::Warning, "SendRequest", pwresult::kHttpRequestClosed,
+                          "%s while in progress: %s",
+                          progressAborted ? "aborted by the progress callback" : "request closed",
+                          url.c_str());
         return pwresult::kHttpRequestClosed;
     }
     if (curlResult != CURLE_OK) {
-        rc = MapCurlResult(curlResult);
-        if (s.certVerdict != 0) {
-            rc = pwresult::kHttpSecureChannel;
-        }
-        CAppLog::LogReturnCode(
-            __func__, kLogSource, __LINE__, CAppLog::Error, "libcurl transfer", rc,
-            "%s (libcurl %d%s) for %s",
-            s.errorBuffer[0] != '\0' ? s.errorBuffer : curl_easy_strerror(curlResult),
-            static_cast<int>(curlResult), s.certVerdict != 0 ? ", server certificate rejected" : "",
-            s.url.c_str());
+        long rc = certVerdict != 0 ? pwresult::kHttpSecureChannel : MapCurlResult(curlResult);
+        PWHOST_LOG_RESULT(CAppLog::Error, "libcurl transfer", rc, "%s (libcurl %d%s) for %s",
+                          errorBuffer[0] != '\0' ? errorBuffer : curl_easy_strerror(curlResult),
+                          static_cast<int>(curlResult),
+                          certVerdict != 0 ? ", server certificate rejected" : "", url.c_str());
         return rc;
     }
-    if ((s.flags & HTTP_REQUEST_FAIL_ON_ERROR_STATUS) != 0 &&
+    if ((flags & HTTP_REQUEST_FAIL_ON_ERROR_STATUS) != 0 &&
         (httpStatus < 200 || httpStatus > 299)) {
-        CAppLog::LogReturnCode(__func__, kLogSource, __LINE__, CAppLog::Error, "SendRequest",
-                               pwresult::kHttpStatusNotOk, "server answered HTTP %u for %s",
-                               httpStatus, s.url.c_str());
+        PWHOST_LOG_RESULT(CAppLog::Error, "SendRequest", pwresult::kHttpStatusNotOk,
+                          "server answered HTTP %u for %s", httpStatus, url.c_str());
         return pwresult::kHttpStatusNotOk;
     }
     return 0;
+}
+
+long CHttpSessionCurl::SendRequest(unsigned int& httpStatus, unsigned int bodyKind,
+                                   const char* data, unsigned int length, unsigned int sendFlags) {
+    Impl& s = *m_pImpl;
+    httpStatus = 0;
+    long rc = s.CheckSendArguments(bodyKind, data, length, sendFlags);
+    if (rc != 0) {
+        return rc;
+    }
+    s.StartReply();
+    if (pwtest::TakeFault(pwtest::Fault::HttpSend, rc)) {
+        PWHOST_LOG_RESULT(CAppLog::Error, "SendRequest", rc, "fault injected for %s",
+                          s.url.c_str());
+        return rc;
+    }
+    if (s.closing.load()) {
+        PWHOST_LOG_RESULT(CAppLog::Warning, "SendRequest", pwresult::kHttpRequestClosed,
+                          "request closed before sending");
+        return pwresult::kHttpRequestClosed;
+    }
+    pwhost::CurlSlistPtr headerList;
+    rc = s.SetTransferOptions(bodyKind, data, length, headerList);
+    if (rc == 0) {
+        rc = s.ApplyShare();
+    }
+    if (rc != 0) {
+        return rc;
+    }
+    CURLcode curlResult = CURLE_OK;
+    bool cancelled = false;
+    rc = s.Perform(curlResult, cancelled);
+    s.ClearTransferOptions();
+    return rc != 0 ? rc : s.TransferOutcome(curlResult, cancelled, httpStatus);
 }
 
 long CHttpSessionCurl::ReadFile(char* buffer, unsigned int capacity, unsigned int& count) {
@@ -729,8 +756,7 @@ long CHttpSessionCurl::ReadFile(char* buffer, unsigned int capacity, unsigned in
         return pwresult::kHttpInvalidState;
     }
     if (buffer == nullptr && capacity != 0) {
-        PWHOST_LOG(CAppLog::Error, "null buffer");
-        return pwresult::kHttpInvalidArgument;
+        return PWHOST_REFUSE(pwresult::kHttpInvalidArgument, "null buffer");
     }
     size_t available = s.reply.size() - s.replyRead;
     size_t n = available < capacity ? available : capacity;

@@ -3,9 +3,17 @@
 
 #include <cstring>
 
+#include "HostLogInternal.h"
+
+namespace {
+
+const char kLogSource[] = "host/src/SafeString";
+
+}  // namespace
+
 size_t safe_strlcpyA(char* destination, const char* source, unsigned int size) {
     if (destination == nullptr) {
-        return 0;
+        return PWHOST_REFUSE(0, "no destination buffer");
     }
     if (source == nullptr) {
         if (size > 0) {

@@ -6,10 +6,13 @@
 #include <utility>
 
 #include "HostClock.h"
+#include "HostLogInternal.h"
 #include "HostTestControl.h"
 #include "ResultCodes.h"
 
 namespace {
+
+const char kLogSource[] = "host/src/Timer";
 
 // Longest wait TimeToExpired reports: one below WaitOnEvents' "no limit" value.
 const uint64_t kLongestWaitMs = 0xFFFFFFFEu;
@@ -111,6 +114,7 @@ long CTimerList::CheckExpired() {
 
 void CTimerList::Add(CTimer* timer) {
     if (timer == nullptr) {
+        (void)PWHOST_REFUSE(0, "no timer to add");
         return;
     }
     std::lock_guard<std::recursive_mutex> lock(m_mutex);
@@ -148,7 +152,8 @@ CTimer::CTimer(long& result, CTimerList* list, ITimerCB* callback, void* context
         return;
     }
     if (list == nullptr || callback == nullptr) {
-        result = pwresult::kInvalidArgument;
+        result = PWHOST_REFUSE(pwresult::kInvalidArgument, "timer %lu: no timer list or callback",
+                               timerId);
         return;
     }
     list->Add(this);

@@ -61,9 +61,8 @@ long CUnixImpersonate::GetUsernameOwningProcess(unsigned int pid, std::string& u
         buffer.resize(buffer.size() * 2);
     }
     if (rc != 0 || found == nullptr) {
-        CAppLog::LogReturnCode(__func__, kLogSource, __LINE__, CAppLog::Error, "getpwuid_r",
-                               pwresult::kUnknownUser, "uid %ld: %s", uid,
-                               rc != 0 ? pwhost::ErrnoText(rc).c_str() : "no passwd entry");
+        PWHOST_LOG_RESULT(CAppLog::Error, "getpwuid_r", pwresult::kUnknownUser, "uid %ld: %s", uid,
+                          rc != 0 ? pwhost::ErrnoText(rc).c_str() : "no passwd entry");
         return pwresult::kUnknownUser;
     }
     userName = found->pw_name;

@@ -1,5 +1,4 @@
-// Base64 of streams: the standard vectors and inputs that cross the encoder's blocks.
-#include <gtest/gtest.h>
+// Base64 of streams: inputs of every padding and across the encoder's blocks.
 #include <openssl/evp.h>
 
 #include <algorithm>
@@ -7,17 +6,16 @@
 #include <string>
 
 #include "Base64.h"
-#include "ResultCodes.h"
 #include "TestSupport.h"
 
 namespace {
 
 class Base64Test : public pwtest::HostFixture {};
 
-std::string Encode(const std::string& input, long expected = pwresult::kSuccess) {
+std::string Encode(const std::string& input) {
     std::istringstream in(input);
     std::ostringstream out;
-    EXPECT_EQ(lBase64::Encode(in, out, 0), expected);
+    EXPECT_EQ(lBase64::Encode(in, out, 0), pwresult::kSuccess);
     return out.str();
 }
 
@@ -31,15 +29,10 @@ std::string Decode(const std::string& text) {
     return out;
 }
 
-TEST_F(Base64Test, StandardVectors) {
-    EXPECT_EQ(Encode("foobar"), "Zm9vYmFy");
-    EXPECT_EQ(Encode("fooba"), "Zm9vYmE=");
-    EXPECT_EQ(Encode("foob"), "Zm9vYg==");
-    EXPECT_EQ(Encode("\xfb\xff"), "+/8=");  // the standard alphabet's last two letters
-}
-
-// Lengths of every padding and around the encoder's 12288-byte blocks and their triples.
+// Lengths of every padding and around the encoder's 12288-byte blocks and their triples;
+// the standard alphabet's last two letters and its padding.
 TEST_F(Base64Test, InputsRoundTripWithoutLineBreaks) {
+    EXPECT_EQ(Encode("\xfb\xff"), "+/8=");
     for (size_t length : {0u, 1u, 2u, 3u, 12287u, 12288u, 12289u, 12290u, 36865u, 100000u}) {
         SCOPED_TRACE(length);
         std::string input(length, '\0');
@@ -54,15 +47,12 @@ TEST_F(Base64Test, InputsRoundTripWithoutLineBreaks) {
 }
 
 TEST_F(Base64Test, FailedStreamsAreReported) {
-    std::istringstream failedIn("abc");
-    failedIn.setstate(std::ios::failbit);
+    std::istringstream in("abc"), good("abc");
     std::ostringstream out;
-    EXPECT_EQ(lBase64::Encode(failedIn, out, 0), pwresult::kFailure);
-
-    std::istringstream in("abc");
-    std::ostringstream failedOut;
-    failedOut.setstate(std::ios::badbit);
-    EXPECT_EQ(lBase64::Encode(in, failedOut, 0), pwresult::kFailure);
+    in.setstate(std::ios::failbit);
+    EXPECT_EQ(lBase64::Encode(in, out, 0), pwresult::kFailure);
+    out.setstate(std::ios::badbit);
+    EXPECT_EQ(lBase64::Encode(good, out, 0), pwresult::kFailure);
 }
 
 }  // namespace

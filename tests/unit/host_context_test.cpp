@@ -1,12 +1,8 @@
 // Execution contexts: one per instance id, alive while referenced.
-#include <gtest/gtest.h>
-
 #include <thread>
 #include <vector>
 
 #include "ExecutionContext.h"
-#include "HostTestControl.h"
-#include "ResultCodes.h"
 #include "TestSupport.h"
 
 namespace {
@@ -16,14 +12,11 @@ class ExecutionContextTest : public pwtest::HostFixture {};
 TEST_F(ExecutionContextTest, OneContextPerIdUntilTheLastReleaseDestroysIt) {
     const CExecutionContext::INSTANCE_ID id = 901;
     EXPECT_EQ(CExecutionContext::acquireInstance(id), nullptr);
-    CExecutionContext* created = nullptr;
+    CExecutionContext *created = nullptr, *again = nullptr, *other = nullptr;
     ASSERT_EQ(CExecutionContext::CreateMultitonInstance(created, id), pwresult::kSuccess);
-    ASSERT_NE(created, nullptr);
     EXPECT_EQ(created->GetInstanceId(), id);
     EXPECT_NE(created->GetEventList(), nullptr);
     EXPECT_NE(created->GetTimerList(), nullptr);
-
-    CExecutionContext *again = nullptr, *other = nullptr;
     ASSERT_EQ(CExecutionContext::CreateMultitonInstance(again, id), pwresult::kSuccess);
     EXPECT_EQ(again, created);
     ASSERT_EQ(CExecutionContext::CreateMultitonInstance(other, id + 1), pwresult::kSuccess);
@@ -41,51 +34,26 @@ TEST_F(ExecutionContextTest, OneContextPerIdUntilTheLastReleaseDestroysIt) {
     EXPECT_EQ(CExecutionContext::acquireInstance(id), nullptr);
 }
 
-TEST_F(ExecutionContextTest, FaultSwitchesFailCreateAndAcquire) {
-    const CExecutionContext::INSTANCE_ID id = 903;
-    CExecutionContext* context = nullptr;
-    ASSERT_EQ(CExecutionContext::CreateMultitonInstance(context, id), pwresult::kSuccess);
-
-    CExecutionContext* untouched = reinterpret_cast<CExecutionContext*>(0x1);
-    pwtest::FailNext(pwtest::Fault::CreateExecutionContext, pwresult::kFaultInjected);
-    EXPECT_EQ(CExecutionContext::CreateMultitonInstance(untouched, id), pwresult::kFaultInjected);
-    EXPECT_EQ(untouched, reinterpret_cast<CExecutionContext*>(0x1));
-
-    pwtest::FailNext(pwtest::Fault::AcquireInstance, pwresult::kFaultInjected);
-    EXPECT_EQ(CExecutionContext::acquireInstance(id), nullptr);
-
-    // Neither failure took a reference: one release ends the context.
-    context->releaseInstance();
-    EXPECT_EQ(CExecutionContext::acquireInstance(id), nullptr);
-}
-
+// Acquisitions, creations and releases on four threads keep the count (for TSan).
 TEST_F(ExecutionContextTest, ConcurrentAcquireAndReleaseKeepTheCount) {
-    const CExecutionContext::INSTANCE_ID id = 904;
     CExecutionContext* base = nullptr;
-    ASSERT_EQ(CExecutionContext::CreateMultitonInstance(base, id), pwresult::kSuccess);
+    ASSERT_EQ(CExecutionContext::CreateMultitonInstance(base, 904), pwresult::kSuccess);
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([id, t] {
+        threads.emplace_back([] {
             for (int i = 0; i < 300; ++i) {
+                CExecutionContext::acquireInstance(904)->releaseInstance();
                 CExecutionContext* context = nullptr;
-                if (t % 2 == 0) {
-                    context = CExecutionContext::acquireInstance(id);
-                } else {
-                    CExecutionContext::CreateMultitonInstance(context, id);
-                }
-                if (context != nullptr) {
-                    context->releaseInstance();
-                }
+                CExecutionContext::CreateMultitonInstance(context, 904);
+                context->releaseInstance();
             }
         });
     }
     for (std::thread& thread : threads) {
         thread.join();
     }
-    EXPECT_EQ(CExecutionContext::acquireInstance(id), base);
     base->releaseInstance();
-    base->releaseInstance();
-    EXPECT_EQ(CExecutionContext::acquireInstance(id), nullptr);
+    EXPECT_EQ(CExecutionContext::acquireInstance(904), nullptr);
 }
 
 }  // namespace
