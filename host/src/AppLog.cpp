@@ -14,9 +14,10 @@
 #include <string>
 #include <vector>
 
-#include "HostTestControl.h"
 #include "ResultCodes.h"
 #include "UniqueFd.h"
+#include "HostTestControl.h"
+#include "TestControlInternal.h"
 
 namespace {
 
@@ -271,6 +272,7 @@ unsigned int CAppLog::ConfiguredSinks() {
     return state.sinks;
 }
 
+#ifdef PW_TEST_HOOKS
 namespace pwtest {
 
 void StartLogCapture() {
@@ -318,3 +320,4 @@ bool HasLogText(const std::string& text) {
 }
 
 }  // namespace pwtest
+#endif  // PW_TEST_HOOKS

@@ -7,7 +7,6 @@
 
 #include "HostInternal.h"
 #include "HostLogInternal.h"
-#include "HostTestControl.h"
 #include "ResultCodes.h"
 #include "TestControlInternal.h"
 #include "UniqueFd.h"
@@ -68,10 +67,10 @@ DeviceIDInfo::~DeviceIDInfo() {}
 
 bool DeviceIDInfo::GetDeviceID(std::string& deviceId) {
     long code = 0;
-    if (pwtest::TakeFault(pwtest::Fault::DeviceId, code)) {
+    if (PWHOST_TEST_FAULT(DeviceId, code)) {
         return false;
     }
-    if (pwhost::DeviceIdOverride(deviceId)) {
+    if (PWHOST_DEVICE_ID_OVERRIDE(deviceId)) {
         return true;
     }
     static const std::vector<std::string> kSources = {"/etc/machine-id",

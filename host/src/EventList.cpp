@@ -14,9 +14,9 @@
 #include "HostClock.h"
 #include "HostClockInternal.h"
 #include "HostLogInternal.h"
-#include "HostTestControl.h"
 #include "ResultCodes.h"
 #include "UniqueFd.h"
+#include "TestControlInternal.h"
 
 namespace {
 
@@ -163,7 +163,7 @@ void CEventList::RemoveWatcher(int fd) {
 
 long CEventList::WaitOnEvents(unsigned int milliseconds, bool dispatch) {
     long result = pwresult::kSuccess;
-    if (!pwtest::TakeFault(pwtest::Fault::WaitOnEvents, result)) {
+    if (!PWHOST_TEST_FAULT(WaitOnEvents, result)) {
         result = WaitLoop(milliseconds, dispatch);
     }
     {
@@ -262,11 +262,13 @@ uint64_t CEventList::WaitCount() const {
     return m_waitCount;
 }
 
+#ifdef PW_TEST_HOOKS
 namespace pwtest {
 uint64_t TotalWaitReturns() {
     return g_totalWaitReturns.load(std::memory_order_relaxed);
 }
 }  // namespace pwtest
+#endif  // PW_TEST_HOOKS
 
 // ---------------------------------------------------------------------------------------
 // CCEvent
@@ -282,7 +284,7 @@ CCEvent::CCEvent(long& result, CEventList* list, EVENT_TYPE type, IEventCB* call
     (void)flags;
     (void)name;
     long code = 0;
-    if (pwtest::TakeFault(pwtest::Fault::CreateEvent, code)) {
+    if (PWHOST_TEST_FAULT(CreateEvent, code)) {
         result = code;
         return;
     }
@@ -324,7 +326,7 @@ CCEvent::~CCEvent() {
 long CCEvent::SetEvent(bool unused) {
     (void)unused;
     long code = 0;
-    if (pwtest::TakeFault(pwtest::Fault::SetEvent, code)) {
+    if (PWHOST_TEST_FAULT(SetEvent, code)) {
         return code;
     }
     if (m_fd < 0) {

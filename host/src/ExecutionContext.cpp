@@ -7,9 +7,9 @@
 
 #include "EventList.h"
 #include "FileSystemWatcher.h"
-#include "HostTestControl.h"
 #include "ResultCodes.h"
 #include "Timer.h"
+#include "TestControlInternal.h"
 
 // The registry owns the contexts; a context leaves it (and is destroyed) with its last
 // reference. One mutex guards the map and every reference count.
@@ -39,7 +39,7 @@ CExecutionContext::~CExecutionContext() {
 
 long CExecutionContext::CreateMultitonInstance(CExecutionContext*& context, INSTANCE_ID id) {
     long code = 0;
-    if (pwtest::TakeFault(pwtest::Fault::CreateExecutionContext, code)) {
+    if (PWHOST_TEST_FAULT(CreateExecutionContext, code)) {
         return code;
     }
     ContextRegistry& registry = ContextRegistry::Get();
@@ -55,7 +55,7 @@ long CExecutionContext::CreateMultitonInstance(CExecutionContext*& context, INST
 
 CExecutionContext* CExecutionContext::acquireInstance(INSTANCE_ID id) {
     long code = 0;
-    if (pwtest::TakeFault(pwtest::Fault::AcquireInstance, code)) {
+    if (PWHOST_TEST_FAULT(AcquireInstance, code)) {
         return nullptr;
     }
     ContextRegistry& registry = ContextRegistry::Get();

@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "HostLogInternal.h"
-#include "HostTestControl.h"
 #include "ResultCodes.h"
 #include "UniqueFd.h"
+#include "TestControlInternal.h"
 
 namespace {
 
@@ -40,7 +40,7 @@ int MakeOne(const std::string& path) {
 
 int MakeSureDirectoryPathExists(const char* path) {
     long code = 0;
-    if (pwtest::TakeFault(pwtest::Fault::MakeDirectory, code)) {
+    if (PWHOST_TEST_FAULT(MakeDirectory, code)) {
         errno = EIO;
         return 0;
     }

@@ -10,7 +10,7 @@
 #include <mutex>
 
 #include "HostClockInternal.h"
-#include "HostTestControl.h"
+#include "TestControlInternal.h"
 
 namespace {
 
@@ -181,6 +181,7 @@ uint64_t ClockGeneration() {
 
 }  // namespace pwhost
 
+#ifdef PW_TEST_HOOKS
 namespace pwtest {
 
 void UseManualClock(uint32_t unixSeconds) {
@@ -213,3 +214,4 @@ void UseRealClock() {
 }
 
 }  // namespace pwtest
+#endif  // PW_TEST_HOOKS

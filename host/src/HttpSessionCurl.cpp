@@ -21,7 +21,7 @@
 #include "CurlSupport.h"
 #include "HostLogInternal.h"
 #include "HostSettings.h"
-#include "HostTestControl.h"
+#include "TestControlInternal.h"
 
 namespace {
 
@@ -723,7 +723,7 @@ long CHttpSessionCurl::SendRequest(unsigned int& httpStatus, unsigned int bodyKi
         return rc;
     }
     s.StartReply();
-    if (pwtest::TakeFault(pwtest::Fault::HttpSend, rc)) {
+    if (PWHOST_TEST_FAULT(HttpSend, rc)) {
         PWHOST_LOG_RESULT(CAppLog::Error, "SendRequest", rc, "fault injected for %s",
                           s.url.c_str());
         return rc;

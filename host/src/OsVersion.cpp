@@ -48,7 +48,7 @@ void ParseKernelRelease(const char* release, unsigned int& major, unsigned int& 
 OS_VERSION_INFO GetOsVersion() {
     OS_VERSION_INFO record;
     memset(&record, 0, sizeof record);
-    if (pwhost::OsVersionOverride(record)) {
+    if (PWHOST_OS_VERSION_OVERRIDE(record)) {
         return record;
     }
     record.dwOSVersionInfoSize = sizeof record;

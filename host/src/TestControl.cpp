@@ -6,6 +6,8 @@
 #include "HostTestControl.h"
 #include "TestControlInternal.h"
 
+#ifdef PW_TEST_HOOKS
+
 namespace {
 
 struct PendingFault {
@@ -104,3 +106,5 @@ bool DeviceIdOverride(std::string& deviceId) {
 }
 
 }  // namespace pwhost
+
+#endif  // PW_TEST_HOOKS

@@ -7,8 +7,8 @@
 
 #include "HostClock.h"
 #include "HostLogInternal.h"
-#include "HostTestControl.h"
 #include "ResultCodes.h"
+#include "TestControlInternal.h"
 
 namespace {
 
@@ -43,7 +43,7 @@ CTimerList::~CTimerList() {
 
 long CTimerList::TimeToExpired(unsigned long& milliseconds) {
     long code = 0;
-    if (pwtest::TakeFault(pwtest::Fault::TimeToExpired, code)) {
+    if (PWHOST_TEST_FAULT(TimeToExpired, code)) {
         return code;
     }
     const uint64_t now = pwhost::HostNowMs();
@@ -70,7 +70,7 @@ long CTimerList::TimeToExpired(unsigned long& milliseconds) {
 // lock is never held across a callback.
 long CTimerList::CheckExpired() {
     long code = 0;
-    if (pwtest::TakeFault(pwtest::Fault::CheckExpired, code)) {
+    if (PWHOST_TEST_FAULT(CheckExpired, code)) {
         return code;
     }
     const uint64_t now = pwhost::HostNowMs();
@@ -147,7 +147,7 @@ CTimer::CTimer(long& result, CTimerList* list, ITimerCB* callback, void* context
       m_bArmed(false),
       m_deadlineMs(0) {
     long code = 0;
-    if (pwtest::TakeFault(pwtest::Fault::CreateTimer, code)) {
+    if (PWHOST_TEST_FAULT(CreateTimer, code)) {
         result = code;
         return;
     }
@@ -168,7 +168,7 @@ CTimer::~CTimer() {
 
 long CTimer::StartTimer(unsigned long milliseconds) {
     long code = 0;
-    if (pwtest::TakeFault(pwtest::Fault::StartTimer, code)) {
+    if (PWHOST_TEST_FAULT(StartTimer, code)) {
         return code;
     }
     if (m_pList == nullptr) {
