@@ -15,6 +15,7 @@
 #include "HostSettings.h"
 #include "ModuleSettingsFile.h"
 #include "PluginLoader.h"
+#include "XmlParser.h"
 
 namespace {
 
@@ -201,6 +202,30 @@ int RunService(PluginLoader& loader, const Options& options) {
     return 0;
 }
 
+// Reads the profile the way the plug-in does, for the status report: its path, and
+// whether it is missing or does not parse (the plug-in then runs with its defaults).
+std::string DescribeProfile() {
+    struct IgnoreElements : XmlMgr {
+        void addElement(const std::string&) override {}
+        void endElement(const std::string&) override {}
+        void setElementValue(const std::string&) override {}
+        void addAttribute(const std::string&, const std::string&) override {}
+    } ignore;
+    std::string text = PW_PROFILE_PATH;
+    if (access(PW_PROFILE_PATH, F_OK) != 0) {
+        return text + " (missing: the defaults apply)";
+    }
+    XmlParser parser(&ignore);
+    if (parser.parseFile(PW_PROFILE_PATH, false) != 0) {
+        std::string reason = parser.lastError();
+        if (reason.compare(0, text.size() + 2, text + ": ") == 0) {
+            reason.erase(0, text.size() + 2);  // the reason without the path named above
+        }
+        return text + " (does not parse: " + reason + "; the defaults apply)";
+    }
+    return text;
+}
+
 int PrintStatus(PluginLoader& loader) {
     Plugin* plugin = loader.createPlugin(COMPONENT_STATUS_INTERFACE_NAME);
     if (plugin == nullptr) {
@@ -214,7 +239,8 @@ int PrintStatus(PluginLoader& loader) {
     status->GetDisplayName(nullptr, size);
     std::vector<char> name(size + 1, '\0');
     status->GetDisplayName(name.data(), size);
-    printf("enabled: %s\nname: %s\n", enabled ? "yes" : "no", name.data());
+    printf("profile: %s\nenabled: %s\nname: %s\n", DescribeProfile().c_str(),
+           enabled ? "yes" : "no", name.data());
     loader.disposePlugin(plugin);
     return 0;
 }

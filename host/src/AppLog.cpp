@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <ctime>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -107,6 +108,19 @@ std::string RenderLine(const pwtest::LogRecord& record) {
     return line;
 }
 
+// "2026-11-23T22:41:44Z pathweave-host[1234]: ": the real time in UTC (ISO 8601), the
+// program and its pid; the importance letter follows in the line itself.
+std::string LinePrefix() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    struct tm utc {};
+    gmtime_r(&now.tv_sec, &utc);
+    char stamp[32];
+    strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%SZ", &utc);
+    return std::string(stamp) + ' ' + program_invocation_short_name + '[' +
+           std::to_string(getpid()) + "]: ";
+}
+
 void WriteAll(int fd, const std::string& text) {
     size_t done = 0;
     while (done < text.size()) {
@@ -133,7 +147,10 @@ void Emit(pwtest::LogRecord&& record) {
             }
             syslog(SyslogPriority(record.importance), "%s", line.c_str());
         }
-        line += '\n';
+        if (state.sinks & (CAppLog::SinkStderr | CAppLog::SinkFile)) {
+            // Syslog stamps its own lines; the file and stderr get the same facts.
+            line = LinePrefix() + line + '\n';
+        }
         if (state.sinks & CAppLog::SinkStderr) {
             WriteAll(STDERR_FILENO, line);
         }
