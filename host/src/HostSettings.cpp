@@ -138,8 +138,9 @@ bool ParseClockStart(const std::string& value, int64_t& seconds) {
     if (end == nullptr || *end != '\0') {
         return false;
     }
-    time_t parsed = timegm(&date);
-    if (parsed < 0 || static_cast<long long>(parsed) > 0xFFFFFFFFll) {
+    // The host clock counts unsigned 32-bit seconds; a 32-bit time_t ends before that.
+    const int64_t parsed = timegm(&date);
+    if (parsed < 0 || parsed > static_cast<int64_t>(0xFFFFFFFFll)) {
         return false;
     }
     seconds = parsed;
