@@ -242,9 +242,11 @@ class SimulatedYear(HostFixture):
             vpn = self.module_file("vpn.dat", bencode_dict({b"run": len(runs)}))
             self.start_host({"VpnPhoneHomeFile": vpn}, server.port, self.SCALE, clock)
             started = time.monotonic()
-            if len(runs) == 1:  # a three-day outage over the second run's monthly report
-                time.sleep(19 * self.DAY / self.SCALE)
+            if len(runs) == 1:  # an outage of three days and more, over a monthly report
+                time.sleep(15 * self.DAY / self.SCALE)
+                seen = len(server.requests())
                 server.set_mode("error")
+                self.assertTrue(wait_for(lambda: len(server.requests()) > seen, 60))
                 time.sleep(3 * self.DAY / self.SCALE)
                 server.set_mode("ok")
             time.sleep(max(0, started + days * self.DAY / self.SCALE - time.monotonic()))

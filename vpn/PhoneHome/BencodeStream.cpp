@@ -6,6 +6,7 @@
 // main file's ".temp" sibling instead, and the container keeps it until the main file has
 // been taken away.
 #include "Bencode.h"
+#include "RegularFile.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -83,14 +84,20 @@ int CBencodeStream::LoadStream() {
         path += kTempSuffix;
     }
 
-    CFileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    // Only a regular file is read (a FIFO or a device at the path is refused like a file
+    // that cannot be opened, without blocking), and a missing file is created new: never
+    // through a symbolic link, never over a file that appeared meanwhile.
+    struct stat status;
+    CFileDescriptor file(OpenRegularFileForReading(path, ELinkPolicy::Follow, status));
     if (errno == ENOENT) {
-        file.Reset(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, sm_fileCreationMode));
-        if (!file.Valid()) {
+        // A file that exists after all (errno was stale, or its module just made it) is
+        // loaded as it is.
+        file.Reset(CreateRegularFileExclusively(path, sm_fileCreationMode));
+        if (!file.Valid() && errno != EEXIST) {
             BENCODE_LOG_CODE("open", errno, "File open failed");
             return eBencodeFileError;
         }
-        file.Reset(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        file.Reset(OpenRegularFileForReading(path, ELinkPolicy::Follow, status));
         if (!file.Valid()) {
             BENCODE_LOG_CODE("open", errno, "File open failed");
             return eBencodeFileError;
@@ -105,7 +112,6 @@ int CBencodeStream::LoadStream() {
         return eBencodeLockError;
     }
 
-    struct stat status;
     if (fstat(file.Get(), &status) != 0) {
         BENCODE_LOG_CODE("fstat", errno, "Failed to get file size");
         flock(file.Get(), LOCK_UN);

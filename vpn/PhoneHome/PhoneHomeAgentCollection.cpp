@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "PhoneHomeAgent.h"
+#include "RegularFile.h"
 #include "PhoneHomeLog.h"
 
 namespace {
@@ -86,7 +87,7 @@ long CPhoneHomeAgent::GetModuleData(const std::string& moduleName, const std::st
         PH_LOG(PH_ERROR, "Failed to insert %s module dictionary", moduleName.c_str());
         return -1;
     }
-    if (remove(path.c_str()) != 0) {
+    if (!IsRegularFile(path, ELinkPolicy::Follow) || remove(path.c_str()) != 0) {
         PH_LOG(PH_ERROR, "Failed to remove %s module specific dictionary file", path.c_str());
     }
     return 0;
