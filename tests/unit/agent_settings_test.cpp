@@ -147,7 +147,7 @@ TEST_F(AgentSettingsTest, SequenceNumberLastPostAndVersionRules) {
         EXPECT_EQ(!c.logged.empty(), HasLogText(c.logged)) << DumpLog();
         Expire(A::kPhoneHomeTimerId);
         EXPECT_TRUE(FileExists(Outbound("feedback_data", c.sequence))) << DumpLog();
-        EXPECT_EQ("", ReadHistory()["last_threat_report"]);
+        EXPECT_EQ("", History("last_threat_report"));
     }
 }
 

@@ -5,7 +5,6 @@
 #pragma once
 
 #include <atomic>
-#include <map>
 #include <memory>
 #include <string>
 #include <thread>
@@ -81,8 +80,10 @@ protected:
     static std::vector<std::string> OutboundFiles();
     static Report ReportIn(const std::string& path);
     static void WriteProfile(const std::string& innerXml);  // inside <Feedback>
-    static void WriteHistory(const std::string& content);
-    static std::map<std::string, std::string> ReadHistory();
+    static void WriteHistory(const std::string& content) {
+        ASSERT_TRUE(WriteFile(HistoryPath(), content));
+    }
+    static std::string History(const std::string& key);  // its value in the history file
 
     std::unique_ptr<CPhoneHomePlugin> m_plugin;
     std::unique_ptr<ModuleSettingsCallback> m_callback;
