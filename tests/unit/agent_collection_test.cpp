@@ -127,6 +127,21 @@ TEST_F(CollectionTest, RetryThatCannotBeArmedEndsTheCycleUncounted) {
     EXPECT_FALSE(FileExists(Outbound("feedback_data", 1)));
 }
 
+// 99 is followed by 100, which is saved; in memory 100 is a valid number: it is used once,
+// then the numbering wraps.
+TEST_F(CollectionTest, SequenceNumbersWrapAfterOneHundred) {
+    NewPlugin();
+    WriteHistory("last_sequence_number:99\n");
+    Prepare();
+    for (const char* saved : {"100", "1", "2"}) {
+        Expire(A::kPhoneHomeTimerId);
+        EXPECT_EQ(saved, History("last_sequence_number"));
+    }
+    EXPECT_EQ((std::vector<std::string>{"feedback_data1.cef", "feedback_data100.cef",
+                                        "feedback_data99.cef"}),
+              OutboundFiles());
+}
+
 // A failed write loses what was gathered, posts nothing and keeps the number for the next
 // report, which covers the time since the failed attempt. An unwritable history is
 // reported, and nothing is posted either.

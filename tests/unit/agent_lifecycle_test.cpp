@@ -68,21 +68,6 @@ TEST_F(AgentLifecycleTest, FirstExpiriesFollowTheHistory) {
     }
 }
 
-// The starter asks the host for the module settings; a failed callback is logged with its
-// code, and what is waiting is posted all the same.
-TEST_F(AgentLifecycleTest, StarterCallbackFailureIsLoggedAndPostingGoesOn) {
-    Prepare();
-    ModuleSettingsCallback callback({}, PwResult(0xFE000042));
-    m_plugin->SetPhoneHomePluginCB(&callback);
-    ASSERT_TRUE(WriteFile(OutboundDir() + "waiting.cef", "w"));
-    Expire(A::kPhoneHomeStarterTimerId);
-    EXPECT_EQ(1, callback.calls);
-    std::vector<LogRecord> failed = Failures("GetSettingsCB");
-    ASSERT_EQ(1u, failed.size()) << DumpLog();
-    EXPECT_TRUE(PwResultEquals(failed[0].result, 0xFE000042));
-    EXPECT_EQ(1u, Failures("CFileUploader::PostDataGetResponse").size()) << DumpLog();
-}
-
 // Host failures at the start or in the loop: each is logged once, by the start, with its
 // code; a failed wait ends the loop, timeouts are normal turns, and a failed timer-list
 // query falls back to a day's wait.

@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <thread>
 #include <csignal>
 #include <string>
 #include <vector>
@@ -28,6 +30,16 @@ std::string Crash(const std::string& module, const std::string& base64) {
 }
 std::string Threat(const std::string& text) {
     return "d13:ThreatReportsd14:ThreatIncident" + Str(text) + "ee";
+}
+// Whether a descriptor of this process is open on `path`.
+bool ProcessHasOpen(const std::string& path) {
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd", error)) {
+        if (std::filesystem::read_symlink(entry.path(), error) == path) {
+            return true;
+        }
+    }
+    return false;
 }
 void SetTime(const std::string& path, time_t seconds) {
     const timespec times[2] = {{seconds, 999999999}, {seconds, 999999999}};
@@ -56,6 +68,15 @@ protected:
             }
         }
         return sent;
+    }
+    // The threat directory, reported and watched. Its scan lists "<dir>\*" and reads the
+    // entries it finds there as "<dir>\*<name>".
+    std::string WatchThreats() {
+        const std::string dir = m_dir / "threats";
+        EXPECT_EQ(0, mkdir(dir.c_str(), 0700) + mkdir((dir + "\\*").c_str(), 0700));
+        Deposit({{"TelemetryModule", dir}});
+        Expire(A::kDelayGetThreatReportDirTimerId);
+        return dir + "\\*";
     }
     // A threat file `name` in the scan `listed`, created `secondsAgo`.
     static std::string ThreatFile(const std::string& listed, const std::string& name,
@@ -193,13 +214,9 @@ TEST_F(ReportsTest, ThreatWatcherSetUp) {
 }
 
 // One pass: every file, oldest first and one per second of creation time, becomes a threat
-// report up to its first NUL and is removed; the reports are posted after the pass. The scan
-// of the watched directory lists "<dir>\*" and reads the entries it finds as "<dir>\*<name>".
+// report up to its first NUL and is removed; the reports are posted after the pass.
 TEST_F(ReportsTest, ThreatDirectoryPass) {
-    const std::string dir = m_dir / "threats", listed = dir + "\\*";
-    ASSERT_EQ(0, mkdir(dir.c_str(), 0700) + mkdir(listed.c_str(), 0700));
-    Deposit({{"TelemetryModule", dir}});
-    Expire(A::kDelayGetThreatReportDirTimerId);
+    const std::string listed = WatchThreats();
     ThreatFile(listed, "late", std::string("blocked host\0tail", 17), 10);
     const std::string first = ThreatFile(listed, "early1", "first", 30);
     const std::string second = ThreatFile(listed, "early2", "second", 30);
@@ -218,6 +235,23 @@ TEST_F(ReportsTest, ThreatDirectoryPass) {
                                  FileExists(first), FileExists(second)}));
     EXPECT_EQ(std::to_string(kStartSeconds + 5), History("last_threat_report"));
     EXPECT_EQ(1800000, Remaining(A::kPostRetryTimerId));  // posted (and refused) after the pass
+}
+
+// A stop during the pass ends it before the next file, and nothing is posted. The oldest
+// file is large (sparse): the stop is requested while the pass is reading it.
+TEST_F(ReportsTest, StopDuringTheThreatPass) {
+    const std::string listed = WatchThreats();
+    const std::string big = ThreatFile(listed, "big", "", 20);
+    ASSERT_EQ(0, truncate(big.c_str(), 256 << 20));
+    SetTime(big, kStartSeconds - 20);
+    const std::string later = ThreatFile(listed, "later", "later", 10);
+    std::thread pass([this] { PhoneHomeAgentTestAccess::ThreatDirChanged(agent()); });
+    ASSERT_TRUE(WaitUntil([&big] { return ProcessHasOpen(big); }));
+    PhoneHomeAgentTestAccess::RequestStop(agent());
+    pass.join();
+    EXPECT_EQ(std::vector<std::string>{Threat("")}, Sent("threat_report"));
+    EXPECT_TRUE(FileExists(later));
+    EXPECT_EQ(-1, Remaining(A::kPostRetryTimerId));
 }
 
 }  // namespace

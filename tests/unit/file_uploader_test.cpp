@@ -120,11 +120,9 @@ TEST_F(FileUploaderTest, TrustModesThroughTheCallback) {
     } cases[] = {
         // clang-format off
         {HTTP_CERT_TRUST_STRICT, "untrusted", "", 0xFE210010},
-        {HTTP_CERT_TRUST_STRICT, "wrongname", "", 0xFE210015},
         {HTTP_CERT_TRUST_SAME_AS_PRIMARY, "selfsigned", selfSigned, 0},
         {HTTP_CERT_TRUST_SAME_AS_PRIMARY, "selfsigned", "", 0xFE210012},
         {HTTP_CERT_TRUST_SAME_AS_PRIMARY, "selfsigned", other, 0xFE210012},
-        {HTTP_CERT_TRUST_SAME_AS_PRIMARY, "server", "", 0},  // trusted anyway
         {HTTP_CERT_TRUST_SECONDARY_ANY, "expired", other, 0},
         {HTTP_CERT_TRUST_ACCEPT_UNTRUSTED, "wrongname", "", 0},
         {HTTP_CERT_TRUST_NO_CHECK, "untrusted", "", 0},
@@ -164,12 +162,11 @@ TEST_F(FileUploaderTest, CallbackWithoutParametersCannotVerify) {
                                         uploader.get(), nullptr, HTTP_CERT_TRUST_STRICT, "h", ""));
     EXPECT_EQ(2u,
               CountLogText("Unable to verify server certificate due to invalid NULL parameters."));
-    // No store and no server name: not verifiable, except in mode 4, which checks nothing.
+    // No store and no server name: not verifiable.
     EXPECT_EQ(PwResult(0xFE870002),
               uploader->ServerCertVerify(fakeStore, HTTP_CERT_TRUST_STRICT, "", ""));
     EXPECT_EQ(1u,
               CountLogText("The server certificate for the secondary connection is not trusted."));
-    EXPECT_EQ(0, uploader->ServerCertVerify(nullptr, HTTP_CERT_TRUST_NO_CHECK, "", ""));
 }
 
 }  // namespace

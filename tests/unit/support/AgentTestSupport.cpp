@@ -7,7 +7,6 @@
 #include "FeedbackServer.h"
 #include "FileSystem.h"
 #include "HostSettings.h"
-#include "HttpSessionCurl.h"
 #include "PhoneHomeConfig.h"
 
 namespace pwtest {
@@ -36,16 +35,15 @@ bool LoopIsWaiting() {
 
 }  // namespace
 
-long ModuleSettingsCallback::GetSettingsCB(IBencodeSettings& settings) {
-    ++calls;
-    for (const Setting& s : m_settings) {
+long ModuleSettingsCallback::GetSettingsCB(IBencodeSettings& target) {
+    for (const Setting& s : settings) {
         if (s.kind == 'i') {
-            settings.Insert(s.key.c_str(), std::stoll(s.value));
+            target.Insert(s.key.c_str(), std::stoll(s.value));
         } else {
-            settings.Insert(s.key.c_str(), s.value.c_str(), s.kind == 'l');
+            target.Insert(s.key.c_str(), s.value.c_str(), s.kind == 'l');
         }
     }
-    return m_result;
+    return 0;
 }
 
 void AgentFixture::SetUp() {
@@ -62,7 +60,6 @@ void AgentFixture::TearDown() {
     StopService();
     m_plugin.reset();
     ClearRoute();
-    CHttpSessionCurl::SetLowSpeedGuard(16, 60);
     ClearDeviceIdOverride();
     HostFixture::TearDown();
 }
@@ -81,7 +78,8 @@ void AgentFixture::Prepare() {
 }
 
 void AgentFixture::Deposit(const std::vector<Setting>& settings) {
-    m_callback.reset(new ModuleSettingsCallback(settings));
+    m_callback.reset(new ModuleSettingsCallback());
+    m_callback->settings = settings;
     m_plugin->SetPhoneHomePluginCB(m_callback.get());
     Expire(CPhoneHomeAgent::kPhoneHomeStarterTimerId);
     ClearCapturedLogs();

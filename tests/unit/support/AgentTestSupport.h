@@ -31,17 +31,10 @@ struct Setting {
     char kind = 's';  // 's', 'l' (list item) or 'i'
 };
 
-// The host's settings callback: inserts `settings`, counts its calls, returns `result`.
-class ModuleSettingsCallback : public IPhoneHomePluginCB {
-public:
-    explicit ModuleSettingsCallback(std::vector<Setting> settings = {}, long result = 0)
-        : m_settings(std::move(settings)), m_result(result) {}
+// The host's settings callback: inserts `settings`.
+struct ModuleSettingsCallback : IPhoneHomePluginCB {
     long GetSettingsCB(IBencodeSettings& settings) override;
-    std::atomic<int> calls{0};
-
-private:
-    std::vector<Setting> m_settings;
-    long m_result;
+    std::vector<Setting> settings;
 };
 
 class AgentFixture : public HostFixture {
