@@ -1,5 +1,5 @@
 // CFileUploader against the local feedback server: one post per uploader, the result-code
-// mapping, the single 16384-byte read and the trust decision of each mode.
+// mapping, the single 16384-byte read and the rejection of certificates that do not verify.
 #include <memory>
 
 #include "AppLog.h"
@@ -101,54 +101,25 @@ TEST_F(FileUploaderTest, SendFailuresMapToUploaderCodes) {
     }
 }
 
-// The trust decision of each mode, through a session made with that mode: mode 0 rejects an
-// untrusted certificate with its verdict; mode 1 accepts one that is the primary
-// connection's, and says so when it differs.
-TEST_F(FileUploaderTest, TrustModesThroughTheCallback) {
-    const std::string selfSigned = ReadFileOrEmpty(TestCertPath("selfsigned.pem"));
-    const std::string other = ReadFileOrEmpty(TestCertPath("server.pem"));
-    ASSERT_FALSE(selfSigned.empty());
-    const std::string kDifferent =
-        "The server certificate for the secondary connection is different than the (trusted) "
-        "server certificate used for the primary connection.  The server certificate for the "
-        "secondary connection is not trusted.";
+// The uploader's sessions trust strictly (no other trust mode is ever asked for): a
+// certificate that does not verify is rejected with its verdict, nothing is sent, and the
+// post fails on its secure channel.
+TEST_F(FileUploaderTest, UnverifiedCertificatesAreRejected) {
     const struct {
-        HTTP_CERT_TRUST_MODE mode;
         const char* cert;
-        std::string primary;
-        uint32_t verdict;  // logged when it rejects; 0: accepted
-    } cases[] = {
-        // clang-format off
-        {HTTP_CERT_TRUST_STRICT, "untrusted", "", 0xFE210010},
-        {HTTP_CERT_TRUST_SAME_AS_PRIMARY, "selfsigned", selfSigned, 0},
-        {HTTP_CERT_TRUST_SAME_AS_PRIMARY, "selfsigned", "", 0xFE210012},
-        {HTTP_CERT_TRUST_SAME_AS_PRIMARY, "selfsigned", other, 0xFE210012},
-        {HTTP_CERT_TRUST_SECONDARY_ANY, "expired", other, 0},
-        {HTTP_CERT_TRUST_ACCEPT_UNTRUSTED, "wrongname", "", 0},
-        {HTTP_CERT_TRUST_NO_CHECK, "untrusted", "", 0},
-        // clang-format on
-    };
+        uint32_t verdict;
+    } cases[] = {{"untrusted", 0xFE210010}, {"wrongname", 0xFE210015}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.cert) + " in mode " + std::to_string(c.mode));
+        SCOPED_TRACE(c.cert);
         FeedbackServer server(c.cert);
         ASSERT_TRUE(server.Route());
         ClearCapturedLogs();
-        auto uploader = MakeUploader();
-        long rc = 0;
-        CHttpSessionCurl session(rc, kUrl, "", {}, "", "", "", "Pathweave", 443, true, true, c.mode,
-                                 c.primary, uploader.get(), &CFileUploader::ServerCertVerifyCB,
-                                 16384, nullptr, nullptr);
-        ASSERT_EQ(0, session.OpenRequest("", 15, 0, HTTP_METHOD_POST));
-        unsigned int status = 0;
-        EXPECT_EQ(c.verdict ? PwResult(0xFE450017) : 0,
-                  session.SendRequest(status, HTTP_BODY_FORM, "data=", 5, 0));
-        session.CloseRequest();
-        EXPECT_EQ(c.verdict ? 0u : 1u, server.RequestCount());
+        std::string reply;
+        EXPECT_EQ(PwResult(0xFE87000C), Post(*MakeUploader(), reply));
         std::vector<LogRecord> verify = Failures("CFileUploader::ServerCertVerify");
-        ASSERT_EQ(c.verdict ? 1u : 0u, verify.size()) << DumpLog();
-        EXPECT_TRUE(verify.empty() || PwResultEquals(verify[0].result, c.verdict));
-        EXPECT_EQ(c.verdict && c.mode != HTTP_CERT_TRUST_STRICT ? 1u : 0u,
-                  CountLogText(kDifferent));
+        ASSERT_EQ(1u, verify.size()) << DumpLog();
+        EXPECT_TRUE(PwResultEquals(verify[0].result, c.verdict));
+        EXPECT_EQ(0u, server.RequestCount());
     }
 }
 
