@@ -123,22 +123,5 @@ TEST_F(FileUploaderTest, UnverifiedCertificatesAreRejected) {
     }
 }
 
-TEST_F(FileUploaderTest, CallbackWithoutParametersCannotVerify) {
-    auto uploader = MakeUploader();
-    int notAStore = 0;
-    const x509_store_ctx_st* fakeStore = reinterpret_cast<const x509_store_ctx_st*>(&notAStore);
-    EXPECT_EQ(PwResult(0xFE870002), CFileUploader::ServerCertVerifyCB(
-                                        nullptr, fakeStore, HTTP_CERT_TRUST_STRICT, "h", ""));
-    EXPECT_EQ(PwResult(0xFE870002), CFileUploader::ServerCertVerifyCB(
-                                        uploader.get(), nullptr, HTTP_CERT_TRUST_STRICT, "h", ""));
-    EXPECT_EQ(2u,
-              CountLogText("Unable to verify server certificate due to invalid NULL parameters."));
-    // No store and no server name: not verifiable.
-    EXPECT_EQ(PwResult(0xFE870002),
-              uploader->ServerCertVerify(fakeStore, HTTP_CERT_TRUST_STRICT, "", ""));
-    EXPECT_EQ(1u,
-              CountLogText("The server certificate for the secondary connection is not trusted."));
-}
-
 }  // namespace
 }  // namespace pwtest
