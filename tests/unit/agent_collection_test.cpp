@@ -35,25 +35,6 @@ protected:
     }
 };
 
-TEST_F(CollectionTest, EveryReportedFileIsTakenInWholeAndDeleted) {
-    const std::string ostra = "d6:countsli1ei-2ee4:named1:x0:ee";
-    const std::string vpn = "d5:bytes1000:" + std::string(1000, '\xff') + "7:tunnels3:ikee";
-    Deposit({File("OstraPhoneHomeFile", "ostra.dat", ostra),
-             File("WebSecurityPhoneHomeFile", "websec.dat", "de"),
-             File("VpnPhoneHomeFile", "vpn.dat", vpn),
-             File("TelemetryPhoneHomeFile", "telemetry.dat", "d1:ai0ee")});
-    errno = ECONNREFUSED;  // as an earlier refused post leaves it
-    Expire(A::kPhoneHomeTimerId);
-    EXPECT_EQ("d10:ModuleDatad11:OstraModule" + ostra + "15:TelemetryModuled1:ai0ee9:VpnModule" +
-                  vpn + "17:WebSecurityModuledeee",
-              Data(1));
-    for (const char* name : {"ostra.dat", "websec.dat", "vpn.dat", "telemetry.dat"}) {
-        EXPECT_FALSE(FileExists(ModuleDataDir() + name)) << name;
-    }
-    EXPECT_EQ(kIntervalMs, Remaining(A::kPhoneHomeTimerId));
-    EXPECT_EQ(1800000, Remaining(A::kPostRetryTimerId));  // the post was refused
-}
-
 // A module file that cannot be read is reported, kept and skipped for the cycle (no retry);
 // a missing one gives the module an empty dictionary.
 TEST_F(CollectionTest, UnusableFilesAreSkippedForTheCycle) {
@@ -94,14 +75,17 @@ TEST_F(CollectionTest, UnusableFilesAreSkippedForTheCycle) {
     }
 }
 
-// A module file locked by its writer is tried again 20 s later, four times; then the
-// report goes without it, and the next cycle takes it.
+// Every reported file is taken in whole under its module's name and deleted. A module file
+// locked by its writer is tried again 20 s later, four times; then the report goes without
+// it, and the next cycle takes it.
 TEST_F(CollectionTest, LockedModuleIsRetriedFourTimesThenLeftForTheNextCycle) {
     Deposit({File("VpnPhoneHomeFile", "vpn.dat", "d4:lateli1eee"),
-             File("TelemetryPhoneHomeFile", "tel.dat", "d4:seeni1ee")});
+             File("TelemetryPhoneHomeFile", "tel.dat", "d4:seeni1ee"),
+             File("OstraPhoneHomeFile", "ostra.dat", "d1:xli-2eee")});
     HeldLock writer(ModuleDataDir() + "vpn.dat");
     for (unsigned int attempt = 1; attempt <= 5; ++attempt) {
         SCOPED_TRACE(attempt);
+        errno = ECONNREFUSED;  // as an earlier refused post leaves it
         Expire(A::kPhoneHomeTimerId);
         EXPECT_EQ(attempt, CountLogText(kVpnFailed));
         EXPECT_FALSE(FileExists(ModuleDataDir() + "tel.dat"));  // taken in at once
@@ -109,22 +93,19 @@ TEST_F(CollectionTest, LockedModuleIsRetriedFourTimesThenLeftForTheNextCycle) {
         EXPECT_EQ(attempt == 5, FileExists(Outbound("feedback_data", 1)));
     }
     EXPECT_EQ(1u, CountLogText("Failed to collect phoneHome data from all the components"));
-    EXPECT_EQ("d10:ModuleDatad15:TelemetryModuled4:seeni1eeee", Data(1));
+    EXPECT_EQ("d10:ModuleDatad11:OstraModuled1:xli-2eee15:TelemetryModuled4:seeni1eeee", Data(1));
     writer.Release();
     Expire(A::kPhoneHomeTimerId);
-    EXPECT_EQ("d10:ModuleDatad15:TelemetryModulede9:VpnModuled4:lateli1eeeee", Data(2));
-}
-
-TEST_F(CollectionTest, RetryThatCannotBeArmedEndsTheCycleUncounted) {
-    Deposit({File("VpnPhoneHomeFile", "vpn.dat", "de")});
-    HeldLock writer(ModuleDataDir() + "vpn.dat");
+    EXPECT_EQ("d10:ModuleDatad11:OstraModulede15:TelemetryModulede9:VpnModuled4:lateli1eeeee",
+              Data(2));
+    // A retry that cannot be armed ends the cycle uncounted, re-armed for the interval.
+    HeldLock again(File("VpnPhoneHomeFile", "vpn.dat", "de").value);
     FailNext(Fault::StartTimer, PwResult(0xFE020003));
     Expire(A::kPhoneHomeTimerId);
-    std::vector<LogRecord> failed = Failures("StartTimer");
-    ASSERT_EQ(1u, failed.size()) << DumpLog();
-    EXPECT_TRUE(PwResultEquals(failed[0].result, 0xFE020003));
-    EXPECT_EQ(kIntervalMs, Remaining(A::kPhoneHomeTimerId));  // the feedback interval instead
-    EXPECT_FALSE(FileExists(Outbound("feedback_data", 1)));
+    ASSERT_EQ(1u, Failures("StartTimer").size()) << DumpLog();
+    EXPECT_TRUE(PwResultEquals(Failures("StartTimer")[0].result, 0xFE020003));
+    EXPECT_EQ(kIntervalMs, Remaining(A::kPhoneHomeTimerId));
+    EXPECT_FALSE(FileExists(Outbound("feedback_data", 3)));
 }
 
 // 99 is followed by 100, which is saved; in memory 100 is a valid number: it is used once,
