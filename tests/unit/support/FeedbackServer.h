@@ -1,6 +1,6 @@
-// The local HTTPS feedback server (tests/e2e/feedback_server.py) driven from a test: it
-// runs as a child process on 127.0.0.1, answers as its control file says and records each
-// request. Certificates are made once per test program by tests/e2e/make_certs.sh.
+// The local HTTPS feedback server (tools/feedback-server/feedback_server.py) driven from a
+// test: it runs as a child process on 127.0.0.1, answers as its control file says and
+// records each request. Certificates are made once per test program by make_certs.sh.
 #pragma once
 
 #include <string>
