@@ -39,7 +39,8 @@ TEST_F(PluginShellTest, CreatePluginAnswersExactlyTheTwoInterfaceNames) {
     EXPECT_EQ(g_AvailableInterfaces, list.interfaces);
     EXPECT_STREQ(kFeedback, list.interfaces[0].name);
     EXPECT_STREQ(kStatus, list.interfaces[1].name);
-    EXPECT_EQ(1u, list.interfaces[0].version * list.interfaces[1].version);
+    EXPECT_EQ(1u, list.interfaces[0].version);
+    EXPECT_EQ(1u, list.interfaces[1].version);
     FailNext(Fault::CreateEvent, PwResult(0xFE010099));
     EXPECT_EQ(nullptr, CreatePlugin(kFeedback));
     ASSERT_EQ(1u, Failures("CreatePlugin").size()) << DumpLog();
