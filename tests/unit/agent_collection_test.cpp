@@ -3,7 +3,6 @@
 // sequence number; the payload's exact bytes, its identifiers, OS record and locale.
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <clocale>
 #include <cstring>
@@ -35,27 +34,6 @@ protected:
         return ReportIn(Outbound("feedback_data", sequence)).data;
     }
 };
-
-TEST_F(CollectionTest, EveryReportedFileIsTakenInWholeAndDeleted) {
-    const std::string ostra = "d6:countsli1ei-2ee4:named1:x0:ee";
-    const std::string vpn = "d5:bytes1000:" + std::string(1000, '\xff') + "7:tunnels3:ikee";
-    Deposit({File("OstraPhoneHomeFile", "ostra.dat", ostra),
-             File("WebSecurityPhoneHomeFile", "websec.dat", "de"),
-             File("VpnPhoneHomeFile", "vpn.dat", vpn),
-             File("TelemetryPhoneHomeFile", "telemetry.dat", "d1:ai0ee")});
-    errno = ECONNREFUSED;  // as an earlier refused post leaves it
-    Expire(A::kPhoneHomeTimerId);
-    EXPECT_EQ("d10:ModuleDatad11:OstraModule" + ostra + "15:TelemetryModuled1:ai0ee9:VpnModule" +
-                  vpn + "17:WebSecurityModuledeee",
-              Data(1));
-    for (const char* name : {"ostra.dat", "websec.dat", "vpn.dat", "telemetry.dat"}) {
-        EXPECT_FALSE(FileExists(ModuleDataDir() + name)) << name;
-    }
-    EXPECT_EQ(kIntervalMs, Remaining(A::kPhoneHomeTimerId));
-    EXPECT_EQ("2", ReadHistory()["last_sequence_number"]);
-    EXPECT_EQ(std::to_string(kStartSeconds), ReadHistory()["last_feedback"]);
-    EXPECT_EQ(1800000, Remaining(A::kPostRetryTimerId));  // the post was refused
-}
 
 // A module file that cannot be read is reported, kept and skipped for the cycle (no retry);
 // a missing one gives the module an empty dictionary.
@@ -97,14 +75,17 @@ TEST_F(CollectionTest, UnusableFilesAreSkippedForTheCycle) {
     }
 }
 
-// A module file locked by its writer is tried again 20 s later, four times; then the
-// report goes without it, and the next cycle takes it, with four retries again.
+// Every reported file is taken in whole under its module's name and deleted. A module file
+// locked by its writer is tried again 20 s later, four times; then the report goes without
+// it, and the next cycle takes it.
 TEST_F(CollectionTest, LockedModuleIsRetriedFourTimesThenLeftForTheNextCycle) {
     Deposit({File("VpnPhoneHomeFile", "vpn.dat", "d4:lateli1eee"),
-             File("TelemetryPhoneHomeFile", "tel.dat", "d4:seeni1ee")});
+             File("TelemetryPhoneHomeFile", "tel.dat", "d4:seeni1ee"),
+             File("OstraPhoneHomeFile", "ostra.dat", "d1:xli-2eee")});
     HeldLock writer(ModuleDataDir() + "vpn.dat");
     for (unsigned int attempt = 1; attempt <= 5; ++attempt) {
         SCOPED_TRACE(attempt);
+        errno = ECONNREFUSED;  // as an earlier refused post leaves it
         Expire(A::kPhoneHomeTimerId);
         EXPECT_EQ(attempt, CountLogText(kVpnFailed));
         EXPECT_FALSE(FileExists(ModuleDataDir() + "tel.dat"));  // taken in at once
@@ -112,53 +93,34 @@ TEST_F(CollectionTest, LockedModuleIsRetriedFourTimesThenLeftForTheNextCycle) {
         EXPECT_EQ(attempt == 5, FileExists(Outbound("feedback_data", 1)));
     }
     EXPECT_EQ(1u, CountLogText("Failed to collect phoneHome data from all the components"));
-    EXPECT_EQ("d10:ModuleDatad15:TelemetryModuled4:seeni1eeee", Data(1));
+    EXPECT_EQ("d10:ModuleDatad11:OstraModuled1:xli-2eee15:TelemetryModuled4:seeni1eeee", Data(1));
     writer.Release();
     Expire(A::kPhoneHomeTimerId);
-    EXPECT_EQ("d10:ModuleDatad15:TelemetryModulede9:VpnModuled4:lateli1eeeee", Data(2));
+    EXPECT_EQ("d10:ModuleDatad11:OstraModulede15:TelemetryModulede9:VpnModuled4:lateli1eeeee",
+              Data(2));
+    // A retry that cannot be armed ends the cycle uncounted, re-armed for the interval.
     HeldLock again(File("VpnPhoneHomeFile", "vpn.dat", "de").value);
-    for (unsigned int attempt = 1; attempt <= 5; ++attempt) {
-        Expire(A::kPhoneHomeTimerId);
-    }
-    EXPECT_EQ(2u, CountLogText("Failed to collect phoneHome data from all the components"));
-}
-
-TEST_F(CollectionTest, RetryThatCannotBeArmedEndsTheCycleUncounted) {
-    Deposit({File("VpnPhoneHomeFile", "vpn.dat", "de")});
-    HeldLock writer(ModuleDataDir() + "vpn.dat");
     FailNext(Fault::StartTimer, PwResult(0xFE020003));
     Expire(A::kPhoneHomeTimerId);
-    std::vector<LogRecord> failed = Failures("StartTimer");
-    ASSERT_EQ(1u, failed.size()) << DumpLog();
-    EXPECT_TRUE(PwResultEquals(failed[0].result, 0xFE020003));
-    EXPECT_EQ(kIntervalMs, Remaining(A::kPhoneHomeTimerId));  // the feedback interval instead
-    EXPECT_FALSE(FileExists(Outbound("feedback_data", 1)));
+    ASSERT_EQ(1u, Failures("StartTimer").size()) << DumpLog();
+    EXPECT_TRUE(PwResultEquals(Failures("StartTimer")[0].result, 0xFE020003));
+    EXPECT_EQ(kIntervalMs, Remaining(A::kPhoneHomeTimerId));
+    EXPECT_FALSE(FileExists(Outbound("feedback_data", 3)));
 }
 
-// Each report covers the time since the previous one (the first, since initialisation).
 // 99 is followed by 100, which is saved; in memory 100 is a valid number: it is used once,
 // then the numbering wraps.
-TEST_F(CollectionTest, ConsecutiveReportsAndTheSequenceNumbersWrap) {
+TEST_F(CollectionTest, SequenceNumbersWrapAfterOneHundred) {
     NewPlugin();
     WriteHistory("last_sequence_number:99\n");
     Prepare();
-    const struct {
-        unsigned int now, sequence;
-        const char* saved;
-    } reports[] = {{kStartSeconds + 600, 99, "100"},
-                   {kStartSeconds + 600, 100, "1"},
-                   {kStartSeconds + 2592600, 1, "2"}};
-    long long previousEnd = kStartSeconds;
-    for (const auto& r : reports) {
-        SCOPED_TRACE(r.sequence);
-        SetManualUnixSeconds(r.now);
+    for (const char* saved : {"100", "1", "2"}) {
         Expire(A::kPhoneHomeTimerId);
-        Report report = ReportIn(Outbound("feedback_data", r.sequence));
-        EXPECT_EQ(previousEnd, report.start);
-        EXPECT_EQ(r.now, report.end);
-        previousEnd = report.end;
-        EXPECT_EQ(r.saved, ReadHistory()["last_sequence_number"]);
+        EXPECT_EQ(saved, History("last_sequence_number"));
     }
+    EXPECT_EQ((std::vector<std::string>{"feedback_data1.cef", "feedback_data100.cef",
+                                        "feedback_data99.cef"}),
+              OutboundFiles());
 }
 
 // A failed write loses what was gathered, posts nothing and keeps the number for the next
@@ -193,19 +155,16 @@ protected:
         ClearOsVersionOverride();
         setlocale(LC_ALL, "C");
     }
-    // The bytes of the first report, written a day after the start, on this OS record (its
-    // texts cut to their arrays).
-    std::string FirstReport(unsigned int major = 2, unsigned int minor = 6, unsigned int build = 0,
-                            const std::string& type = "Linux",
-                            const std::string& details = "2.6.32") {
+    // The bytes of the first report, written a day after the start, on an OS record of the
+    // largest versions and texts that fill their arrays.
+    std::string FirstReport() {
         OS_VERSION_INFO record = {};
         record.dwOSVersionInfoSize = sizeof record;
-        record.dwMajorVersion = major;
-        record.dwMinorVersion = minor;
-        record.dwBuildNumber = build;
-        memcpy(record.szOSType, type.data(), std::min(type.size(), sizeof record.szOSType));
-        memcpy(record.szVersionDetails, details.data(),
-               std::min(details.size(), sizeof record.szVersionDetails));
+        record.dwMajorVersion = 4294967295u;
+        record.dwMinorVersion = 2147483648u;
+        record.dwBuildNumber = 7;
+        memset(record.szOSType, 'T', sizeof record.szOSType);
+        memset(record.szVersionDetails, 'v', sizeof record.szVersionDetails);
         OverrideOsVersion(record);
         Prepare();
         SetManualUnixSeconds(kStartSeconds + 86400);
@@ -215,38 +174,19 @@ protected:
 };
 
 // The SHA-1 of "DefaultMachineID" stands in for a device identifier the host cannot give.
+// Versions are never negative; texts are taken up to the last byte of their arrays.
 TEST_F(PayloadTest, ReferencePayloadByteForByte) {
     FailNext(Fault::DeviceId, PwResult(0xFE000001));
     const std::string version = PW_PRODUCT_VERSION_TEXT;
     EXPECT_EQ(
         "li7e40:a29d7ba62ff9e1dafe055e7c35f002cfac5f9afbi3eli1400000000ei1400086400ed"
         "10:CustomerId7:release9:MachineId40:a29d7ba62ff9e1dafe055e7c35f002cfac5f9afb"
-        "9:OSDetailsd14:OSBuildVersioni0e8:OSLocale1:C14:OSMajorVersioni2e"
-        "14:OSMinorVersioni6e6:OSName5:Linux6:OSType5:Linux16:OSVersionDetails6:2.6.32e"
-        "9:PWVersion" +
-            std::to_string(version.size()) + ":" + version +
+        "9:OSDetailsd14:OSBuildVersioni7e8:OSLocale1:C14:OSMajorVersioni4294967295e"
+        "14:OSMinorVersioni2147483648e6:OSName5:Linux6:OSType63:" +
+            std::string(63, 'T') + "16:OSVersionDetails255:" + std::string(255, 'v') +
+            "e9:PWVersion" + std::to_string(version.size()) + ":" + version +
             "22:PhoneHomeFormatVersion3:1.022:QualityImprovementDatad10:ModuleDatadeeeee",
         FirstReport());
-}
-
-// The profile's customer identifier and the device identifier's digest go in as they are.
-TEST_F(PayloadTest, CustomerAndMachineIdentifiers) {
-    OverrideDeviceId("abc");
-    WriteProfile("<CustomerID>acme-42</CustomerID>");
-    EXPECT_NE(std::string::npos,
-              FirstReport().find(
-                  "10:CustomerId7:acme-429:MachineId40:a9993e364706816aba3e25717850c26c9cd0d89d"));
-}
-
-// Versions are never negative; texts that fill their arrays are taken up to the last byte.
-TEST_F(PayloadTest, OsDetailsComeFromOneRecordAndAreNeverNegative) {
-    EXPECT_NE(
-        std::string::npos,
-        FirstReport(4294967295u, 2147483648u, 7, std::string(64, 'T'), std::string(256, 'v'))
-            .find("9:OSDetailsd14:OSBuildVersioni7e8:OSLocale1:C"
-                  "14:OSMajorVersioni4294967295e14:OSMinorVersioni2147483648e"
-                  "6:OSName5:Linux6:OSType63:" +
-                  std::string(63, 'T') + "16:OSVersionDetails255:" + std::string(255, 'v') + "e"));
 }
 
 // The locale reported is the environment's; the process keeps its own. A locale the
@@ -255,7 +195,7 @@ TEST_F(PayloadTest, LocaleIsTheEnvironmentsAndTheProcessLocaleIsRestored) {
     struct Case {
         const char* environment;
         const char* expected;  // null: the switch is refused
-    } cases[] = {{"C", "1:C"}, {"POSIX", "1:C"}, {"C.UTF-8", "7:C.UTF-8"}, {"xx.bogus", nullptr}};
+    } cases[] = {{"POSIX", "1:C"}, {"C.UTF-8", "7:C.UTF-8"}, {"xx.bogus", nullptr}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.environment);
         NewPlugin();
@@ -263,13 +203,11 @@ TEST_F(PayloadTest, LocaleIsTheEnvironmentsAndTheProcessLocaleIsRestored) {
         RemoveTree(HistoryPath());
         ASSERT_NE(nullptr, setlocale(LC_ALL, "C.UTF-8"));
         setenv("LC_ALL", c.environment, 1);
-        ClearCapturedLogs();
         if (c.expected == nullptr) {
             EXPECT_FALSE(PhoneHomeAgentTestAccess::Prepare(agent()));
-            EXPECT_EQ(1u, CountLogText("Failed to get System Locale information")) << DumpLog();
+            EXPECT_TRUE(HasLogText("Failed to get System Locale information")) << DumpLog();
         } else {
-            EXPECT_NE(std::string::npos,
-                      FirstReport().find(std::string("8:OSLocale") + c.expected));
+            EXPECT_NE(std::string::npos, FirstReport().find(std::string("OSLocale") + c.expected));
         }
         EXPECT_STREQ("C.UTF-8", setlocale(LC_ALL, nullptr));
     }

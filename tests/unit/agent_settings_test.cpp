@@ -23,7 +23,7 @@ typedef CPhoneHomeAgent A;
 TEST_F(AgentSettingsTest, ConfigFileOverridesProfileAndDefaults) {
     struct Case {
         const char* profile;  // null: no profile
-        const char* config;   // null: no config file
+        const char* config;   // null: an empty config file
         unsigned int feedback, checkCrash;
         bool unreadable;
     } cases[] = {
@@ -46,23 +46,18 @@ TEST_F(AgentSettingsTest, ConfigFileOverridesProfileAndDefaults) {
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string(c.profile ? c.profile : "-") + " / " +
                      (c.config ? c.config : "-"));
-        RemoveTree(FeedbackDir() + "config");
         RemoveTree(FeedbackDir() + "CustomerExperience_Feedback.xml");
         if (c.profile != nullptr) {
             WriteProfile(c.profile);
         }
-        if (c.config != nullptr) {
-            ASSERT_TRUE(WriteFile(FeedbackDir() + "config", c.config));
-        }
+        ASSERT_TRUE(WriteFile(FeedbackDir() + "config", c.config ? c.config : ""));
         NewPlugin();
         ClearCapturedLogs();
         ASSERT_TRUE(PhoneHomeAgentTestAccess::Prepare(agent()));
         std::vector<LogRecord> failed = Failures("XmlParser::parseFile");
         ASSERT_EQ(c.unreadable ? 1u : 0u, failed.size()) << DumpLog();
-        if (c.unreadable) {
-            EXPECT_EQ("LoadSettingsFromXmlFile", failed[0].function);
-            EXPECT_NE(std::string::npos, failed[0].text.find("CustomerExperience_Feedback.xml"));
-        }
+        EXPECT_TRUE(!c.unreadable || (failed[0].function == "LoadSettingsFromXmlFile" &&
+                                      failed[0].text.find("_Feedback.xml") != std::string::npos));
         Expire(A::kPhoneHomeTimerId);
         Expire(A::kCheckCrashTimerId);
         EXPECT_EQ(static_cast<unsigned int>(c.feedback * 1000u), Remaining(A::kPhoneHomeTimerId));
@@ -74,10 +69,7 @@ TEST_F(AgentSettingsTest, DisableMarkerLifecycle) {
     const std::string marker = ModuleDataDir() + "cefdisable";
     WriteProfile("<ServiceDisable>true</ServiceDisable>");
     EXPECT_TRUE(agent().Start());
-    EXPECT_TRUE(HasLogText("Customer Experience Feedback module is disabled"));
-    EXPECT_EQ(-1, Remaining(A::kPhoneHomeTimerId));
     EXPECT_TRUE(FileExists(marker));
-    EXPECT_FALSE(CPhoneHomeUtility::IsPhoneHomeEnabled(ModuleDataDir()));
     EXPECT_FALSE(agent().Start()) << "the disabled agent stays marked as running";
 
     // Enabled again: the first initialisation removes the marker and still fails.
@@ -139,30 +131,30 @@ TEST_F(AgentSettingsTest, SequenceNumberLastPostAndVersionRules) {
         WriteHistory(c.history);
         ClearCapturedLogs();
         ASSERT_TRUE(PhoneHomeAgentTestAccess::Prepare(agent())) << DumpLog();
-        size_t records = 0;
+        std::string logged;
         for (const LogRecord& record : CapturedLogs()) {
-            records += record.function == "InitPhoneHomeAgent";
+            logged += record.function == "InitPhoneHomeAgent" ? record.text : "";
         }
-        EXPECT_EQ(c.logged.empty() ? 0u : 1u, records) << DumpLog();
-        EXPECT_EQ(!c.logged.empty(), HasLogText(c.logged)) << DumpLog();
+        EXPECT_EQ(c.logged, logged) << DumpLog();
         Expire(A::kPhoneHomeTimerId);
         EXPECT_TRUE(FileExists(Outbound("feedback_data", c.sequence))) << DumpLog();
-        EXPECT_EQ("", ReadHistory()["last_threat_report"]);
+        EXPECT_EQ("", History("last_threat_report"));
     }
 }
 
 TEST_F(AgentSettingsTest, HistoryFileLayoutAndSettingsSummary) {
-    ClearCapturedLogs();
     ASSERT_TRUE(PhoneHomeAgentTestAccess::Prepare(agent()));
-    std::vector<std::string> summaries;
-    for (const LogRecord& record : CapturedLogs()) {
-        if (record.messageId == 6300) {
-            summaries.push_back(record.text);
-        }
+    size_t summaries = 0;  // the machine ID is the SHA-1 of the test's device identifier
+    for (const LogRecord& r : CapturedLogs()) {
+        summaries += r.messageId == 6300 &&
+                     r.text ==
+                         "Customer Experience Feedback settings: service Enabled, machine ID "
+                         "b1775a785f09a6ebaf2dc33d6eaeb98974d9cdb8, customer ID release, "
+                         "server https://feedback.pathweave.example/cef/upload, include crash "
+                         "reports Yes, crash check interval 86400 s, feedback interval "
+                         "2592000 s, next sequence number 1";
     }
-    ASSERT_EQ(1u, summaries.size());
-    // The SHA-1 of the test's device identifier.
-    EXPECT_NE(std::string::npos, summaries[0].find("b1775a785f09a6ebaf2dc33d6eaeb98974d9cdb8"));
+    EXPECT_EQ(1u, summaries) << DumpLog();
     SetManualUnixSeconds(kStartSeconds + 7);
     Expire(A::kPhoneHomeTimerId);
     EXPECT_EQ(std::string("last_version_number:") + PW_PRODUCT_VERSION_TEXT +

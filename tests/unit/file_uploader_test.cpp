@@ -1,5 +1,5 @@
 // CFileUploader against the local feedback server: one post per uploader, the result-code
-// mapping, the single 16384-byte read and the trust decision of each mode.
+// mapping and the rejection of certificates that do not verify.
 #include <memory>
 
 #include "AppLog.h"
@@ -20,10 +20,9 @@ std::unique_ptr<CFileUploader> MakeUploader(bool closeOnSendFailure = true) {
     return uploader;
 }
 
-long Post(CFileUploader& uploader, std::string& reply,
-          const std::string& body = "data=", bool compressed = false) {
+long Post(CFileUploader& uploader, std::string& reply, const std::string& body = "data=") {
     return uploader.PostDataGetResponse(kUrl, body.data(), static_cast<int>(body.size()), reply,
-                                        compressed);
+                                        false);
 }
 
 class FileUploaderTest : public HostFixture {
@@ -34,36 +33,23 @@ protected:
     }
 };
 
-// The reply is appended up to its first NUL, from one read of at most 16384 bytes.
-TEST_F(FileUploaderTest, PostsBodyAndReadsReply) {
-    const struct {
-        const char* control;
-        bool compressed;
-        size_t replySize;
-    } cases[] = {
-        // clang-format off
-        {"mode=ok\nreply=thanks", false, 6},
-        {"mode=ok\nreply_size=20000", true, 16384},
-        {"mode=ok\nreply_size=100\nreply_nul_at=10", false, 10},
-        {"mode=nobody", false, 0},
-        // clang-format on
-    };
+// The body goes as it is (bytes after a NUL too) to the path of the URL, with the client's
+// name; a reply larger than the one read, or none at all, is no failure.
+TEST_F(FileUploaderTest, PostsBodyAsItIs) {
     FeedbackServer server;
     ASSERT_TRUE(server.Route());
     const std::string body("data=\x00\x01\x02 bencode", 16);
-    size_t count = 0;
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.control);
-        server.SetControl(c.control);
-        std::string reply = "prefix:";
-        EXPECT_EQ(0, Post(*MakeUploader(), reply, body, c.compressed));
-        EXPECT_EQ(7 + c.replySize, reply.size());
-        ASSERT_TRUE(server.WaitForRequests(++count));
-        RecordedRequest request = server.Requests().back();
+    for (const char* control : {"mode=ok\nreply_size=20000", "mode=nobody"}) {
+        server.SetControl(control);
+        std::string reply;
+        EXPECT_EQ(0, Post(*MakeUploader(), reply, body)) << control;
+    }
+    ASSERT_TRUE(server.WaitForRequests(2));
+    for (const RecordedRequest& request : server.Requests()) {
         EXPECT_EQ(body, request.body);
         EXPECT_EQ("/cef/upload", request.path);
         EXPECT_EQ("Pathweave", request.Header("User-Agent"));
-        EXPECT_EQ(c.compressed ? "True" : "", request.Header("Zip"));
+        EXPECT_FALSE(request.HasHeader("Zip"));
     }
 }
 
@@ -101,75 +87,26 @@ TEST_F(FileUploaderTest, SendFailuresMapToUploaderCodes) {
     }
 }
 
-// The trust decision of each mode, through a session made with that mode: mode 0 rejects an
-// untrusted certificate with its verdict; mode 1 accepts one that is the primary
-// connection's, and says so when it differs.
-TEST_F(FileUploaderTest, TrustModesThroughTheCallback) {
-    const std::string selfSigned = ReadFileOrEmpty(TestCertPath("selfsigned.pem"));
-    const std::string other = ReadFileOrEmpty(TestCertPath("server.pem"));
-    ASSERT_FALSE(selfSigned.empty());
-    const std::string kDifferent =
-        "The server certificate for the secondary connection is different than the (trusted) "
-        "server certificate used for the primary connection.  The server certificate for the "
-        "secondary connection is not trusted.";
+// The uploader's sessions trust strictly (no other trust mode is ever asked for): a
+// certificate that does not verify is rejected with its verdict, nothing is sent, and the
+// post fails on its secure channel.
+TEST_F(FileUploaderTest, UnverifiedCertificatesAreRejected) {
     const struct {
-        HTTP_CERT_TRUST_MODE mode;
         const char* cert;
-        std::string primary;
-        uint32_t verdict;  // logged when it rejects; 0: accepted
-    } cases[] = {
-        // clang-format off
-        {HTTP_CERT_TRUST_STRICT, "untrusted", "", 0xFE210010},
-        {HTTP_CERT_TRUST_STRICT, "wrongname", "", 0xFE210015},
-        {HTTP_CERT_TRUST_SAME_AS_PRIMARY, "selfsigned", selfSigned, 0},
-        {HTTP_CERT_TRUST_SAME_AS_PRIMARY, "selfsigned", "", 0xFE210012},
-        {HTTP_CERT_TRUST_SAME_AS_PRIMARY, "selfsigned", other, 0xFE210012},
-        {HTTP_CERT_TRUST_SAME_AS_PRIMARY, "server", "", 0},  // trusted anyway
-        {HTTP_CERT_TRUST_SECONDARY_ANY, "expired", other, 0},
-        {HTTP_CERT_TRUST_ACCEPT_UNTRUSTED, "wrongname", "", 0},
-        {HTTP_CERT_TRUST_NO_CHECK, "untrusted", "", 0},
-        // clang-format on
-    };
+        uint32_t verdict;
+    } cases[] = {{"untrusted", 0xFE210010}, {"wrongname", 0xFE210015}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.cert) + " in mode " + std::to_string(c.mode));
+        SCOPED_TRACE(c.cert);
         FeedbackServer server(c.cert);
         ASSERT_TRUE(server.Route());
         ClearCapturedLogs();
-        auto uploader = MakeUploader();
-        long rc = 0;
-        CHttpSessionCurl session(rc, kUrl, "", {}, "", "", "", "Pathweave", 443, true, true, c.mode,
-                                 c.primary, uploader.get(), &CFileUploader::ServerCertVerifyCB,
-                                 16384, nullptr, nullptr);
-        ASSERT_EQ(0, session.OpenRequest("", 15, 0, HTTP_METHOD_POST));
-        unsigned int status = 0;
-        EXPECT_EQ(c.verdict ? PwResult(0xFE450017) : 0,
-                  session.SendRequest(status, HTTP_BODY_FORM, "data=", 5, 0));
-        session.CloseRequest();
-        EXPECT_EQ(c.verdict ? 0u : 1u, server.RequestCount());
+        std::string reply;
+        EXPECT_EQ(PwResult(0xFE87000C), Post(*MakeUploader(), reply));
         std::vector<LogRecord> verify = Failures("CFileUploader::ServerCertVerify");
-        ASSERT_EQ(c.verdict ? 1u : 0u, verify.size()) << DumpLog();
-        EXPECT_TRUE(verify.empty() || PwResultEquals(verify[0].result, c.verdict));
-        EXPECT_EQ(c.verdict && c.mode != HTTP_CERT_TRUST_STRICT ? 1u : 0u,
-                  CountLogText(kDifferent));
+        ASSERT_EQ(1u, verify.size()) << DumpLog();
+        EXPECT_TRUE(PwResultEquals(verify[0].result, c.verdict));
+        EXPECT_EQ(0u, server.RequestCount());
     }
-}
-
-TEST_F(FileUploaderTest, CallbackWithoutParametersCannotVerify) {
-    auto uploader = MakeUploader();
-    int notAStore = 0;
-    const x509_store_ctx_st* fakeStore = reinterpret_cast<const x509_store_ctx_st*>(&notAStore);
-    EXPECT_EQ(PwResult(0xFE870002), CFileUploader::ServerCertVerifyCB(
-                                        nullptr, fakeStore, HTTP_CERT_TRUST_STRICT, "h", ""));
-    EXPECT_EQ(PwResult(0xFE870002), CFileUploader::ServerCertVerifyCB(
-                                        uploader.get(), nullptr, HTTP_CERT_TRUST_STRICT, "h", ""));
-    EXPECT_EQ(2u,
-              CountLogText("Unable to verify server certificate due to invalid NULL parameters."));
-    // No store and no server name: not verifiable, except in mode 4, which checks nothing.
-    EXPECT_EQ(PwResult(0xFE870002),
-              uploader->ServerCertVerify(fakeStore, HTTP_CERT_TRUST_STRICT, "", ""));
-    EXPECT_EQ(1u,
-              CountLogText("The server certificate for the secondary connection is not trusted."));
-    EXPECT_EQ(0, uploader->ServerCertVerify(nullptr, HTTP_CERT_TRUST_NO_CHECK, "", ""));
 }
 
 }  // namespace

@@ -16,7 +16,8 @@ using PluginShellTest = AgentFixture;
 const char* const kFeedback = PHONEHOME_PLUGIN_INTERFACE_NAME;
 const char* const kStatus = COMPONENT_STATUS_INTERFACE_NAME;
 
-// Each name makes its own object, which answers for its interface at version 1 only.
+// Each name makes its own object, which answers for its interface at version 1 only; a
+// feedback object whose agent cannot be made is not handed out.
 TEST_F(PluginShellTest, CreatePluginAnswersExactlyTheTwoInterfaceNames) {
     // clang-format off
     const char* const names[] = {kFeedback, kStatus, "COM.NORVEK.PATHWEAVE.SERVICE.CUSTOMER.FEEDBACK", "com.norvek.pathweave.component.status ", "", nullptr};
@@ -38,15 +39,12 @@ TEST_F(PluginShellTest, CreatePluginAnswersExactlyTheTwoInterfaceNames) {
     EXPECT_EQ(g_AvailableInterfaces, list.interfaces);
     EXPECT_STREQ(kFeedback, list.interfaces[0].name);
     EXPECT_STREQ(kStatus, list.interfaces[1].name);
-    for (unsigned int i = 0; i < list.count; ++i) {
-        EXPECT_EQ(1u, list.interfaces[i].version);
-    }
-    // A feedback object whose agent cannot be made is not handed out.
+    EXPECT_EQ(1u, list.interfaces[0].version);
+    EXPECT_EQ(1u, list.interfaces[1].version);
     FailNext(Fault::CreateEvent, PwResult(0xFE010099));
     EXPECT_EQ(nullptr, CreatePlugin(kFeedback));
-    std::vector<LogRecord> failed = Failures("CreatePlugin");
-    ASSERT_EQ(1u, failed.size()) << DumpLog();
-    EXPECT_TRUE(PwResultEquals(failed[0].result, 0xFE010099));
+    ASSERT_EQ(1u, Failures("CreatePlugin").size()) << DumpLog();
+    EXPECT_TRUE(PwResultEquals(Failures("CreatePlugin")[0].result, 0xFE010099));
 }
 
 TEST_F(PluginShellTest, CallbackSetterRefusesNullAndKeepsThePreviousOne) {
@@ -93,12 +91,11 @@ TEST_F(PluginShellTest, StatusFollowsTheProfileAtEveryQuery) {
         unsigned int size = sizeof buffer;
         EXPECT_EQ(0, status.GetDisplayName(buffer, size));
         EXPECT_EQ(c.crashName ? crash : plain, buffer);
-        std::vector<LogRecord> logs = CapturedLogs();
-        ASSERT_EQ(c.profile ? 0u : 2u, logs.size()) << DumpLog();
-        for (const LogRecord& record : logs) {
-            EXPECT_EQ("XmlParser::parseFile", record.failedCall);
-            EXPECT_EQ("vpn/PhoneHome/PhoneHomePluginImp", record.sourceFile);
-            EXPECT_TRUE(PwResultEquals(record.result, 0xFE300001));
+        EXPECT_EQ(c.profile ? 0u : 2u, CapturedLogs().size()) << DumpLog();
+        for (const LogRecord& r : CapturedLogs()) {
+            EXPECT_TRUE(r.failedCall == "XmlParser::parseFile" &&
+                        PwResultEquals(r.result, 0xFE300001) &&
+                        r.sourceFile == "vpn/PhoneHome/PhoneHomePluginImp");
         }
     }
     // A buffer too small (or none) is left alone and told the size needed, terminator included.
@@ -124,12 +121,10 @@ TEST_F(PluginShellTest, ProfileReaderAppliesTheValueRules) {
         {"", false, true, 0, ""},
         {"<ServiceDisable>True</ServiceDisable>", true, true, 0, ""},
         {"<ServiceDisable> true</ServiceDisable>", false, true, 0, ""},
-        {"<ServiceDisable>1</ServiceDisable>", false, true, 0, ""},
         {"<IncludeCrashReport>no</IncludeCrashReport>", false, false, 0, ""},
         {"<FeedbackInterval>3600abc</FeedbackInterval>", false, true, 3600, ""},
         {"<FeedbackInterval>-5</FeedbackInterval>", false, true, -5, ""},
         {"<FeedbackInterval>99999999999</FeedbackInterval>", false, true, 2147483647, ""},
-        {"<FeedbackInterval>-99999999999</FeedbackInterval>", false, true, -2147483647L - 1, ""},
         {"<X><Y><CustomerID>acme</CustomerID></Y></X>", false, true, 0, "acme"},
         {"<customerid>acme</customerid>", false, true, 0, ""},
         {"<CustomerID> a b </CustomerID>", false, true, 0, " a b "},
@@ -147,16 +142,6 @@ TEST_F(PluginShellTest, ProfileReaderAppliesTheValueRules) {
         EXPECT_EQ(c.feedbackInterval, handler.GetFeedbackInterval());
         EXPECT_EQ(c.customerId, handler.GetCustomerID());
     }
-    // Empty text leaves an interval as it was; text after an end tag changes nothing. (The
-    // parser delivers neither: the handler is called as a parser could.)
-    PhoneHomeXmlMgr handler;
-    handler.addElement("FeedbackInterval");
-    handler.setElementValue("7");
-    handler.setElementValue("");
-    EXPECT_EQ(7, handler.GetFeedbackInterval());
-    handler.endElement("FeedbackInterval");
-    handler.setElementValue("9");
-    EXPECT_EQ(7, handler.GetFeedbackInterval());
 }
 
 // The marker counts only when it can be opened: a dangling link or a link loop (which root

@@ -2,13 +2,11 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <sstream>
 
 #include "ExecutionContext.h"
 #include "FeedbackServer.h"
 #include "FileSystem.h"
 #include "HostSettings.h"
-#include "HttpSessionCurl.h"
 #include "PhoneHomeConfig.h"
 
 namespace pwtest {
@@ -37,16 +35,15 @@ bool LoopIsWaiting() {
 
 }  // namespace
 
-long ModuleSettingsCallback::GetSettingsCB(IBencodeSettings& settings) {
-    ++calls;
-    for (const Setting& s : m_settings) {
+long ModuleSettingsCallback::GetSettingsCB(IBencodeSettings& target) {
+    for (const Setting& s : settings) {
         if (s.kind == 'i') {
-            settings.Insert(s.key.c_str(), std::stoll(s.value));
+            target.Insert(s.key.c_str(), std::stoll(s.value));
         } else {
-            settings.Insert(s.key.c_str(), s.value.c_str(), s.kind == 'l');
+            target.Insert(s.key.c_str(), s.value.c_str(), s.kind == 'l');
         }
     }
-    return m_result;
+    return 0;
 }
 
 void AgentFixture::SetUp() {
@@ -63,7 +60,6 @@ void AgentFixture::TearDown() {
     StopService();
     m_plugin.reset();
     ClearRoute();
-    CHttpSessionCurl::SetLowSpeedGuard(16, 60);
     ClearDeviceIdOverride();
     HostFixture::TearDown();
 }
@@ -82,7 +78,8 @@ void AgentFixture::Prepare() {
 }
 
 void AgentFixture::Deposit(const std::vector<Setting>& settings) {
-    m_callback.reset(new ModuleSettingsCallback(settings));
+    m_callback.reset(new ModuleSettingsCallback());
+    m_callback->settings = settings;
     m_plugin->SetPhoneHomePluginCB(m_callback.get());
     Expire(CPhoneHomeAgent::kPhoneHomeStarterTimerId);
     ClearCapturedLogs();
@@ -116,16 +113,10 @@ std::string AgentFixture::FeedbackDir() {
 }
 
 std::vector<std::string> AgentFixture::OutboundFiles() {
-    std::vector<std::string> names;
-    long rc = 0;
-    Directory directory(rc, OutboundDir());
-    std::string name;
-    while (rc == 0 && directory.ReadDir(name) == 0) {
-        if (name != "." && name != "..") {
-            names.push_back(name);
-        }
-    }
-    std::sort(names.begin(), names.end());
+    std::vector<std::string> names = pwsupport::FilesWithSuffix(OutboundDir(), "");
+    names.erase(std::remove_if(names.begin(), names.end(),
+                               [](const std::string& n) { return n == "." || n == ".."; }),
+                names.end());
     return names;
 }
 
@@ -148,21 +139,10 @@ void AgentFixture::WriteProfile(const std::string& innerXml) {
                           "<?xml version=\"1.0\"?>\n<Feedback>" + innerXml + "</Feedback>\n"));
 }
 
-void AgentFixture::WriteHistory(const std::string& content) {
-    ASSERT_TRUE(WriteFile(HistoryPath(), content));
-}
-
-std::map<std::string, std::string> AgentFixture::ReadHistory() {
-    std::map<std::string, std::string> lines;
-    std::istringstream in(ReadFileOrEmpty(HistoryPath()));
-    std::string line;
-    while (std::getline(in, line)) {
-        size_t colon = line.find(':');
-        if (colon != std::string::npos) {
-            lines[line.substr(0, colon)] = line.substr(colon + 1);
-        }
-    }
-    return lines;
+std::string AgentFixture::History(const std::string& key) {
+    const std::string text = "\n" + ReadFileOrEmpty(HistoryPath()), tag = "\n" + key + ":";
+    const size_t at = text.find(tag), from = at + tag.size();
+    return at == std::string::npos ? "" : text.substr(from, text.find('\n', from) - from);
 }
 
 }  // namespace pwtest

@@ -5,7 +5,6 @@
 #pragma once
 
 #include <atomic>
-#include <map>
 #include <memory>
 #include <string>
 #include <thread>
@@ -32,17 +31,10 @@ struct Setting {
     char kind = 's';  // 's', 'l' (list item) or 'i'
 };
 
-// The host's settings callback: inserts `settings`, counts its calls, returns `result`.
-class ModuleSettingsCallback : public IPhoneHomePluginCB {
-public:
-    explicit ModuleSettingsCallback(std::vector<Setting> settings = {}, long result = 0)
-        : m_settings(std::move(settings)), m_result(result) {}
+// The host's settings callback: inserts `settings`.
+struct ModuleSettingsCallback : IPhoneHomePluginCB {
     long GetSettingsCB(IBencodeSettings& settings) override;
-    std::atomic<int> calls{0};
-
-private:
-    std::vector<Setting> m_settings;
-    long m_result;
+    std::vector<Setting> settings;
 };
 
 class AgentFixture : public HostFixture {
@@ -81,8 +73,10 @@ protected:
     static std::vector<std::string> OutboundFiles();
     static Report ReportIn(const std::string& path);
     static void WriteProfile(const std::string& innerXml);  // inside <Feedback>
-    static void WriteHistory(const std::string& content);
-    static std::map<std::string, std::string> ReadHistory();
+    static void WriteHistory(const std::string& content) {
+        ASSERT_TRUE(WriteFile(HistoryPath(), content));
+    }
+    static std::string History(const std::string& key);  // its value in the history file
 
     std::unique_ptr<CPhoneHomePlugin> m_plugin;
     std::unique_ptr<ModuleSettingsCallback> m_callback;

@@ -11,18 +11,11 @@
 
 namespace pwtest {
 
-const std::string& TestCertDir() {
-    static TempDir certs;  // made once, removed at exit
-    static const std::string path = [] {
-        int rc = pwsupport::MakeTestCerts(certs.path(), false);
-        EXPECT_EQ(0, rc) << "make_certs.sh failed";
-        return rc == 0 ? certs.path() : std::string();
-    }();
-    return path;
-}
-
 std::string TestCertPath(const std::string& file) {
-    return TestCertDir() + "/" + file;
+    static TempDir certs;  // made once, removed at exit
+    static const bool made = pwsupport::MakeTestCerts(certs.path(), false) == 0;
+    EXPECT_TRUE(made) << "make_certs.sh failed";
+    return made ? certs / file : std::string();
 }
 
 const std::string* RecordedRequest::Find(const std::string& name) const {
@@ -36,7 +29,7 @@ const std::string* RecordedRequest::Find(const std::string& name) const {
 
 FeedbackServer::FeedbackServer(const std::string& certName, const std::string& mode,
                                bool recordBodies) {
-    if (TestCertDir().empty()) {
+    if (TestCertPath("ca.pem").empty()) {
         return;
     }
     mkdir((m_dir / "records").c_str(), 0700);
@@ -54,10 +47,6 @@ FeedbackServer::FeedbackServer(const std::string& certName, const std::string& m
     }
 }
 
-FeedbackServer::~FeedbackServer() {
-    Stop();
-}
-
 void FeedbackServer::SetControl(const std::string& lines) {
     const std::string temp = m_dir / "control.tmp";
     WriteFile(temp, lines);
@@ -70,28 +59,17 @@ std::vector<RecordedRequest> FeedbackServer::Requests() const {
     for (const std::string& base : pwsupport::FilesWithSuffix(records, ".meta")) {
         RecordedRequest request;
         std::istringstream meta(ReadFileOrEmpty(records + "/" + base + ".meta"));
-        std::string line;
-        while (std::getline(meta, line)) {
-            size_t space = line.find(' ');
-            std::string key = line.substr(0, space);
-            std::string value = space == std::string::npos ? "" : line.substr(space + 1);
-            if (key == "method") {
-                request.method = value;
-            } else if (key == "path") {
-                request.path = value;
-            } else if (key == "version") {
-                request.version = value;
-            } else if (key == "partial") {
-                request.partial = value == "1";
+        std::string key, value;
+        while (meta >> key && std::getline(meta >> std::ws, value)) {
+            const size_t colon = value.find(": ");
+            if (key == "method" || key == "path" || key == "peer") {
+                (key == "method" ? request.method
+                 : key == "path" ? request.path
+                                 : request.peer) = value;
             } else if (key == "length") {
                 request.length = static_cast<size_t>(strtoul(value.c_str(), nullptr, 10));
-            } else if (key == "peer") {
-                request.peer = value;
-            } else if (key == "header") {
-                size_t colon = value.find(": ");
-                request.headers.emplace_back(value.substr(0, colon), colon == std::string::npos
-                                                                         ? std::string()
-                                                                         : value.substr(colon + 2));
+            } else if (key == "header" && colon != std::string::npos) {
+                request.headers.emplace_back(value.substr(0, colon), value.substr(colon + 2));
             }
         }
         request.body = ReadFileOrEmpty(records + "/" + base + ".body");

@@ -1,6 +1,6 @@
-// The local HTTPS feedback server (tests/e2e/feedback_server.py) driven from a test: it
-// runs as a child process on 127.0.0.1, answers as its control file says and records each
-// request. Certificates are made once per test program by tests/e2e/make_certs.sh.
+// The local HTTPS feedback server (tools/feedback-server/feedback_server.py) driven from a
+// test: it runs as a child process on 127.0.0.1, answers as its control file says and
+// records each request. Certificates are made once per test program by make_certs.sh.
 #pragma once
 
 #include <string>
@@ -15,19 +15,14 @@ namespace pwtest {
 // The production host name that the server's certificates are made for.
 using pwsupport::kFeedbackServerName;  // "feedback.pathweave.example"
 
-// Directory of the test certificates (made on first use; empty, with a test failure, if
-// they cannot be made). Files: ca.pem, and <name>.pem/<name>.key for server, wrongname,
-// expired, untrusted, selfsigned.
-const std::string& TestCertDir();
+// A file of the test certificates, made on first use (a test failure if they cannot be):
+// ca.pem, and <name>.pem/<name>.key for server, wrongname, expired, untrusted, selfsigned.
 std::string TestCertPath(const std::string& file);
 
 struct RecordedRequest {
-    std::string method;
-    std::string path;
-    std::string version;
-    bool partial = false;  // the connection was closed before the whole body was read
-    size_t length = 0;     // bytes of body received (also when bodies are not recorded)
-    std::string peer;      // client address:port (the same for requests on one connection)
+    std::string method, path;
+    size_t length = 0;  // bytes of body received (also when bodies are not recorded)
+    std::string peer;   // client address:port (the same for requests on one connection)
     std::vector<std::pair<std::string, std::string>> headers;
     std::string body;
     // Value of the first header called `name` (case-insensitive); empty if none.
@@ -45,7 +40,6 @@ public:
     // feedback_server.py). With `recordBodies` false only lengths are kept.
     explicit FeedbackServer(const std::string& certName = "server", const std::string& mode = "ok",
                             bool recordBodies = true);
-    ~FeedbackServer();
 
     // Replaces the control file: key=value lines, e.g. "mode=error\n".
     void SetControl(const std::string& lines);
@@ -57,14 +51,10 @@ public:
     // Polls until `count` requests were recorded or `timeoutMs` passed.
     bool WaitForRequests(size_t count, unsigned int timeoutMs = 5000) const;
 
-    // "feedback.pathweave.example:443:127.0.0.1:<port>"
-    std::string ConnectTo() const { return m_server.ConnectTo(); }
     // Applies host settings that route the production host name's port 443 to this server
     // and trust the test CA (the other host settings are kept); false, routing nothing, when
     // the server is not running.
     bool Route() const;
-
-    void Stop() { m_server.Stop(); }
 
     FeedbackServer(const FeedbackServer&) = delete;
     FeedbackServer& operator=(const FeedbackServer&) = delete;

@@ -11,28 +11,16 @@ class PhoneHomeAgentTestAccess {
 public:
     // Initialises the agent as Start() does and makes its five timers, none of them armed.
     static bool Prepare(CPhoneHomeAgent& agent) {
-        return agent.InitPhoneHomeAgent() &&
-               agent.CreateTimer(agent.m_pPhoneHomeStarterTimer,
-                                 CPhoneHomeAgent::kPhoneHomeStarterTimerId, "", 0, false) &&
-               agent.CreateTimer(agent.m_pPhoneHomeTimer, CPhoneHomeAgent::kPhoneHomeTimerId, "", 0,
-                                 false) &&
-               agent.CreateTimer(agent.m_pCheckCrashTimer, CPhoneHomeAgent::kCheckCrashTimerId, "",
-                                 0, false) &&
-               agent.CreateTimer(agent.m_pDelayGetThreatReportDirTimer,
-                                 CPhoneHomeAgent::kDelayGetThreatReportDirTimerId, "", 0, false) &&
-               agent.CreateTimer(agent.m_pPostRetryTimer, CPhoneHomeAgent::kPostRetryTimerId, "", 0,
-                                 false);
+        bool made = agent.InitPhoneHomeAgent();
+        for (unsigned long id = kFirst; made && id <= CPhoneHomeAgent::kPostRetryTimerId; ++id) {
+            made = agent.CreateTimer(Timer(agent, id), id, "", 0, false);
+        }
+        return made;
     }
 
-    // Milliseconds left on timer `id`; -1 when it does not exist or is not armed.
+    // Milliseconds left on timer `id` (2 to 6); -1 when it does not exist or is not armed.
     static long long RemainingMs(CPhoneHomeAgent& agent, unsigned long id) {
-        CTimer* timers[] = {agent.m_pPhoneHomeStarterTimer, agent.m_pPhoneHomeTimer,
-                            agent.m_pCheckCrashTimer, agent.m_pDelayGetThreatReportDirTimer,
-                            agent.m_pPostRetryTimer};
-        CTimer* timer = id >= CPhoneHomeAgent::kPhoneHomeStarterTimerId &&
-                                id <= CPhoneHomeAgent::kPostRetryTimerId
-                            ? timers[id - CPhoneHomeAgent::kPhoneHomeStarterTimerId]
-                            : nullptr;
+        CTimer* timer = Timer(agent, id);
         unsigned long ms = 0;
         return timer != nullptr && timer->IsRunning() && timer->RemainingMs(ms)
                    ? static_cast<long long>(ms)
@@ -46,5 +34,15 @@ public:
     // One pass over the threat directory, as the directory watcher runs it.
     static void ThreatDirChanged(CPhoneHomeAgent& agent) {
         CPhoneHomeAgent::ThreatReportDirChangeHandler(&agent, 0);
+    }
+
+private:
+    static const unsigned long kFirst = CPhoneHomeAgent::kPhoneHomeStarterTimerId;
+    // The timer members in the order of their ids.
+    static CTimer*& Timer(CPhoneHomeAgent& agent, unsigned long id) {
+        CTimer** timers[] = {&agent.m_pPhoneHomeStarterTimer, &agent.m_pPhoneHomeTimer,
+                             &agent.m_pCheckCrashTimer, &agent.m_pDelayGetThreatReportDirTimer,
+                             &agent.m_pPostRetryTimer};
+        return *timers[id - kFirst];
     }
 };

@@ -12,16 +12,10 @@
 
 namespace pwtest {
 
-namespace {
-
-std::string TempBase() {
-    const char* tmp = getenv("TMPDIR");
-    return tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";
-}
-
-}  // namespace
-
-TempDir::TempDir() : ScratchDir(TempBase(), "pwtest-") {
+TempDir::TempDir()
+    : ScratchDir(
+          getenv("TMPDIR") != nullptr && *getenv("TMPDIR") != '\0' ? getenv("TMPDIR") : "/tmp",
+          "pwtest-") {
     if (path().empty()) {
         ADD_FAILURE() << "mkdtemp failed: " << strerror(errno);
     }
