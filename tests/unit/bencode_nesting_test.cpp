@@ -1,0 +1,141 @@
+// Nesting as deep as a file within the size limit can hold is read, written, copied,
+// compared and freed on a thread with a small stack: no operation on a tree may recurse
+// once per level.
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <cerrno>
+#include <memory>
+#include <string>
+
+#include "Bencode.h"
+#include "TestSupport.h"
+
+namespace {
+
+class BencodeNestingTest : public pwtest::HostFixture {};
+
+// Instrumented and emulated builds run many times slower: there the depth is cut to one
+// that still lies far beyond what a recursive walk survives on the same stack (about 5 000
+// levels on 256 KiB).
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || defined(__i386__)
+const unsigned int kScale = 20;
+#else
+const unsigned int kScale = 1;
+#endif
+
+const size_t kStackBytes = 256 * 1024;
+
+enum class Shape { Lists, Dictionaries, Alternating };
+
+bool IsDictionary(Shape shape, unsigned int level) {
+    return shape == Shape::Dictionaries || (shape == Shape::Alternating && level % 2 == 1);
+}
+
+// `depth` containers, each holding only the next (under the empty key in a dictionary),
+// the innermost holding the integer 1.
+std::string Nested(Shape shape, unsigned int depth) {
+    std::string text;
+    text.reserve(static_cast<size_t>(depth) * 4 + 3);
+    for (unsigned int level = 0; level < depth; ++level) {
+        text += IsDictionary(shape, level) ? "d0:" : "l";
+    }
+    text += "i1e";
+    text.append(depth, 'e');
+    return text;
+}
+
+struct Job {
+    std::string path;
+    Shape shape;
+    unsigned int depth;
+    std::string input;
+    // Outcomes, checked on the test's thread.
+    EBencodeResult loaded = eBencodeFileError;
+    std::string written;
+    bool copyRead = false;
+    bool copyEqual = false;
+    bool changedEqual = true;
+};
+
+// The innermost value of a tree built by Nested().
+CBencode* Innermost(CBencode* node, Shape shape, unsigned int depth) {
+    for (unsigned int level = 0; level < depth && node != nullptr; ++level) {
+        node = IsDictionary(shape, level)
+                   ? static_cast<CBencodeDictionary*>(node)->Entries().begin()->second
+                   : (*static_cast<CBencodeList*>(node))[0];
+    }
+    return node;
+}
+
+std::unique_ptr<CBencode> NewRoot(Shape shape) {
+    if (shape == Shape::Dictionaries) {
+        return std::unique_ptr<CBencode>(new CBencodeDictionary(false));
+    }
+    return std::unique_ptr<CBencode>(new CBencodeList(false));
+}
+
+void* HandleTree(void* argument) {
+    Job& job = *static_cast<Job*>(argument);
+    errno = 0;
+    std::unique_ptr<CBencodeStream> stream;
+    std::unique_ptr<CBencode> tree;
+    if (job.shape == Shape::Dictionaries) {
+        tree.reset(new CBencodeDictionary(job.path, job.loaded, false));
+    } else {
+        CBencodeList* list = new CBencodeList(job.path, job.loaded, false);
+        tree.reset(list);
+        stream.reset(list->GetStream());
+    }
+    CBencodeStream out("", false);
+    if (tree->Externalize(out)) {
+        job.written.assign(out.Data(), out.Size());
+    }
+    std::unique_ptr<CBencode> copy = NewRoot(job.shape);
+    job.copyRead = copy->Internalize(out);
+    job.copyEqual = *tree == *copy;
+    CBencode* innermost = Innermost(copy.get(), job.shape, job.depth);
+    if (innermost != nullptr && innermost->Set(2LL)) {
+        job.changedEqual = *tree == *copy;
+    }
+    return nullptr;  // both trees are freed here, on the small stack
+}
+
+TEST_F(BencodeNestingTest, DeepestFileIsHandledOnASmallStack) {
+    // Depths that fill a file of about 10 MB.
+    // clang-format off
+    const struct { Shape shape; const char* name; unsigned int depth; } rows[] = {
+        {Shape::Lists,        "lists",        5000000},
+        {Shape::Dictionaries, "dictionaries", 2500000},
+        {Shape::Alternating,  "alternating",  3300000},
+    };
+    // clang-format on
+    pwtest::TempDir dir;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        Job job;
+        job.path = dir / (std::string(row.name) + ".cef");
+        job.shape = row.shape;
+        job.depth = row.depth / kScale;
+        job.input = Nested(row.shape, job.depth);
+        ASSERT_LE(job.input.size(), MAX_BENCODE_FILE_SIZE);
+        ASSERT_TRUE(pwtest::WriteFile(job.path, job.input));
+
+        pthread_attr_t attributes;
+        ASSERT_EQ(0, pthread_attr_init(&attributes));
+        ASSERT_EQ(0, pthread_attr_setstacksize(&attributes, kStackBytes));
+        pthread_t thread;
+        ASSERT_EQ(0, pthread_create(&thread, &attributes, HandleTree, &job));
+        ASSERT_EQ(0, pthread_join(thread, nullptr));
+        pthread_attr_destroy(&attributes);
+
+        EXPECT_EQ(eBencodeSuccess, job.loaded);
+        EXPECT_TRUE(job.written == job.input) << "the written form differs from the file";
+        EXPECT_TRUE(job.copyRead);
+        EXPECT_TRUE(job.copyEqual);
+        EXPECT_FALSE(job.changedEqual) << "the innermost difference went unnoticed";
+        EXPECT_TRUE(pwtest::CapturedLogs().empty()) << DumpLog();
+    }
+}
+
+}  // namespace
