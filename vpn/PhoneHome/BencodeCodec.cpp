@@ -221,12 +221,6 @@ bool CBencode::GetStringFromStream(CBencodeStream& stream, std::string& out) con
 // Whole trees
 // ---------------------------------------------------------------------------------------
 
-bool CBencodeTree::IsPlainContainer(CBencode const& value) {
-    return (value.m_type == CBencode::eBencodeList && typeid(value) == typeid(CBencodeList)) ||
-           (value.m_type == CBencode::eBencodeDictionary &&
-            typeid(value) == typeid(CBencodeDictionary));
-}
-
 namespace {
 
 typedef CBencodeDictionary::EntryMap EntryMap;
@@ -417,62 +411,54 @@ bool CBencodeTree::Write(CBencodeStream& stream, CBencode& root) {
     EntryMap::const_iterator entry;
     bool opening = true;
     for (;;) {
-        bool finished = false;
         bool ok = false;
-        CBencode* child = nullptr;
+        CBencode* child = nullptr;  // a container to descend into
         if (current->m_type == CBencode::eBencodeList) {
             std::vector<CBencode*> const& items = static_cast<CBencodeList*>(current)->m_items;
-            if (opening) {
-                opening = false;
-                index = 0;
-                if (!buffer.PutByte('l')) {
-                    BENCODE_LOG_ERROR_IN("Externalize",
-                                         "Failed to externalize list type identifier");
-                    finished = true;
-                }
-            } else if (index == items.size()) {
-                ok = buffer.PutByte('e');
-                finished = true;
+            if (opening && !buffer.PutByte('l')) {
+                BENCODE_LOG_ERROR_IN("Externalize", "Failed to externalize list type identifier");
             } else {
-                CBencode* item = items[index++];
-                if (item == nullptr) {
-                    BENCODE_LOG_ERROR_IN("Externalize", "NULL item stored in list");
-                    finished = true;
-                } else if (IsPlainContainer(*item)) {
-                    child = item;
-                } else if (!item->Externalize(stream)) {
-                    BENCODE_LOG_ERROR_IN("Externalize", "Failed to externalize list item");
-                    finished = true;
+                index = opening ? 0 : index;
+                bool failed = false;
+                while (index != items.size() && child == nullptr && !failed) {
+                    CBencode* item = items[index++];
+                    if (item == nullptr) {
+                        BENCODE_LOG_ERROR_IN("Externalize", "NULL item stored in list");
+                        failed = true;
+                    } else if (IsPlainContainer(*item)) {
+                        child = item;
+                    } else if (!item->Externalize(stream)) {
+                        BENCODE_LOG_ERROR_IN("Externalize", "Failed to externalize list item");
+                        failed = true;
+                    }
                 }
+                ok = !failed && child == nullptr && buffer.PutByte('e');
             }
         } else {
             EntryMap const& entries = static_cast<CBencodeDictionary*>(current)->m_entries;
-            if (opening) {
-                opening = false;
-                entry = entries.begin();
-                if (!buffer.PutByte('d')) {
-                    BENCODE_LOG_ERROR_IN("Externalize",
-                                         "Failed to externalize dictionary type identifier");
-                    finished = true;
-                }
-            } else if (entry == entries.end()) {
-                ok = buffer.PutByte('e');
-                finished = true;
+            if (opening && !buffer.PutByte('d')) {
+                BENCODE_LOG_ERROR_IN("Externalize",
+                                     "Failed to externalize dictionary type identifier");
             } else {
-                EntryMap::value_type const& item = *entry;
-                ++entry;
-                if (item.second == nullptr) {
-                    BENCODE_LOG_ERROR_IN("Externalize", "Dictionary item is NULL");
-                    finished = true;
-                } else if (!PutKey(buffer, item.first)) {
-                    BENCODE_LOG_ERROR_IN("Externalize", "Failed to externalize key string");
-                    finished = true;
-                } else if (IsPlainContainer(*item.second)) {
-                    child = item.second;
-                } else if (!item.second->Externalize(stream)) {
-                    BENCODE_LOG_ERROR_IN("Externalize", "Failed to externalize value");
-                    finished = true;
+                entry = opening ? entries.begin() : entry;
+                bool failed = false;
+                while (entry != entries.end() && child == nullptr && !failed) {
+                    EntryMap::value_type const& item = *entry;
+                    ++entry;
+                    if (item.second == nullptr) {
+                        BENCODE_LOG_ERROR_IN("Externalize", "Dictionary item is NULL");
+                        failed = true;
+                    } else if (!PutKey(buffer, item.first)) {
+                        BENCODE_LOG_ERROR_IN("Externalize", "Failed to externalize key string");
+                        failed = true;
+                    } else if (IsPlainContainer(*item.second)) {
+                        child = item.second;
+                    } else if (!item.second->Externalize(stream)) {
+                        BENCODE_LOG_ERROR_IN("Externalize", "Failed to externalize value");
+                        failed = true;
+                    }
                 }
+                ok = !failed && child == nullptr && buffer.PutByte('e');
             }
         }
         if (child != nullptr) {
@@ -481,9 +467,8 @@ bool CBencodeTree::Write(CBencodeStream& stream, CBencode& root) {
             opening = true;
             continue;
         }
-        if (!finished) {
-            continue;
-        }
+        // `current` is complete: back to its parent, which on a failure logs and fails in
+        // turn.
         for (;;) {
             if (parents.empty()) {
                 return ok;
@@ -499,6 +484,7 @@ bool CBencodeTree::Write(CBencodeStream& stream, CBencode& root) {
                                                     ? "Failed to externalize list item"
                                                     : "Failed to externalize value");
         }
+        opening = false;
     }
 }
 

@@ -4,6 +4,7 @@
 // any thread. Only the library's own sources include this header.
 #pragma once
 
+#include <typeinfo>
 #include <vector>
 
 #include "Bencode.h"
@@ -24,5 +25,11 @@ public:
     // Whether `value` is a library list or dictionary (not a subclass with operations of
     // its own), whose walk the functions above do themselves instead of calling its virtual
     // operation.
-    static bool IsPlainContainer(CBencode const& value);
+    static bool IsPlainContainer(CBencode const& value) {
+        if (value.m_type == CBencode::eBencodeList) {
+            return typeid(value) == typeid(CBencodeList);
+        }
+        return value.m_type == CBencode::eBencodeDictionary &&
+               typeid(value) == typeid(CBencodeDictionary);
+    }
 };
