@@ -49,56 +49,44 @@ struct Job {
     std::string path;
     Shape shape;
     unsigned int depth;
-    std::string input;
     // Outcomes, checked on the test's thread.
     EBencodeResult loaded = eBencodeFileError;
     std::string written;
-    bool copyRead = false;
-    bool copyEqual = false;
-    bool changedEqual = true;
+    bool copied = false, equal = false, equalAfterChange = true;
 };
 
-// The innermost value of a tree built by Nested().
-CBencode* Innermost(CBencode* node, Shape shape, unsigned int depth) {
-    for (unsigned int level = 0; level < depth && node != nullptr; ++level) {
-        node = IsDictionary(shape, level)
-                   ? static_cast<CBencodeDictionary*>(node)->Entries().begin()->second
-                   : (*static_cast<CBencodeList*>(node))[0];
-    }
-    return node;
-}
-
-std::unique_ptr<CBencode> NewRoot(Shape shape) {
-    if (shape == Shape::Dictionaries) {
-        return std::unique_ptr<CBencode>(new CBencodeDictionary(false));
-    }
-    return std::unique_ptr<CBencode>(new CBencodeList(false));
-}
-
+// Loads the file, writes the tree, reads the written form into a copy, compares the two,
+// changes the copy's innermost value and compares again; both trees are freed on return.
 void* HandleTree(void* argument) {
     Job& job = *static_cast<Job*>(argument);
+    const bool dictionary = job.shape == Shape::Dictionaries;
     errno = 0;
-    std::unique_ptr<CBencodeStream> stream;
-    std::unique_ptr<CBencode> tree;
-    if (job.shape == Shape::Dictionaries) {
+    std::unique_ptr<CBencode> tree, copy;
+    std::unique_ptr<CBencodeStream> stream;  // a list leaves its stream to its creator
+    if (dictionary) {
         tree.reset(new CBencodeDictionary(job.path, job.loaded, false));
+        copy.reset(new CBencodeDictionary(false));
     } else {
-        CBencodeList* list = new CBencodeList(job.path, job.loaded, false);
-        tree.reset(list);
-        stream.reset(list->GetStream());
+        tree.reset(new CBencodeList(job.path, job.loaded, false));
+        stream.reset(static_cast<CBencodeList&>(*tree).GetStream());
+        copy.reset(new CBencodeList(false));
     }
     CBencodeStream out("", false);
     if (tree->Externalize(out)) {
         job.written.assign(out.Data(), out.Size());
     }
-    std::unique_ptr<CBencode> copy = NewRoot(job.shape);
-    job.copyRead = copy->Internalize(out);
-    job.copyEqual = *tree == *copy;
-    CBencode* innermost = Innermost(copy.get(), job.shape, job.depth);
-    if (innermost != nullptr && innermost->Set(2LL)) {
-        job.changedEqual = *tree == *copy;
+    job.copied = copy->Internalize(out);
+    job.equal = *tree == *copy;
+    CBencode* node = copy.get();
+    for (unsigned int level = 0; level < job.depth && node != nullptr; ++level) {
+        node = IsDictionary(job.shape, level)
+                   ? static_cast<CBencodeDictionary*>(node)->Entries().begin()->second
+                   : (*static_cast<CBencodeList*>(node))[0];
     }
-    return nullptr;  // both trees are freed here, on the small stack
+    if (node != nullptr && node->Set(2LL)) {
+        job.equalAfterChange = *tree == *copy;
+    }
+    return nullptr;
 }
 
 TEST_F(BencodeNestingTest, DeepestFileIsHandledOnASmallStack) {
@@ -117,23 +105,21 @@ TEST_F(BencodeNestingTest, DeepestFileIsHandledOnASmallStack) {
         job.path = dir / (std::string(row.name) + ".cef");
         job.shape = row.shape;
         job.depth = row.depth / kScale;
-        job.input = Nested(row.shape, job.depth);
-        ASSERT_LE(job.input.size(), MAX_BENCODE_FILE_SIZE);
-        ASSERT_TRUE(pwtest::WriteFile(job.path, job.input));
+        const std::string input = Nested(row.shape, job.depth);
+        ASSERT_LE(input.size(), MAX_BENCODE_FILE_SIZE);
+        ASSERT_TRUE(pwtest::WriteFile(job.path, input));
 
         pthread_attr_t attributes;
+        pthread_t thread;
         ASSERT_EQ(0, pthread_attr_init(&attributes));
         ASSERT_EQ(0, pthread_attr_setstacksize(&attributes, kStackBytes));
-        pthread_t thread;
         ASSERT_EQ(0, pthread_create(&thread, &attributes, HandleTree, &job));
         ASSERT_EQ(0, pthread_join(thread, nullptr));
         pthread_attr_destroy(&attributes);
-
         EXPECT_EQ(eBencodeSuccess, job.loaded);
-        EXPECT_TRUE(job.written == job.input) << "the written form differs from the file";
-        EXPECT_TRUE(job.copyRead);
-        EXPECT_TRUE(job.copyEqual);
-        EXPECT_FALSE(job.changedEqual) << "the innermost difference went unnoticed";
+        EXPECT_TRUE(job.written == input) << "the written form differs from the file";
+        EXPECT_TRUE(job.copied && job.equal);
+        EXPECT_FALSE(job.equalAfterChange) << "the innermost difference went unnoticed";
         EXPECT_TRUE(pwtest::CapturedLogs().empty()) << DumpLog();
     }
 }
