@@ -442,9 +442,11 @@ bool CBencodeTree::Write(CBencodeStream& stream, CBencode& root) {
             } else {
                 entry = opening ? entries.begin() : entry;
                 bool failed = false;
+                // The next entry is looked up only once the value is written: it lies in
+                // memory right after the value's contents, which the write has just run
+                // through.
                 while (entry != entries.end() && child == nullptr && !failed) {
                     EntryMap::value_type const& item = *entry;
-                    ++entry;
                     if (item.second == nullptr) {
                         BENCODE_LOG_ERROR_IN("Externalize", "Dictionary item is NULL");
                         failed = true;
@@ -456,6 +458,8 @@ bool CBencodeTree::Write(CBencodeStream& stream, CBencode& root) {
                     } else if (!item.second->Externalize(stream)) {
                         BENCODE_LOG_ERROR_IN("Externalize", "Failed to externalize value");
                         failed = true;
+                    } else {
+                        ++entry;
                     }
                 }
                 ok = !failed && child == nullptr && buffer.PutByte('e');
@@ -478,6 +482,9 @@ bool CBencodeTree::Write(CBencodeStream& stream, CBencode& root) {
             entry = parents.back().entry;
             parents.pop_back();
             if (ok) {
+                if (current->m_type == CBencode::eBencodeDictionary) {
+                    ++entry;  // past the entry whose value has been written
+                }
                 break;
             }
             BENCODE_LOG_ERROR_IN("Externalize", current->m_type == CBencode::eBencodeList
