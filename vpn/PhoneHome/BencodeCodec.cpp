@@ -507,36 +507,30 @@ bool CBencodeDictionary::Externalize(CBencodeStream& stream) {
     return CBencodeTree::Write(stream, *this);
 }
 
-bool CBencodeList::Internalize(CBencodeStream& stream) {
+namespace {
+
+// Reads a top-level container: its opening byte, then everything in it. An empty input is
+// an empty container, left untouched.
+bool ReadContainer(CBencodeStream& stream, CBencode& container, char opening, const char* kind) {
     char c = 0;
     if (!stream.Buffer().GetByte(c)) {
         if (stream.Eof()) {
-            return true;  // an empty input is an empty list
+            return true;
         }
-        BENCODE_LOG_ERROR("Failed to internalize list type identifier");
-        return false;
+    } else if (c == opening) {
+        container.Reset();
+        return CBencodeTree::Read(stream, container);
     }
-    if (c != 'l') {
-        BENCODE_LOG_ERROR("Failed to internalize list type identifier");
-        return false;
-    }
-    Reset();
-    return CBencodeTree::Read(stream, *this);
+    BENCODE_LOG_ERROR_IN("Internalize", "Failed to internalize %s type identifier", kind);
+    return false;
+}
+
+}  // namespace
+
+bool CBencodeList::Internalize(CBencodeStream& stream) {
+    return ReadContainer(stream, *this, 'l', "list");
 }
 
 bool CBencodeDictionary::Internalize(CBencodeStream& stream) {
-    char c = 0;
-    if (!stream.Buffer().GetByte(c)) {
-        if (stream.Eof()) {
-            return true;  // an empty input is an empty dictionary
-        }
-        BENCODE_LOG_ERROR("Failed to internalize dictionary type identifier");
-        return false;
-    }
-    if (c != 'd') {
-        BENCODE_LOG_ERROR("Failed to internalize dictionary type identifier");
-        return false;
-    }
-    Reset();
-    return CBencodeTree::Read(stream, *this);
+    return ReadContainer(stream, *this, 'd', "dictionary");
 }
