@@ -181,6 +181,9 @@ TEST_F(BencodeValuesTest, DictionaryLookupAndAdd) {
     EXPECT_EQ(2u, CountLogText("Dictionary item is not a list"));
     EXPECT_EQ(3u, CountLogText("Dictionary item is not a dictionary"));
     EXPECT_EQ(5u, dictionary.Size());
+    CBencodeDictionary* created = nullptr;
+    ASSERT_TRUE(dictionary.Get("dd", created, true) && dictionary.Get("dd", child, false));
+    EXPECT_TRUE(created != nullptr && child == created && created->Size() == 0);
 
     CBencodeDictionary ordered(false);
     for (const char* key : {"ab", "a", "", "B", "\xff", "a\x80"}) {
