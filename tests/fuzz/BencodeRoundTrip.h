@@ -82,8 +82,11 @@ inline std::string CheckIntegerScan(const std::string& bytes) {
     const std::string text = std::string(bytes, 0, length).c_str();
     long long expected = 0;
     const bool scanned = sscanf(text.c_str(), "%lld", &expected) == 1;
-    if (scanned != stream.Good() || (scanned && expected != value)) {
+    if (scanned != stream.Good() || (scanned ? expected : 0x5a5a) != value) {
         return "integer scan differs from %lld on <" + text + ">";
+    }
+    if (scanned && stream.Peek() != bytes[length]) {
+        return "the integer text's terminator was consumed";
     }
     return std::string();
 }
