@@ -1,6 +1,6 @@
 // Replays every input kept for the fuzz targets through the target's own checks (the bencode
-// round trip in memory and through a file, the profile reader's consistency), so that a fault the fuzzer once found stays
-// fixed on both architectures.
+// round trip in memory and through a file, the profile reader's consistency), so that a
+// fault the fuzzer once found stays fixed on both architectures.
 #include <gtest/gtest.h>
 
 #include <dirent.h>
