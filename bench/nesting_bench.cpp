@@ -1,14 +1,9 @@
-// How deep the recursive bencode reader can go before it exhausts a thread's stack. Nesting
-// is unbounded by design, so a hostile file of nested lists or dictionaries can crash the
-// process that reads it; this program finds the deepest nesting that a host thread with an
-// 8 MiB stack (the default; another size in MiB as the first argument) still reads and frees.
-// Each probe runs in a child process, since the failing ones die of the overflow.
-#include <pthread.h>
-#include <sys/wait.h>
-#include <unistd.h>
+// Reading, writing, comparing and freeing the deepest nesting that a file within the size
+// limit can hold (about 10 MB of nested lists, dictionaries, or both in turn). The walks
+// keep their place on the heap, so their cost per level is what matters here: it should
+// stay close to that of a flat tree of the same number of values.
+#include <benchmark/benchmark.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -17,86 +12,89 @@
 
 namespace {
 
-enum class Shape { Lists, Dictionaries, Alternating };
+enum Shape { kLists, kDictionaries, kAlternating };
+enum Operation { kRead, kWrite, kCompare, kFree };
 
-// `depth` nested containers of `shape`, each holding only the next one.
-std::string Nested(Shape shape, unsigned int depth) {
+// `depth` containers, each holding only the next one (under the empty key in a dictionary).
+std::string Nested(Shape shape, unsigned int depth, bool& dictionaryRoot) {
     std::string text;
     for (unsigned int level = 0; level < depth; ++level) {
-        const bool dictionary =
-            shape == Shape::Dictionaries || (shape == Shape::Alternating && level % 2 == 1);
-        const bool insideDictionary =
-            level > 0 &&
-            (shape == Shape::Dictionaries || (shape == Shape::Alternating && level % 2 == 0));
-        text += insideDictionary ? "1:k" : "";
-        text += dictionary ? 'd' : 'l';
+        const bool dictionary = shape == kDictionaries || (shape == kAlternating && level % 2 == 1);
+        text += dictionary ? "d0:" : "l";
     }
+    text += "i1e";
     text.append(depth, 'e');
+    dictionaryRoot = shape == kDictionaries;
     return text;
 }
 
-struct Probe {
-    std::string input;
-    bool dictionary;
-};
-
-void* ReadAndFree(void* argument) {
-    const Probe& probe = *static_cast<const Probe*>(argument);
+std::unique_ptr<CBencode> Read(const std::string& text, bool dictionaryRoot) {
     CBencodeStream stream("", false);
-    stream.Write(probe.input.data(), static_cast<unsigned int>(probe.input.size()));
-    std::unique_ptr<CBencode> root(probe.dictionary
+    stream.Write(text.data(), static_cast<unsigned int>(text.size()));
+    std::unique_ptr<CBencode> root(dictionaryRoot
                                        ? static_cast<CBencode*>(new CBencodeDictionary(false))
                                        : new CBencodeList(false));
-    return root->Internalize(stream) ? argument : nullptr;
+    return root->Internalize(stream) ? std::move(root) : nullptr;
 }
 
-// Whether a thread with `stackBytes` of stack reads and frees `depth` levels of `shape`.
-bool Survives(Shape shape, unsigned int depth, size_t stackBytes) {
-    const Probe probe{Nested(shape, depth), shape == Shape::Dictionaries};
-    const pid_t child = fork();
-    if (child == 0) {
-        pthread_attr_t attributes;
-        pthread_attr_init(&attributes);
-        pthread_attr_setstacksize(&attributes, stackBytes);
-        pthread_t thread;
-        void* result = nullptr;
-        if (pthread_create(&thread, &attributes, ReadAndFree, const_cast<Probe*>(&probe)) != 0 ||
-            pthread_join(thread, &result) != 0) {
-            _exit(2);
-        }
-        _exit(result != nullptr ? 0 : 1);
+void Nesting(benchmark::State& state, Shape shape, unsigned int depth, Operation operation) {
+    bool dictionaryRoot = false;
+    const std::string text = Nested(shape, depth, dictionaryRoot);
+    std::unique_ptr<CBencode> tree = Read(text, dictionaryRoot);
+    std::unique_ptr<CBencode> copy = Read(text, dictionaryRoot);
+    if (!tree || !copy) {
+        state.SkipWithError("the nested text does not read");
+        return;
     }
-    int status = 0;
-    return child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status) &&
-           WEXITSTATUS(status) == 0;
+    for (auto _ : state) {
+        if (operation == kRead || operation == kFree) {
+            state.PauseTiming();
+            tree.reset();
+            if (operation == kFree) {
+                tree = Read(text, dictionaryRoot);
+            }
+            state.ResumeTiming();
+        }
+        if (operation == kRead) {
+            tree = Read(text, dictionaryRoot);
+        } else if (operation == kWrite) {
+            CBencodeStream out("", false);
+            benchmark::DoNotOptimize(tree->Externalize(out));
+        } else if (operation == kCompare) {
+            benchmark::DoNotOptimize(*tree == *copy);
+        } else {
+            tree.reset();
+        }
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) *
+                            static_cast<int64_t>(text.size()));
+    state.counters["levels"] = depth;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     CAppLog::ConfigureSinks(0);
-    const size_t stackMiB = argc > 1 ? strtoul(argv[1], nullptr, 10) : 8;
-    const size_t stackBytes = (stackMiB != 0 ? stackMiB : 8) << 20;
+    benchmark::Initialize(&argc, argv);
+    // Depths that fill about 10 MB of text.
     const struct {
         Shape shape;
         const char* name;
-    } shapes[] = {{Shape::Lists, "lists"},
-                  {Shape::Dictionaries, "dictionaries"},
-                  {Shape::Alternating, "alternating list/dictionary"}};
-    printf("Deepest nesting read and freed on a thread with a %zu MiB stack:\n", stackBytes >> 20);
-    for (const auto& entry : shapes) {
-        unsigned int low = 1;  // survives
-        unsigned int high = 4000000;
-        if (Survives(entry.shape, high, stackBytes)) {
-            printf("  %-28s more than %u levels\n", entry.name, high);
-            continue;
+        unsigned int depth;
+    } shapes[] = {{kLists, "lists", 5000000},
+                  {kDictionaries, "dictionaries", 2500000},
+                  {kAlternating, "alternating", 3300000}};
+    const char* operations[] = {"read", "write", "compare", "free"};
+    for (const auto& shape : shapes) {
+        for (int operation = kRead; operation <= kFree; ++operation) {
+            benchmark::RegisterBenchmark(
+                (std::string(shape.name) + "/" + operations[operation]).c_str(), Nesting,
+                shape.shape, shape.depth, static_cast<Operation>(operation))
+                ->Unit(benchmark::kMillisecond)
+                ->Iterations(3);
         }
-        while (high - low > 1) {
-            const unsigned int middle = low + (high - low) / 2;
-            (Survives(entry.shape, middle, stackBytes) ? low : high) = middle;
-        }
-        printf("  %-28s %u levels (%zu bytes of input)\n", entry.name, low,
-               Nested(entry.shape, low).size());
     }
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
     return 0;
 }

@@ -1,13 +1,17 @@
 // The check that the profile fuzz target and its regression test share: arbitrary bytes
 // are read as a feedback profile, as a string and as a file, by fresh readers. The parser
 // must report callbacks that nest properly, the two readings must agree on the result and
-// on every setting, and no setting may break its bounds (a customer identifier never holds
-// a NUL byte). The empty string means the input passed; otherwise it says what went wrong.
+// on every setting, and every setting must be what the reader's value rules make of the
+// text it was given (switches: the text lower-cased equals "true"; the customer identifier:
+// the text up to a NUL byte; intervals: strtol's reading clamped to 32 bits, empty text
+// changing nothing). The empty string means the input passed; otherwise it says what went
+// wrong.
 #pragma once
 
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <sstream>
@@ -24,9 +28,11 @@ class CCheckedProfileReader : public PhoneHomeXmlMgr {
 public:
     void addElement(const std::string& name) override {
         m_open.push_back(name);
+        m_current = name;
         PhoneHomeXmlMgr::addElement(name);
     }
     void endElement(const std::string& name) override {
+        m_current.clear();
         if (m_open.empty() || m_open.back() != name) {
             Fault("end of <" + name + "> does not close the innermost open element");
         } else {
@@ -38,6 +44,7 @@ public:
         if (m_open.empty()) {
             Fault("text delivered outside every element");
         }
+        Expect(value);
         PhoneHomeXmlMgr::setElementValue(value);
     }
     void addAttribute(const std::string& name, const std::string& value) override {
@@ -62,13 +69,45 @@ public:
         if (result == 0 && !m_open.empty()) {
             return "document accepted with <" + m_open.back() + "> still open";
         }
-        if (GetCustomerID().find('\0') != std::string::npos) {
-            return "customer identifier holds a NUL byte";
+        if (result == 0 &&
+            (GetServiceDisable() != m_disable || GetIncludeCrashReport() != m_crash ||
+             GetCustomerID() != m_customer || GetFeedbackInterval() != m_feedback ||
+             GetCheckCrashInterval() != m_check)) {
+            return "settings differ from the value rules";
         }
         return std::string();
     }
 
 private:
+    static bool IsTrue(const std::string& text) {
+        std::string lower = text;
+        for (char& c : lower) {
+            c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+        }
+        return lower == "true";
+    }
+    // The reading of an interval, or `old` for empty text.
+    static long Interval(const std::string& text, long old) {
+        if (text.empty()) {
+            return old;
+        }
+        const long long value = strtoll(text.c_str(), nullptr, 10);
+        return value > INT_MAX ? INT_MAX : value < INT_MIN ? INT_MIN : static_cast<long>(value);
+    }
+    // What the reader should make of `value` as the text of the current element.
+    void Expect(const std::string& value) {
+        if (m_current == "ServiceDisable") {
+            m_disable = IsTrue(value);
+        } else if (m_current == "IncludeCrashReport") {
+            m_crash = IsTrue(value);
+        } else if (m_current == "CustomerID") {
+            m_customer = value.c_str();
+        } else if (m_current == "FeedbackInterval") {
+            m_feedback = Interval(value, m_feedback);
+        } else if (m_current == "CheckCrashInterval") {
+            m_check = Interval(value, m_check);
+        }
+    }
     void Fault(const std::string& what) {
         if (m_fault.empty()) {
             m_fault = what;
@@ -76,6 +115,12 @@ private:
     }
     std::vector<std::string> m_open;
     std::string m_fault;
+    std::string m_current;
+    bool m_disable = false;
+    bool m_crash = true;
+    std::string m_customer;
+    long m_feedback = 0;
+    long m_check = 0;
 };
 
 inline std::string CheckProfile(const uint8_t* data, size_t size) {

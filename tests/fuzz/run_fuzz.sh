@@ -1,7 +1,7 @@
 #!/bin/sh
 # Builds the fuzz targets with clang in build-fuzz and runs each for the given number of
-# seconds (default 60): bencode_fuzz (the bencode reader and writer) and profile_fuzz (the
-# feedback profile reader). Exits non-zero when a target finds a crash or a broken check;
+# seconds (default 60): bencode_fuzz (the bencode reader and writer) from memory and, with
+# BENCODE_FUZZ_FILE=1, through a file, and profile_fuzz (the feedback profile reader). Exits non-zero when a target finds a crash or a broken check;
 # the failing input is then copied into the target's regression directory
 # (tests/fuzz/corpus-regressions/ or tests/fuzz/corpus-regressions-profile/), whose inputs
 # the unit test fuzz_regressions_test replays on every run.
@@ -25,15 +25,15 @@ cmake --build "$build" --target bencode_fuzz profile_fuzz -j2
 
 status=0
 
-# run_target NAME REGRESSION_DIR: runs one target from its seeds and regression inputs and
-# keeps what it finds.
+# run_target NAME REGRESSION_DIR [FILE_MODE]: runs one target from its seeds and regression
+# inputs and keeps what it finds.
 run_target() {
     name=$1
     regressions=$2
     corpus="$build/corpus-$name"
     artifacts="$build/artifacts-$name"
     mkdir -p "$artifacts"
-    "$build/tests/fuzz/${name}_fuzz" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
+    BENCODE_FUZZ_FILE=${3:-0} "$build/tests/fuzz/${name}_fuzz" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 \
         -print_final_stats=1 -artifact_prefix="$artifacts/" "$corpus" "$regressions" ||
         status=1
     for input in "$artifacts"/crash-* "$artifacts"/leak-* "$artifacts"/timeout-* "$artifacts"/oom-*; do
@@ -55,5 +55,6 @@ printf '<?xml version="1.0"?>\n<Feedback><ServiceDisable>false</ServiceDisable><
     >"$build/corpus-profile/seed-profile"
 
 run_target bencode "$root/tests/fuzz/corpus-regressions"
+run_target bencode "$root/tests/fuzz/corpus-regressions" 1
 run_target profile "$root/tests/fuzz/corpus-regressions-profile"
 exit $status

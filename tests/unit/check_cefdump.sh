@@ -28,4 +28,11 @@ for case in "missing.cef 2" "truncated.cef 5" "large.cef 4"; do
   [ -s "$dir/err" ] || fail "$name: no message"
 done
 [ ! -e "$dir/missing.cef" ] || fail "a missing file was created"
+
+# Nesting as deep as the size limit allows (a million levels under emulation) is printed.
+depth=$([ $# -gt 0 ] && echo 1000000 || echo 5000000)
+{ head -c $depth /dev/zero | tr '\0' l; head -c $depth /dev/zero | tr '\0' e; } >"$dir/deep.cef"
+out=$("$@" "$tool" --compact "$dir/deep.cef" | tr -d '\n') || fail "deep nesting refused"
+[ "$out" = "$(head -c $((depth - 1)) /dev/zero | tr '\0' '[')[]$(head -c $((depth - 1)) /dev/zero | tr '\0' ']')" ] ||
+  fail "deep nesting printed wrongly"
 echo "cefdump: ok"

@@ -1,6 +1,6 @@
-// Replays every input kept for the fuzz targets through the target's own check (the bencode
-// round trip, the profile reader's consistency), so that a fault the fuzzer once found stays
-// fixed on both architectures.
+// Replays every input kept for the fuzz targets through the target's own checks (the bencode
+// round trip in memory and through a file, the profile reader's consistency), so that a
+// fault the fuzzer once found stays fixed on both architectures.
 #include <gtest/gtest.h>
 
 #include <dirent.h>
@@ -48,6 +48,7 @@ void ReplayAll(const std::string& directory, std::string (*check)(const uint8_t*
 
 TEST_F(FuzzRegressionsTest, EveryKeptBencodeInputSurvivesTheRoundTrip) {
     ReplayAll("corpus-regressions", bencodefuzz::CheckRoundTrip);
+    ReplayAll("corpus-regressions", bencodefuzz::CheckThroughFile);
 }
 
 TEST_F(FuzzRegressionsTest, EveryKeptProfileReadsConsistently) {

@@ -92,8 +92,53 @@ std::string CJsonWriter::Base64(const std::string& bytes) {
     return text;
 }
 
+// The containers being written are kept on a stack on the heap, so that any depth of
+// nesting that a file can hold is written without exhausting the thread's stack.
 void CJsonWriter::Write(const CBencode& value, std::string& out) const {
-    WriteValue(value, 0, out);
+    std::vector<Frame> open;
+    Open(value, 0, open, out);
+    while (!open.empty()) {
+        Frame& frame = open.back();
+        const unsigned int depth = frame.depth;
+        const CBencode* item = nullptr;
+        if (frame.value->GetType() == CBencode::eBencodeList) {
+            const std::vector<CBencode*>& items =
+                static_cast<const CBencodeList*>(frame.value)->Items();
+            if (frame.index == items.size()) {
+                NewLine(depth, out);
+                out += ']';
+                open.pop_back();
+                continue;
+            }
+            if (frame.index != 0) {
+                out += ',';
+            }
+            NewLine(depth + 1, out);
+            item = items[frame.index++];
+        } else {
+            const CBencodeDictionary::EntryMap& entries =
+                static_cast<const CBencodeDictionary*>(frame.value)->Entries();
+            if (frame.entry == entries.end()) {
+                NewLine(depth, out);
+                out += '}';
+                open.pop_back();
+                continue;
+            }
+            if (frame.entry != entries.begin()) {
+                out += ',';
+            }
+            NewLine(depth + 1, out);
+            WriteString(frame.entry->first, out);
+            out += m_indent != 0 ? ": " : ":";
+            item = frame.entry->second;
+            ++frame.entry;
+        }
+        if (item == nullptr) {
+            out += "null";
+        } else {
+            Open(*item, depth + 1, open, out);  // may move the stack: `frame` is not used again
+        }
+    }
     out += '\n';
 }
 
@@ -149,13 +194,16 @@ void CJsonWriter::WriteString(const std::string& bytes, std::string& out) {
     out += '"';
 }
 
-void CJsonWriter::WriteValue(const CBencode& value, unsigned int depth, std::string& out) const {
+// Writes a scalar or an empty container whole; a container with items gets its opening
+// bracket and is pushed, its items written by the loop in Write.
+bool CJsonWriter::Open(const CBencode& value, unsigned int depth, std::vector<Frame>& open,
+                       std::string& out) const {
     switch (value.GetType()) {
         case CBencode::eBencodeInteger: {
             long long integer = 0;
             value.Get(integer);
             out += std::to_string(integer);
-            break;
+            return false;
         }
         case CBencode::eBencodeString: {
             std::string bytes;
@@ -167,56 +215,27 @@ void CJsonWriter::WriteValue(const CBencode& value, unsigned int depth, std::str
                 out += Base64(bytes);
                 out += "\"}";
             }
-            break;
+            return false;
         }
-        case CBencode::eBencodeList: {
-            const std::vector<CBencode*>& items = static_cast<const CBencodeList&>(value).Items();
-            if (items.empty()) {
+        case CBencode::eBencodeList:
+            if (static_cast<const CBencodeList&>(value).Size() == 0) {
                 out += "[]";
-                break;
+                return false;
             }
             out += '[';
-            for (size_t i = 0; i < items.size(); ++i) {
-                if (i != 0) {
-                    out += ',';
-                }
-                NewLine(depth + 1, out);
-                const CBencode* item = items[i];
-                if (item == nullptr) {
-                    out += "null";
-                } else {
-                    WriteValue(*item, depth + 1, out);
-                }
-            }
-            NewLine(depth, out);
-            out += ']';
             break;
-        }
-        case CBencode::eBencodeDictionary: {
-            const CBencodeDictionary& dictionary = static_cast<const CBencodeDictionary&>(value);
-            if (dictionary.Size() == 0) {
+        case CBencode::eBencodeDictionary:
+            if (static_cast<const CBencodeDictionary&>(value).Size() == 0) {
                 out += "{}";
-                break;
+                return false;
             }
             out += '{';
-            bool first = true;
-            for (const CBencodeDictionary::EntryMap::value_type& entry : dictionary.Entries()) {
-                if (!first) {
-                    out += ',';
-                }
-                first = false;
-                NewLine(depth + 1, out);
-                WriteString(entry.first, out);
-                out += m_indent != 0 ? ": " : ":";
-                if (entry.second == nullptr) {
-                    out += "null";
-                } else {
-                    WriteValue(*entry.second, depth + 1, out);
-                }
-            }
-            NewLine(depth, out);
-            out += '}';
             break;
-        }
     }
+    Frame frame{&value, depth, 0, CBencodeDictionary::EntryMap::const_iterator()};
+    if (value.GetType() == CBencode::eBencodeDictionary) {
+        frame.entry = static_cast<const CBencodeDictionary&>(value).Entries().begin();
+    }
+    open.push_back(frame);
+    return true;
 }

@@ -8,8 +8,9 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
-class CBencode;
+#include "Bencode.h"
 
 class CJsonWriter {
 public:
@@ -23,7 +24,15 @@ public:
     static std::string Base64(const std::string& bytes);
 
 private:
-    void WriteValue(const CBencode& value, unsigned int depth, std::string& out) const;
+    // A container being written, with the next of its items.
+    struct Frame {
+        const CBencode* value;
+        unsigned int depth;
+        size_t index;                                        // lists
+        CBencodeDictionary::EntryMap::const_iterator entry;  // dictionaries
+    };
+    bool Open(const CBencode& value, unsigned int depth, std::vector<Frame>& open,
+              std::string& out) const;
     void NewLine(unsigned int depth, std::string& out) const;
     // A JSON string literal; bytes that are not part of valid UTF-8 are written as \udcXX.
     static void WriteString(const std::string& bytes, std::string& out);

@@ -20,9 +20,11 @@
 #include <string>
 #include <vector>
 
+#include "BencodeBuffer.h"
 #include "IBencodeSettings.h"
 
 class CBencodeStream;
+class CBencodeTree;
 class CBencodeList;
 class CBencodeDictionary;
 
@@ -80,6 +82,8 @@ public:
     EContentType GetType() const { return m_type; }
 
 protected:
+    friend class CBencodeTree;
+
     const EContentType m_type;
     long long m_integer;
     std::string m_string;
@@ -120,6 +124,8 @@ public:
     CBencodeStream* GetStream() const { return m_stream; }
 
 protected:
+    friend class CBencodeTree;
+
     std::vector<CBencode*> m_items;
     CBencodeStream* m_stream;
     bool m_useTempFile;
@@ -164,15 +170,16 @@ public:
     CBencodeStream* GetStream() const { return m_stream; }
 
 protected:
+    friend class CBencodeTree;
+
     EntryMap m_entries;
     CBencodeStream* m_stream;
     bool m_useTempFile;
 };
 
-// An in-memory byte buffer with separate read and write positions and the state bits of a
-// standard read/write string stream (good, end of data, fail, bad), bound to one file.
-// Writes overwrite at the write position and extend the content; reads see everything up
-// to the furthest byte ever written or loaded.
+// A byte buffer (CBencodeBuffer: separate read and write positions and the state bits of a
+// standard read/write string stream) bound to one file, which LoadStream reads into it and
+// FlushStream writes it to.
 class CBencodeStream {
 public:
     // Size of the text buffer for integer text, terminator included.
@@ -192,18 +199,22 @@ public:
     virtual int FlushStream(bool& stagedInTempFile);
 
     // Empties the buffer; the state bits are kept.
-    void ResetStream();
-    bool Seekg(unsigned int offset, std::ios_base::seekdir direction);
-    bool Seekp(unsigned int offset, std::ios_base::seekdir direction);
-    int Tellg();
-    int Tellp();
-    bool Read(char* buffer, unsigned int count);
-    bool Write(char const* data, unsigned int count);
+    void ResetStream() { m_buffer.Reset(); }
+    bool Seekg(unsigned int offset, std::ios_base::seekdir direction) {
+        return m_buffer.Seekg(offset, direction);
+    }
+    bool Seekp(unsigned int offset, std::ios_base::seekdir direction) {
+        return m_buffer.Seekp(offset, direction);
+    }
+    int Tellg() { return m_buffer.Tellg(); }
+    int Tellp() { return m_buffer.Tellp(); }
+    bool Read(char* buffer, unsigned int count) { return m_buffer.Read(buffer, count); }
+    bool Write(char const* data, unsigned int count) { return m_buffer.Write(data, count); }
     int Peek();
-    bool Good() const;
-    bool Eof() const;
-    bool Fail() const;
-    void Clear();
+    bool Good() const { return m_buffer.Good(); }
+    bool Eof() const { return m_buffer.Eof(); }
+    bool Fail() const { return m_buffer.Fail(); }
+    void Clear() { m_buffer.Clear(); }
 
     CBencodeStream& operator<<(long long value);
     CBencodeStream& operator<<(std::string const& text);
@@ -212,46 +223,13 @@ public:
     std::string const& GetFileName() const { return m_fileName; }
     void SetFileName(std::string const& fileName) { m_fileName = fileName; }
     // Bytes of content (the furthest point loaded or written).
-    size_t Size() const { return m_size; }
-    char const* Data() const { return m_data.get(); }
+    size_t Size() const { return m_buffer.Size(); }
+    char const* Data() const { return m_buffer.Data(); }
+    // The buffer itself, for the reader and writer of the byte format.
+    CBencodeBuffer& Buffer() { return m_buffer; }
 
 private:
-    friend class CBencode;
-    friend class CBencodeList;
-    friend class CBencodeDictionary;
-
-    enum : unsigned int { kEofBit = 1u, kFailBit = 2u, kBadBit = 4u };
-
-    // Buffer primitives used by the readers and writers of the byte format.
-    bool GetByte(char& c);
-    bool PutByte(char c);
-    bool PutBytes(char const* data, size_t count);
-    bool ReadText(std::string& out, size_t count);
-    // Room for `count` bytes at the write position, or null when the stream refuses to write
-    // (not good) or the buffer cannot grow (then the bad bit is set). The writer fills the
-    // room and hands its end to CommitWrite.
-    char* WriteSpace(size_t count);
-    void CommitWrite(char const* end);
-    bool Reserve(size_t capacity);
-    void SetState(unsigned int bits) { m_state |= bits; }
-
-    // malloc'd, so that growing a large buffer can remap it in place instead of holding the
-    // old and the new copy at once.
-    struct FreeBuffer {
-        void operator()(char* data) const;
-    };
-    std::unique_ptr<char, FreeBuffer> m_data;
-    size_t m_capacity;
-    size_t m_size;
-    size_t m_readPos;
-    size_t m_writePos;
-    // Content size before the last ResetStream: a fresh buffer is sized for it at once, so
-    // that a container saved again and again does not regrow its buffer on every save.
-    size_t m_sizeHint;
-    unsigned int m_state;
-    // True while the content is known to hold no NUL byte (it was loaded, which cuts at the
-    // first NUL, or written only by the value writers): reading a string then needs no scan.
-    bool m_nulFree;
+    CBencodeBuffer m_buffer;
     std::string m_fileName;
     bool m_useTempFile;
 };

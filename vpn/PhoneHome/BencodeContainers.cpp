@@ -1,8 +1,146 @@
 // CBencodeList and CBencodeDictionary: in-memory behaviour (ownership, access, equality).
 // Their byte format lives in BencodeWire.cpp, their file binding in BencodeStream.cpp.
-#include "Bencode.h"
+#include <typeinfo>
 
+#include "Bencode.h"
 #include "BencodeLog.h"
+#include "BencodeTree.h"
+
+// ---------------------------------------------------------------------------------------
+// Freeing and comparing whole trees
+// ---------------------------------------------------------------------------------------
+
+namespace {
+
+typedef CBencodeDictionary::EntryMap EntryMap;
+
+// Whether any of the values is a container whose children the destructor would free.
+template <typename Iterator, typename Value>
+bool HoldsPlainContainer(Iterator begin, Iterator end, Value value) {
+    for (; begin != end; ++begin) {
+        CBencode const* item = value(*begin);
+        if (item != nullptr && item->GetType() >= CBencode::eBencodeList &&
+            CBencodeTree::IsPlainContainer(*item)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+CBencode* ItemOf(CBencode* item) {
+    return item;
+}
+CBencode* ValueOf(EntryMap::value_type const& entry) {
+    return entry.second;
+}
+
+}  // namespace
+
+// The values are taken from the back; a container's children are detached and put on the
+// vector in reverse, so that the tree is freed in the order in which it lies in memory and
+// no destructor has children left to free.
+void CBencodeTree::Destroy(std::vector<CBencode*>& values) {
+    while (!values.empty()) {
+        CBencode* value = values.back();
+        values.pop_back();
+        if (value != nullptr && value->m_type >= CBencode::eBencodeList &&
+            IsPlainContainer(*value)) {
+            if (value->m_type == CBencode::eBencodeList) {
+                std::vector<CBencode*>& items = static_cast<CBencodeList*>(value)->m_items;
+                values.insert(values.end(), items.rbegin(), items.rend());
+                items.clear();
+            } else {
+                EntryMap& entries = static_cast<CBencodeDictionary*>(value)->m_entries;
+                for (EntryMap::reverse_iterator entry = entries.rbegin(); entry != entries.rend();
+                     ++entry) {
+                    values.push_back(entry->second);
+                }
+                entries.clear();
+            }
+        }
+        delete value;
+    }
+}
+
+namespace {
+
+// Two containers being compared, with the place reached in each.
+struct CompareFrame {
+    CBencode const* mine;
+    CBencode const* theirs;
+    size_t index;                    // lists
+    EntryMap::const_iterator next;   // dictionaries: mine
+    EntryMap::const_iterator other;  // dictionaries: theirs
+};
+
+// The checks of a container's operator== before its items are walked: `theirs` must be a
+// container of the same kind with as many items.
+bool Comparable(CBencode const& mine, CBencode const& theirs) {
+    if (mine.GetType() == CBencode::eBencodeList) {
+        CBencodeList const* list = dynamic_cast<CBencodeList const*>(&theirs);
+        return theirs.GetType() == CBencode::eBencodeList && list != nullptr &&
+               static_cast<CBencodeList const&>(mine).Size() == list->Size();
+    }
+    CBencodeDictionary const* dictionary = dynamic_cast<CBencodeDictionary const*>(&theirs);
+    return theirs.GetType() == CBencode::eBencodeDictionary && dictionary != nullptr &&
+           static_cast<CBencodeDictionary const&>(mine).Size() == dictionary->Size();
+}
+
+}  // namespace
+
+// Library containers inside the trees are walked here; any other value compares itself
+// through its virtual operator==. The first difference decides.
+bool CBencodeTree::Equal(CBencode const& mine, CBencode const& other) {
+    if (!Comparable(mine, other)) {
+        return false;
+    }
+    std::vector<CompareFrame> stack;
+    auto open = [&stack](CBencode const& a, CBencode const& b) {
+        CompareFrame frame{&a, &b, 0, EntryMap::const_iterator(), EntryMap::const_iterator()};
+        if (a.GetType() == CBencode::eBencodeDictionary) {
+            frame.next = static_cast<CBencodeDictionary const&>(a).m_entries.begin();
+            frame.other = static_cast<CBencodeDictionary const&>(b).m_entries.begin();
+        }
+        stack.push_back(frame);
+    };
+    open(mine, other);
+    while (!stack.empty()) {
+        CompareFrame& frame = stack.back();
+        CBencode const* a = nullptr;
+        CBencode const* b = nullptr;
+        if (frame.mine->GetType() == CBencode::eBencodeList) {
+            std::vector<CBencode*> const& items =
+                static_cast<CBencodeList const*>(frame.mine)->m_items;
+            if (frame.index == items.size()) {
+                stack.pop_back();
+                continue;
+            }
+            a = items[frame.index];
+            b = static_cast<CBencodeList const*>(frame.theirs)->m_items[frame.index];
+            ++frame.index;
+        } else {
+            if (frame.next == static_cast<CBencodeDictionary const*>(frame.mine)->m_entries.end()) {
+                stack.pop_back();
+                continue;
+            }
+            // Keys are not compared: values are compared pairwise in key order.
+            a = (frame.next++)->second;
+            b = (frame.other++)->second;
+        }
+        if (a == nullptr || b == nullptr) {
+            return false;
+        }
+        if (a->GetType() >= CBencode::eBencodeList && IsPlainContainer(*a)) {
+            if (!Comparable(*a, *b)) {
+                return false;
+            }
+            open(*a, *b);
+        } else if (!(*a == *b)) {
+            return false;
+        }
+    }
+    return true;
+}
 
 // ---------------------------------------------------------------------------------------
 // CBencodeList
@@ -16,11 +154,19 @@ CBencodeList::~CBencodeList() {
     Reset();
 }
 
+// Items that hold no container of their own are deleted here; anything deeper goes to the
+// walk that frees a tree without recursion.
 void CBencodeList::Reset() {
-    for (CBencode* item : m_items) {
-        delete item;
+    if (!HoldsPlainContainer(m_items.begin(), m_items.end(), ItemOf)) {
+        for (CBencode* item : m_items) {
+            delete item;
+        }
+        m_items.clear();
+        return;
     }
+    std::vector<CBencode*> values(m_items.rbegin(), m_items.rend());
     m_items.clear();
+    CBencodeTree::Destroy(values);
 }
 
 bool CBencodeList::Append(std::string const& value) {
@@ -68,21 +214,7 @@ CBencode* CBencodeList::operator[](unsigned int index) {
 }
 
 bool CBencodeList::operator==(CBencode const& other) const {
-    CBencodeList const* list = dynamic_cast<CBencodeList const*>(&other);
-    if (other.GetType() != eBencodeList || list == nullptr) {
-        return false;
-    }
-    if (m_items.size() != list->m_items.size()) {
-        return false;
-    }
-    for (size_t i = 0; i < m_items.size(); ++i) {
-        CBencode const* mine = m_items[i];
-        CBencode const* theirs = list->m_items[i];
-        if (mine == nullptr || theirs == nullptr || !(*mine == *theirs)) {
-            return false;
-        }
-    }
-    return true;
+    return CBencodeTree::Equal(*this, other);
 }
 
 // ---------------------------------------------------------------------------------------
@@ -98,10 +230,21 @@ CBencodeDictionary::~CBencodeDictionary() {
 }
 
 void CBencodeDictionary::Reset() {
-    for (EntryMap::value_type& entry : m_entries) {
-        delete entry.second;
+    if (!HoldsPlainContainer(m_entries.begin(), m_entries.end(), ValueOf)) {
+        for (EntryMap::value_type& entry : m_entries) {
+            delete entry.second;
+        }
+        m_entries.clear();
+        return;
+    }
+    std::vector<CBencode*> values;
+    values.reserve(m_entries.size());
+    for (EntryMap::reverse_iterator entry = m_entries.rbegin(); entry != m_entries.rend();
+         ++entry) {
+        values.push_back(entry->second);
     }
     m_entries.clear();
+    CBencodeTree::Destroy(values);
 }
 
 bool CBencodeDictionary::Insert(std::string const& key, long long value) {
@@ -206,20 +349,5 @@ bool CBencodeDictionary::GetContentType(std::string const& key, CBencode::EConte
 
 // Keys are not compared: values are compared pairwise in key order.
 bool CBencodeDictionary::operator==(CBencode const& other) const {
-    CBencodeDictionary const* dictionary = dynamic_cast<CBencodeDictionary const*>(&other);
-    if (other.GetType() != eBencodeDictionary || dictionary == nullptr) {
-        return false;
-    }
-    if (m_entries.size() != dictionary->m_entries.size()) {
-        return false;
-    }
-    EntryMap::const_iterator theirs = dictionary->m_entries.begin();
-    for (EntryMap::const_iterator mine = m_entries.begin(); mine != m_entries.end();
-         ++mine, ++theirs) {
-        if (mine->second == nullptr || theirs->second == nullptr ||
-            !(*mine->second == *theirs->second)) {
-            return false;
-        }
-    }
-    return true;
+    return CBencodeTree::Equal(*this, other);
 }

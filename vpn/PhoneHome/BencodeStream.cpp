@@ -49,32 +49,16 @@ private:
     int m_fd;
 };
 
+struct FreeMemory {
+    void operator()(char* data) const { free(data); }
+};
+
 }  // namespace
 
 CBencodeStream::CBencodeStream(std::string const& fileName, bool useTempFile)
-    : m_capacity(0),
-      m_size(0),
-      m_readPos(0),
-      m_writePos(0),
-      m_sizeHint(0),
-      m_state(0),
-      m_nulFree(true),
-      m_fileName(fileName),
-      m_useTempFile(useTempFile) {}
+    : m_fileName(fileName), m_useTempFile(useTempFile) {}
 
 CBencodeStream::~CBencodeStream() {}
-
-void CBencodeStream::ResetStream() {
-    if (m_size != 0) {
-        m_sizeHint = m_size;
-    }
-    m_data.reset();
-    m_capacity = 0;
-    m_size = 0;
-    m_readPos = 0;
-    m_writePos = 0;
-    m_nulFree = true;
-}
 
 // Whether the file exists is judged by errno alone, as left by the read-only open (errno is
 // not cleared beforehand). A missing file is created empty, so that loading it succeeds.
@@ -124,7 +108,7 @@ int CBencodeStream::LoadStream() {
     }
 
     size_t size = static_cast<size_t>(status.st_size);
-    std::unique_ptr<char, FreeBuffer> data(static_cast<char*>(malloc(size + 1)));
+    std::unique_ptr<char, FreeMemory> data(static_cast<char*>(malloc(size + 1)));
     if (!data) {
         BENCODE_LOG_CODE("read", ENOMEM, "File read failed");
         flock(file.Get(), LOCK_UN);
@@ -146,12 +130,8 @@ int CBencodeStream::LoadStream() {
     // The content ends at the first NUL byte, if any.
     data.get()[size] = '\0';
     char const* nul = static_cast<char const*>(memchr(data.get(), 0, size));
-    m_size = nul != nullptr ? static_cast<size_t>(nul - data.get()) : size;
-    m_data = std::move(data);
-    m_capacity = size + 1;
-    m_readPos = 0;
-    m_writePos = 0;
-    m_nulFree = true;
+    const size_t content = nul != nullptr ? static_cast<size_t>(nul - data.get()) : size;
+    m_buffer.Adopt(data.release(), content, size + 1);
     return eBencodeSuccess;
 }
 
@@ -184,11 +164,12 @@ int CBencodeStream::FlushStream(bool& stagedInTempFile) {
         return eBencodeFileError;
     }
     static const char kNothing = 0;
-    ssize_t written = write(file.Get(), m_size != 0 ? m_data.get() : &kNothing, m_size);
+    const size_t size = m_buffer.Size();
+    ssize_t written = write(file.Get(), size != 0 ? m_buffer.Data() : &kNothing, size);
     flock(file.Get(), LOCK_UN);
     file.Close();
 
-    if (written < 0 || static_cast<size_t>(written) != m_size) {
+    if (written < 0 || static_cast<size_t>(written) != size) {
         BENCODE_LOG_ERROR("File write failed");
         return eBencodeFileError;
     }
