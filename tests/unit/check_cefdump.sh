@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# cefdump prints a bencode file as JSON (byte strings that are not UTF-8 as base64) and
-# answers missing, invalid and oversized files with distinct non-zero exit codes.
+# cefdump prints a bencode file or standard input as JSON (byte strings that are not UTF-8
+# as base64), reads a body as posted with --wire, names where invalid input goes wrong,
+# warns about ignored trailing bytes, and answers missing, invalid and oversized input
+# with distinct non-zero exit codes.
 # Usage: check_cefdump.sh CEFDUMP [EMULATOR...]
 set -uo pipefail
 tool=$1
@@ -18,8 +20,7 @@ out=$("$@" "$tool" "$dir/ok.cef") || fail "valid file refused"
 compact=$(tr -d ' \n' <<<"$out")
 [ "$compact" = '{"a":-7,"b":["xyz",{"base64":"//4="}]}' ] || fail "unexpected JSON: $compact"
 
-for case in "missing.cef 2" "truncated.cef 5" "large.cef 4"; do
-
+for case in "missing.cef 1" "truncated.cef 5" "large.cef 4"; do
   name=${case% *}
   want=${case#* }
   "${@}" "$tool" "$dir/$name" >/dev/null 2>"$dir/err"
@@ -28,6 +29,21 @@ for case in "missing.cef 2" "truncated.cef 5" "large.cef 4"; do
   [ -s "$dir/err" ] || fail "$name: no message"
 done
 [ ! -e "$dir/missing.cef" ] || fail "a missing file was created"
+
+# name | input | arguments | expected stdout | expected stderr (a part of it)
+while IFS='|' read -r name input args want_out want_err; do
+  got_out=$(printf '%s' "$input" | "$@" "$tool" --compact $args - 2>"$dir/err" | tr -d '\n')
+  [ "$got_out" = "$want_out" ] || fail "$name: printed '$got_out'"
+  if [ -z "$want_err" ]; then [ ! -s "$dir/err" ]; else grep -qF -- "$want_err" "$dir/err"; fi ||
+    fail "$name: stderr '$(cat "$dir/err")'"
+done <<'ROWS'
+stdin|d1:ai1ee||{"a":1}|
+wire body|data=li2ee|--wire|[2]|
+not a body|li2ee|--wire||does not start with "data="
+invalid byte|li1exee|||the first invalid byte is at offset 4
+trailing bytes|li1eei2e||[1]|warning: 3 bytes after the top-level value (from offset 5)
+ROWS
+"$@" "$tool" --version | grep -q '^cefdump [0-9]' || fail "no version"
 
 # Nesting as deep as the size limit allows (a million levels under emulation) is printed.
 depth=$([ $# -gt 0 ] && echo 1000000 || echo 5000000)

@@ -1,12 +1,14 @@
 // cefdump: prints a bencode file (top-level list or dictionary) as JSON on stdout.
 //
-// The file is read through the plug-in's bencode library, under the same exclusive,
-// non-blocking lock and size limit as the agent uses, so a file that the agent could not
-// read is reported here too. Nothing is ever created or modified.
+// The input is decoded by the plug-in's bencode library with the agent's rules (size limit,
+// content up to the first NUL, the same exclusive non-blocking lock on a file), so an input
+// the agent could not read is reported here too. Nothing is ever created or modified.
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -16,25 +18,27 @@
 #include "AppLog.h"
 #include "Bencode.h"
 #include "JsonWriter.h"
+#include "RegularFile.h"
 
 namespace {
 
 enum ExitCode {
     kExitOk = 0,
-    kExitUsage = 1,
-    kExitFileError = 2,
+    kExitFileError = 1,
+    kExitUsage = 2,
     kExitLocked = 3,
     kExitTooLarge = 4,
     kExitInvalid = 5,
 };
 
 const char kUsage[] =
-    "Usage: cefdump [--compact] [--verbose] FILE\n"
-    "       cefdump --help\n"
+    "Usage: cefdump [--compact] [--wire] [--verbose] FILE|-\n"
+    "       cefdump --help | --version\n"
     "\n"
     "Prints a bencode file (an outbound .cef report, a crash or threat report, a module\n"
-    "data file) as JSON. The top-level value is a list or a dictionary; an empty file is\n"
-    "an empty list.\n"
+    "data file) as JSON; \"-\" reads standard input. The top-level value is a list or a\n"
+    "dictionary; an empty file is an empty list. As in the service, the content ends at its\n"
+    "first NUL byte, and bytes after the top-level value are ignored (with a warning).\n"
     "\n"
     "  integers      JSON numbers, exact to 64 bits\n"
     "  strings       JSON strings when valid UTF-8, otherwise {\"base64\": \"...\"}\n"
@@ -44,32 +48,58 @@ const char kUsage[] =
     "\n"
     "Options:\n"
     "  --compact   one line, no indentation\n"
+    "  --wire      the input is a request body as posted: \"data=\" and the report\n"
     "  --verbose   show the library's log records on stderr\n"
     "  --help      this text\n"
+    "  --version   the product version\n"
     "\n"
-    "Exit status: 0 printed, 1 usage error, 2 file missing or unreadable, 3 file locked by\n"
-    "another process, 4 file larger than 10485760 bytes, 5 not valid bencode.\n";
+    "Exit status: 0 printed, 1 file missing or unreadable, 2 usage error, 3 file locked by\n"
+    "another process, 4 input larger than 10485760 bytes, 5 not valid bencode.\n";
 
-// Opens read-only and closes on destruction.
-class CReadOnlyFile {
-public:
-    explicit CReadOnlyFile(const char* path) : m_fd(open(path, O_RDONLY | O_CLOEXEC)) {}
-    ~CReadOnlyFile() {
-        if (m_fd >= 0) {
-            close(m_fd);
-        }
-    }
-    CReadOnlyFile(const CReadOnlyFile&) = delete;
-    CReadOnlyFile& operator=(const CReadOnlyFile&) = delete;
-    int Get() const { return m_fd; }
+const char kWirePrefix[] = "data=";
 
-private:
-    int m_fd;
-};
-
-int Fail(int code, const std::string& path, const std::string& reason) {
-    fprintf(stderr, "cefdump: %s: %s\n", path.c_str(), reason.c_str());
+int Fail(int code, const std::string& name, const std::string& reason) {
+    fprintf(stderr, "cefdump: %s: %s\n", name.c_str(), reason.c_str());
     return code;
+}
+
+// Reads all of `fd` into `bytes`, at most `limit` + 1 bytes (enough to tell it is too large).
+bool ReadUpTo(int fd, size_t limit, std::string& bytes) {
+    char chunk[65536];
+    for (;;) {
+        ssize_t count = read(fd, chunk, sizeof chunk);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count < 0) {
+            return false;
+        }
+        if (count == 0 || bytes.size() > limit) {
+            return true;
+        }
+        bytes.append(chunk, static_cast<size_t>(count));
+    }
+}
+
+// The input's bytes: standard input, or a regular file read under the same exclusive,
+// non-blocking lock that the service takes. Returns an exit code (kExitOk when read).
+int ReadInput(const std::string& path, std::string& bytes) {
+    if (path == "-") {
+        return ReadUpTo(STDIN_FILENO, MAX_BENCODE_FILE_SIZE + sizeof kWirePrefix, bytes)
+                   ? kExitOk
+                   : Fail(kExitFileError, "standard input", strerror(errno));
+    }
+    CRegularFile file;
+    if (!file.Open(path, ELinkPolicy::Follow)) {
+        return Fail(kExitFileError, path, errno == EINVAL ? "not a regular file" : strerror(errno));
+    }
+    if (flock(file.Get(), LOCK_EX | LOCK_NB) != 0) {
+        return Fail(errno == EWOULDBLOCK ? kExitLocked : kExitFileError, path,
+                    errno == EWOULDBLOCK ? "locked by another process" : strerror(errno));
+    }
+    return ReadUpTo(file.Get(), MAX_BENCODE_FILE_SIZE + sizeof kWirePrefix, bytes)
+               ? kExitOk
+               : Fail(kExitFileError, path, strerror(errno));
 }
 
 }  // namespace
@@ -77,6 +107,7 @@ int Fail(int code, const std::string& path, const std::string& reason) {
 int main(int argc, char** argv) {
     bool compact = false;
     bool verbose = false;
+    bool wire = false;
     std::string path;
     for (int i = 1; i < argc; ++i) {
         const std::string argument = argv[i];
@@ -84,10 +115,16 @@ int main(int argc, char** argv) {
             fputs(kUsage, stdout);
             return kExitOk;
         }
+        if (argument == "--version") {
+            printf("cefdump %s (build %s)\n", PW_PRODUCT_VERSION, PW_PRODUCT_BUILD);
+            return kExitOk;
+        }
         if (argument == "--compact") {
             compact = true;
         } else if (argument == "--verbose") {
             verbose = true;
+        } else if (argument == "--wire") {
+            wire = true;
         } else if (!argument.empty() && argument[0] == '-' && argument != "-") {
             fprintf(stderr, "cefdump: unknown option %s\n\n%s", argument.c_str(), kUsage);
             return kExitUsage;
@@ -103,54 +140,55 @@ int main(int argc, char** argv) {
         return kExitUsage;
     }
     CAppLog::ConfigureSinks(verbose ? CAppLog::SinkStderr : 0u);
+    const std::string name = path == "-" ? "standard input" : path;
 
-    // The library creates a missing file when loading it; a dump must not, so existence,
-    // kind and size are checked here first.
-    struct stat status;
-    if (stat(path.c_str(), &status) != 0) {
-        return Fail(kExitFileError, path, strerror(errno));
+    std::string bytes;
+    int read = ReadInput(path, bytes);
+    if (read != kExitOk) {
+        return read;
     }
-    if (!S_ISREG(status.st_mode)) {
-        return Fail(kExitFileError, path, "not a regular file");
-    }
-    if (status.st_size > static_cast<off_t>(MAX_BENCODE_FILE_SIZE)) {
-        return Fail(kExitTooLarge, path,
-                    "larger than the limit of " + std::to_string(MAX_BENCODE_FILE_SIZE) +
-                        " bytes (" + std::to_string(static_cast<long long>(status.st_size)) +
-                        " bytes)");
-    }
-    char first = 'l';
-    {
-        CReadOnlyFile file(path.c_str());
-        if (file.Get() < 0) {
-            return Fail(kExitFileError, path, strerror(errno));
+    size_t offset = 0;  // of the report within the input
+    if (wire) {
+        if (bytes.compare(0, sizeof kWirePrefix - 1, kWirePrefix) != 0) {
+            return Fail(kExitInvalid, name, "does not start with \"data=\"");
         }
-        if (read(file.Get(), &first, 1) < 0) {
-            return Fail(kExitFileError, path, strerror(errno));
-        }
+        offset = sizeof kWirePrefix - 1;
     }
+    if (bytes.size() - offset > MAX_BENCODE_FILE_SIZE) {
+        return Fail(kExitTooLarge, name,
+                    "larger than the limit of " + std::to_string(MAX_BENCODE_FILE_SIZE) + " bytes");
+    }
+    // As the service loads a file: the content ends at its first NUL.
+    size_t end = bytes.find('\0', offset);
+    end = end == std::string::npos ? bytes.size() : end;
 
-    // The loader judges a file's existence by errno; start it from a clean value.
-    errno = 0;
-    EBencodeResult result = eBencodeSuccess;
-    std::unique_ptr<CBencodeStream> listStream;  // outlives the list that uses it
+    CBencodeStream stream("", false);
+    stream.Write(bytes.data() + offset, static_cast<unsigned int>(end - offset));
+    stream.Seekg(0, std::ios_base::beg);
     std::unique_ptr<CBencode> root;
-    if (first == 'd') {
-        root.reset(new CBencodeDictionary(path, result, false));
+    if (end > offset && bytes[offset] == 'd') {
+        root.reset(new CBencodeDictionary(false));
     } else {
-        CBencodeList* list = new CBencodeList(path, result, false);
-        root.reset(list);
-        listStream.reset(list->GetStream());  // a list does not release its stream itself
+        root.reset(new CBencodeList(false));
     }
-    switch (result) {
-        case eBencodeSuccess:
-            break;
-        case eBencodeLockError:
-            return Fail(kExitLocked, path, "locked by another process");
-        case eBencodeInvalidData:
-            return Fail(kExitInvalid, path, "not valid bencode");
-        default:
-            return Fail(kExitFileError, path, "cannot be read");
+    const bool valid = root->Internalize(stream);
+    const bool ranOut = stream.Eof();
+    stream.Clear();  // a failed read leaves the stream failed, with its position kept
+    const size_t at = offset + static_cast<size_t>(std::max(stream.Tellg(), 0));
+    if (!valid) {
+        // The reader stops just after the byte it could not take, or at the end of an
+        // input that ends inside a value.
+        return Fail(kExitInvalid, name,
+                    ranOut ? "not valid bencode: the input ends at offset " + std::to_string(end) +
+                                 " inside a value"
+                           : "not valid bencode: the first invalid byte is at offset " +
+                                 std::to_string(at > offset ? at - 1 : offset));
+    }
+    if (at < end) {
+        fprintf(stderr,
+                "cefdump: %s: warning: %zu bytes after the top-level value (from offset %zu) "
+                "are ignored\n",
+                name.c_str(), end - at, at);
     }
 
     std::string json;
