@@ -29,11 +29,9 @@ TEST_F(FileSystemTest, MakeSureDirectoryPathExistsCreatesEveryMissingParent) {
     } cases[] = {
         // clang-format off
         {root + "a/b/c",             "a/b/c",               0},
-        {root + "t/u/",              "t/u",                 0},
         {root + "d//e///f",          "d/e/f",               0},
         {root + "a",                 "a",                   0},
         {"/",                        "",                    0},
-        {root + "file",              "",                    ENOTDIR},
         {root + "file/sub",          "",                    ENOTDIR},
         {"/proc/pwtest-no-such/dir", "",                    ENOENT},
         {"",                         "",                    EINVAL},

@@ -1,15 +1,9 @@
 // The host's HTTPS session, certificate helper and process-owner lookup, against the local
 // feedback server reached under the production host name.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <pwd.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
-#include <functional>
 #include <memory>
 #include <thread>
 
@@ -32,17 +26,13 @@ struct SessionSetup {
     std::list<std::string> extraHeaders;
 };
 
-// A session for kUrl as the setup says; its construction result goes to `rc`.
-std::unique_ptr<CHttpSessionCurl> MakeSession(const SessionSetup& setup, long& rc) {
-    return std::unique_ptr<CHttpSessionCurl>(new CHttpSessionCurl(
+// A session for kUrl as the setup says, whose construction must give `expected`.
+std::unique_ptr<CHttpSessionCurl> MakeSession(const SessionSetup& setup = {}, long expected = 0) {
+    long rc = -1;
+    std::unique_ptr<CHttpSessionCurl> session(new CHttpSessionCurl(
         rc, kUrl, "", setup.extraHeaders, "", "", "", "TestAgent", 443, true, true, setup.mode, "",
         nullptr, setup.callback, setup.capacity, nullptr, nullptr));
-}
-
-std::unique_ptr<CHttpSessionCurl> MakeSession(const SessionSetup& setup = {}) {
-    long rc = -1;
-    auto session = MakeSession(setup, rc);
-    EXPECT_EQ(0, rc);
+    EXPECT_EQ(expected, rc);
     return session;
 }
 
@@ -76,43 +66,11 @@ void SetRequestTimeoutMs(unsigned int milliseconds) {
     pwhost::ApplyHostSettings(settings);
 }
 
-// A local TCP listener, routed to, that never answers; with `full` its accept queue is
-// filled first, so that the session's connection attempt stays unanswered.
-struct SilentListener {
-    explicit SilentListener(bool full) {
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t size = sizeof address;
-        sockaddr* any = reinterpret_cast<sockaddr*>(&address);
-        EXPECT_TRUE(bind(fd, any, size) == 0 && listen(fd, 0) == 0 &&
-                    getsockname(fd, any, &size) == 0 && (!full || connect(filler, any, size) == 0));
-        pwhost::HostSettings settings = pwhost::CurrentHostSettings();
-        settings.connectTo = std::string(kFeedbackServerName) +
-                             ":443:127.0.0.1:" + std::to_string(ntohs(address.sin_port));
-        pwhost::ApplyHostSettings(settings);
-    }
-    ~SilentListener() {
-        close(accepted);
-        close(filler);
-        close(fd);
-    }
-    // Accepts the session's connection and waits for its first handshake bytes.
-    void WaitForHello() {
-        pollfd readable = {accepted = accept(fd, nullptr, nullptr), POLLIN, 0};
-        EXPECT_EQ(1, poll(&readable, 1, 5000));
-    }
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    int filler = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    int accepted = -1;
-};
-
 class HttpSessionTest : public HostFixture {
 protected:
     void TearDown() override {
         ClearRoute();
         SetRequestTimeoutMs(pwhost::HostSettings().requestTimeoutMs);
-        CHttpSessionCurl::SetLowSpeedGuard(16, 60);
         HostFixture::TearDown();
     }
 };
@@ -144,12 +102,10 @@ TEST_F(HttpSessionTest, PostsBodyAndHeadersExactly) {
     EXPECT_EQ(kFeedbackServerName, r.Header("Host"));  // the production name, port 443 implied
 }
 
-// Replies of every shape: what SendRequest returns and what ReadFile yields. A broken
-// transfer (kBroken) fails with any code but the one of a close.
+// Replies of every shape: what SendRequest returns and what ReadFile yields (the end-to-end
+// test covers broken transfers).
 TEST_F(HttpSessionTest, ReplyShapes) {
-    const long kBroken = 1;
     const unsigned int kFail = HTTP_REQUEST_FAIL_ON_ERROR_STATUS;
-    CHttpSessionCurl::SetLowSpeedGuard(100, 1);  // the drip below is cut after a second
     // clang-format off
     const struct {
         const char* control;
@@ -157,19 +113,14 @@ TEST_F(HttpSessionTest, ReplyShapes) {
         long rc;
         unsigned int status;
         size_t replySize;
-        bool bigBody;
     } cases[] = {
-        {"mode=ok\nreply=hello",         kFail, 16384, 0,                          200, 5, false},
-        {"mode=error",                   kFail, 16384, pwresult::kHttpStatusNotOk, 500, 2, false},
-        {"mode=error",                   0,     16384, 0,                          500, 2, false},
-        {"mode=ok\nreply_size=20000",    kFail, 16384, 0,                          200, 16384, false},
-        {"mode=ok\nreply_size=100",      kFail, 10,    0,                          200, 10, false},
-        {"mode=http10\nreply=old",       kFail, 16384, 0,                          200, 3, false},
-        {"mode=nobody",                  kFail, 16384, 0,                          200, 0, false},
-        {"mode=garbage",                 kFail, 16384, pwresult::kHttpBadReply,    0,   0, false},
-        {"mode=close",                   kFail, 16384, kBroken,                    0,   0, true},
-        {"mode=hugeheaders",             kFail, 16384, kBroken,                    0,   0, false},
-        {"mode=drip\ndrip_seconds=1",    kFail, 16384, kBroken,                    0,   0, false},
+        {"mode=ok\nreply=hello",      kFail, 16384, 0,                          200, 5},
+        {"mode=error",                 kFail, 16384, pwresult::kHttpStatusNotOk, 500, 2},
+        {"mode=error",                 0,     16384, 0,                          500, 2},
+        {"mode=ok\nreply_size=20000",  kFail, 16384, 0,                          200, 16384},
+        {"mode=ok\nreply_size=100",    kFail, 10,    0,                          200, 10},
+        {"mode=nobody",                kFail, 16384, 0,                          200, 0},
+        {"mode=garbage",               kFail, 16384, pwresult::kHttpBadReply,    0,   0},
     };
     // clang-format on
     FeedbackServer server;
@@ -179,13 +130,7 @@ TEST_F(HttpSessionTest, ReplyShapes) {
         server.SetControl(c.control);
         SessionSetup setup;
         setup.capacity = c.capacity;
-        Outcome out =
-            Post(*MakeSession(setup), "data=" + std::string(c.bigBody ? 200000 : 1, 'b'), c.flags);
-        if (c.rc == kBroken) {
-            EXPECT_NE(0, out.rc);
-            EXPECT_NE(pwresult::kHttpRequestClosed, out.rc);
-            continue;
-        }
+        Outcome out = Post(*MakeSession(setup), "data=b", c.flags);
         EXPECT_EQ(c.rc, out.rc);
         EXPECT_EQ(c.status, out.status);
         EXPECT_EQ(c.replySize, out.reply.size());
@@ -193,11 +138,9 @@ TEST_F(HttpSessionTest, ReplyShapes) {
 }
 
 TEST_F(HttpSessionTest, MisuseIsRefused) {
-    long rc = 0;
     SessionSetup setup;
     setup.capacity = 0;
-    MakeSession(setup, rc);
-    EXPECT_EQ(pwresult::kHttpInvalidArgument, rc);
+    MakeSession(setup, pwresult::kHttpInvalidArgument);
     auto session = MakeSession();
     unsigned int status = 7;
     EXPECT_EQ(pwresult::kHttpInvalidState, session->SendRequest(status, HTTP_BODY_FORM, "x", 1, 0));
@@ -225,55 +168,30 @@ TEST_F(HttpSessionTest, RequestDeadlineFromTheHostSettings) {
     EXPECT_EQ(2u, server.RequestCount());
 }
 
-// A close from another thread ends a stalled request at once in every phase it can stall
-// in; a close before the send fails the send without contacting the server.
-TEST_F(HttpSessionTest, CloseFromAnotherThreadEndsEveryPhase) {
+// A close from another thread ends a stalled request at once, waiting for the reply or
+// receiving it (the end-to-end test stops the host while connecting and in the handshake);
+// a close before the send fails the send without contacting the server.
+TEST_F(HttpSessionTest, CloseFromAnotherThreadEndsAStalledRequest) {
     FeedbackServer server("server", "stall");
-    // clang-format off
-    const struct {
-        const char* phase;
-        const char* control;  // null: a silent listener instead of the server
-        bool full;
-    } cases[] = {
-        {"connecting", nullptr,                     true},
-        {"handshake",  nullptr,                     false},
-        {"waiting",    "mode=stall",                false},
-        {"receiving",  "mode=drip\ndrip_seconds=30", false},
-    };
-    // clang-format on
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.phase);
-        std::unique_ptr<SilentListener> listener;
-        if (c.control != nullptr) {
-            server.SetControl(c.control);
-            ASSERT_TRUE(server.Route());
-        } else {
-            listener.reset(new SilentListener(c.full));
-        }
+    ASSERT_TRUE(server.Route());
+    for (const char* control : {"mode=stall", "mode=drip\ndrip_seconds=30"}) {
+        SCOPED_TRACE(control);
+        server.SetControl(control);
         auto session = MakeSession();
         const size_t seen = server.RequestCount();
         Clock::time_point closed;
         std::thread closer([&] {
-            if (c.control != nullptr) {
-                EXPECT_TRUE(server.WaitForRequests(seen + 1));
-            } else if (c.full) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(300));
-            } else {
-                listener->WaitForHello();
-            }
+            EXPECT_TRUE(server.WaitForRequests(seen + 1));
             closed = Clock::now();
             session->CloseRequest();
         });
         EXPECT_EQ(pwresult::kHttpRequestClosed, Post(*session, "data=s").rc);
         Clock::time_point returned = Clock::now();
         closer.join();
-        auto latency = std::chrono::duration_cast<std::chrono::microseconds>(returned - closed);
-        printf("close while %s: returned after %.1f ms\n", c.phase, latency.count() / 1000.0);
-        EXPECT_LT(latency, std::chrono::seconds(2));
+        EXPECT_LT(returned - closed, std::chrono::seconds(2));
     }
 
     server.SetMode("ok");
-    ASSERT_TRUE(server.Route());
     auto session = MakeSession();
     ASSERT_EQ(0, session->OpenRequest("", 15, 0, HTTP_METHOD_POST));
     std::thread([&] { session->CloseRequest(); }).join();
