@@ -38,10 +38,10 @@ TEST_F(PluginShellTest, CreatePluginAnswersExactlyTheTwoInterfaceNames) {
     PluginInterfaceList list = GetAvailableInterfaces();
     ASSERT_EQ(2u, list.count);
     EXPECT_EQ(g_AvailableInterfaces, list.interfaces);
-    EXPECT_EQ(std::string(kFeedback) + kStatus + "11",
-              std::string(list.interfaces[0].name) + list.interfaces[1].name +
-                  std::to_string(list.interfaces[0].version) +
-                  std::to_string(list.interfaces[1].version));
+    EXPECT_STREQ(kFeedback, list.interfaces[0].name);
+    EXPECT_STREQ(kStatus, list.interfaces[1].name);
+    EXPECT_EQ(1u, list.interfaces[0].version);
+    EXPECT_EQ(1u, list.interfaces[1].version);
     FailNext(Fault::CreateEvent, PwResult(0xFE010099));
     EXPECT_EQ(nullptr, CreatePlugin(kFeedback));
     ASSERT_EQ(1u, Failures("CreatePlugin").size()) << DumpLog();
