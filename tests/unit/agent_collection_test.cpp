@@ -31,7 +31,7 @@ protected:
         return {key, ModuleDataDir() + name};
     }
     static std::string Data(unsigned int sequence) {
-        return ReportIn(Outbound("feedback_data", sequence)).data;
+        return DataIn(Outbound("feedback_data", sequence));
     }
 };
 
@@ -39,13 +39,9 @@ protected:
 // a missing one gives the module an empty dictionary.
 TEST_F(CollectionTest, UnusableFilesAreSkippedForTheCycle) {
     const std::string vpn = ModuleDataDir() + "vpn.dat";
-    struct Case {
-        const char* content;  // null: no file; "/": a directory
-        std::string setting;  // "#": an integer
-        bool failed, kept;
-        const char* arrives;
-    } cases[] = {
-        // clang-format off
+    // content: null for no file, "/" for a directory; setting: "#" for an integer
+    // clang-format off
+    struct Case { const char* content; std::string setting; bool failed, kept; const char* arrives; } cases[] = {
         {nullptr, "#", false, false, "d10:ModuleDatadee"},
         {nullptr, vpn, false, false, "d10:ModuleDatad9:VpnModuledeee"},
         {"", vpn, false, false, "d10:ModuleDatad9:VpnModuledeee"},
@@ -53,8 +49,8 @@ TEST_F(CollectionTest, UnusableFilesAreSkippedForTheCycle) {
         {"li1ee", vpn, true, true, "d10:ModuleDatadee"},
         {"/", vpn, true, true, "d10:ModuleDatadee"},
         {nullptr, vpn + "/x", true, false, "d10:ModuleDatadee"},
-        // clang-format on
     };
+    // clang-format on
     unsigned int sequence = 1;
     for (const Case& c : cases) {
         SCOPED_TRACE(c.setting + (c.content ? c.content : "(none)"));
@@ -140,10 +136,9 @@ TEST_F(CollectionTest, FailedWritesPostNothing) {
     ASSERT_EQ(0, mkdir(HistoryPath().c_str(), 0700));
     SetManualUnixSeconds(kStartSeconds + 80);
     Expire(A::kPhoneHomeTimerId);
-    Report next = ReportIn(Outbound("feedback_data", 1));
-    EXPECT_EQ("d10:ModuleDatad9:VpnModuledeee", next.data);
-    EXPECT_EQ(kStartSeconds + 50, next.start);
-    EXPECT_EQ(kStartSeconds + 80, next.end);
+    EXPECT_EQ("d10:ModuleDatad9:VpnModuledeee", Data(1));
+    EXPECT_NE(std::string::npos,  // the collection period
+              ReadFileOrEmpty(Outbound("feedback_data", 1)).find("i3eli1400000050ei1400000080ed"));
     EXPECT_EQ(1u, CountLogText("SaveHistoryFile Failed")) << DumpLog();
     EXPECT_EQ(-1, Remaining(A::kPostRetryTimerId));
 }
@@ -192,15 +187,13 @@ TEST_F(PayloadTest, ReferencePayloadByteForByte) {
 // The locale reported is the environment's; the process keeps its own. A locale the
 // process cannot switch to fails the initialisation.
 TEST_F(PayloadTest, LocaleIsTheEnvironmentsAndTheProcessLocaleIsRestored) {
-    struct Case {
-        const char* environment;
-        const char* expected;  // null: the switch is refused
-    } cases[] = {{"POSIX", "1:C"}, {"C.UTF-8", "7:C.UTF-8"}, {"xx.bogus", nullptr}};
-    for (const Case& c : cases) {
+    // expected: null where the switch is refused
+    // clang-format off
+    const struct { const char* environment; const char* expected; } cases[] = {{"POSIX", "1:C"}, {"C.UTF-8", "7:C.UTF-8"}, {"xx.bogus", nullptr}};
+    // clang-format on
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.environment);
-        NewPlugin();
-        RemoveTree(OutboundDir());
-        RemoveTree(HistoryPath());
+        Fresh();
         ASSERT_NE(nullptr, setlocale(LC_ALL, "C.UTF-8"));
         setenv("LC_ALL", c.environment, 1);
         if (c.expected == nullptr) {

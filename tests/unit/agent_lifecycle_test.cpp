@@ -34,12 +34,8 @@ TEST_F(AgentLifecycleTest, StartsOnOneThreadAndStopsFromAnother) {
 TEST_F(AgentLifecycleTest, FirstExpiriesFollowTheHistory) {
     const long long day = 86400000, month = 30 * day;
     const std::string ago1d = std::to_string(kStartSeconds - 86400);
-    struct Case {
-        std::string history;
-        const char* profile;
-        long long phoneHome, checkCrash;
-    } cases[] = {
-        // clang-format off
+    // clang-format off
+    struct Case { std::string history; const char* profile; long long phoneHome, checkCrash; } cases[] = {
         {"", "", 600000, 600000},
         {"last_feedback:" + ago1d, "", month - day, 600000},
         {"last_feedback:garbage", "", 600000, 600000},
@@ -52,8 +48,8 @@ TEST_F(AgentLifecycleTest, FirstExpiriesFollowTheHistory) {
         {"last_crash_report:" + std::to_string(kStartSeconds + 50),
          "<CheckCrashInterval>7200</CheckCrashInterval>", 600000, 7200000},
         {"", "<IncludeCrashReport>false</IncludeCrashReport>", 600000, -1},
-        // clang-format on
     };
+    // clang-format on
     for (const Case& c : cases) {
         SCOPED_TRACE(c.history + c.profile);
         NewPlugin();
@@ -72,23 +68,16 @@ TEST_F(AgentLifecycleTest, FirstExpiriesFollowTheHistory) {
 // code; a failed wait ends the loop, timeouts are normal turns, and a failed timer-list
 // query falls back to a day's wait.
 TEST_F(AgentLifecycleTest, HostFailuresAtTheStartAndInTheLoop) {
-    struct Case {
-        Fault fault;
-        uint32_t injected;
-        unsigned int count;
-        const char* failedCall;
-        uint32_t logged;
-        bool ends;
-    } cases[] = {
-        // clang-format off
+    // clang-format off
+    struct Case { Fault fault; uint32_t injected; unsigned int count; const char* failedCall; uint32_t logged; bool ends; } cases[] = {
         {Fault::CreateTimer, 0xFE020002, 1, "CTimer", 0xFE020002, true},
         {Fault::StartTimer, 0xFE020002, 1, "CTimer::StartTimer", 0xFE020002, true},
         {Fault::AcquireInstance, 0, 1, "CInstanceSmartPtr<CExecutionContext>", 0xFE7C000A, true},
         {Fault::WaitOnEvents, 0xFE010001, 1, "CEventList::WaitOnEvents", 0xFE010001, true},
         {Fault::WaitOnEvents, 0xFE01000C, 3, nullptr, 0, false},
         {Fault::TimeToExpired, 0xFE020002, 1, "CTimerList::TimeToExpired", 0xFE020002, false},
-        // clang-format on
     };
+    // clang-format on
     WriteProfile("");
     for (const Case& c : cases) {
         SCOPED_TRACE(c.failedCall ? c.failedCall : "timeouts");

@@ -21,13 +21,9 @@ typedef CPhoneHomeAgent A;
 // in the timers that a "Phone Home" cycle and a crash check re-arm. A missing or broken
 // profile leaves the defaults and is one error line of the agent's own, with the reason.
 TEST_F(AgentSettingsTest, ConfigFileOverridesProfileAndDefaults) {
-    struct Case {
-        const char* profile;  // null: no profile
-        const char* config;   // null: an empty config file
-        unsigned int feedback, checkCrash;
-        bool unreadable;
-    } cases[] = {
-        // clang-format off
+    // profile: null for none; config: null for an empty config file
+    // clang-format off
+    struct Case { const char* profile; const char* config; unsigned int feedback, checkCrash; bool unreadable; } cases[] = {
         {nullptr, nullptr, 2592000, 86400, true},
         {"<FeedbackInterval>0</FeedbackInterval>", nullptr, 2592000, 86400, false},
         {"<FeedbackInterval>7200</FeedbackInterval><CheckCrashInterval>60</CheckCrashInterval>", nullptr, 7200, 60, false},
@@ -41,8 +37,8 @@ TEST_F(AgentSettingsTest, ConfigFileOverridesProfileAndDefaults) {
         {"", "feedback_interval:-1\n", 4294967295u, 86400, false},
         {"", "feedback_interval:99999999999\n", 2147483647, 86400, false},
         {"", "feedback_interval:12abc\n", 12, 86400, false},
-        // clang-format on
     };
+    // clang-format on
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string(c.profile ? c.profile : "-") + " / " +
                      (c.config ? c.config : "-"));
@@ -104,12 +100,9 @@ TEST_F(AgentSettingsTest, SequenceNumberLastPostAndVersionRules) {
     const char* const kBadTime = "Illegal last reported time, using default value (0)";
     const std::string kChanged = std::string("Pathweave version changed, current version is ") +
                                  PW_PRODUCT_VERSION_TEXT + ".";
-    struct Case {
-        const char* history;
-        unsigned int sequence;
-        std::string logged;  // empty: nothing
-    } cases[] = {
-        // clang-format off
+    // logged: empty for nothing
+    // clang-format off
+    struct Case { const char* history; unsigned int sequence; std::string logged; } cases[] = {
         {"", 1, ""},
         {"last_sequence_number:99\n", 99, ""},
         {"last_sequence_number:0\n", 0, ""},
@@ -122,8 +115,8 @@ TEST_F(AgentSettingsTest, SequenceNumberLastPostAndVersionRules) {
         {"last_post:\n", 1, kBadTime},
         {"last_post:12:30\n", 1, kBadTime},
         {"last_version_number:1.0.00001\nlast_sequence_number:12\nlast_threat_report:5\n", 12, kChanged},
-        // clang-format on
     };
+    // clang-format on
     WriteProfile("");
     for (const Case& c : cases) {
         SCOPED_TRACE(c.history);

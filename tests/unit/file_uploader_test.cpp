@@ -1,5 +1,5 @@
 // CFileUploader against the local feedback server: one post per uploader, the result-code
-// mapping and the rejection of certificates that do not verify.
+// mapping (certificates that do not verify are the end-to-end suite's).
 #include <memory>
 
 #include "AppLog.h"
@@ -55,22 +55,17 @@ TEST_F(FileUploaderTest, PostsBodyAsItIs) {
 
 // How each failure of the session reaches the caller, and the line that reports it.
 TEST_F(FileUploaderTest, SendFailuresMapToUploaderCodes) {
-    const struct {
-        const char* name;
-        bool closeOnSendFailure;
-        uint32_t injected;  // 0: the server answers 500
-        long expected;
-        bool reported;  // by the uploader's own line
-    } cases[] = {
-        // clang-format off
+    // injected 0: the server answers 500; reported: by the uploader's own line.
+    // clang-format off
+    const struct { const char* name; bool closeOnSendFailure; uint32_t injected; long expected; bool reported; } cases[] = {
         {"500 reply", true, 0, PwResult(0xFE450015), true},
         {"secure channel", true, 0xFE450017, PwResult(0xFE87000C), true},
         {"secure channel, no close", false, 0xFE450017, PwResult(0xFE87000C), true},
         {"closed, close on failure", true, 0xFE45001C, PwResult(0xFE45001C), true},
         {"closed, no close", false, 0xFE45001C, PwResult(0xFE870010), false},
         {"other code passes", false, 0xFE450013, PwResult(0xFE450013), true},
-        // clang-format on
     };
+    // clang-format on
     FeedbackServer server("server", "error");
     ASSERT_TRUE(server.Route());
     for (const auto& c : cases) {
@@ -84,28 +79,6 @@ TEST_F(FileUploaderTest, SendFailuresMapToUploaderCodes) {
         EXPECT_EQ("", reply);
         EXPECT_EQ(c.reported ? 1u : 0u, Failures("CFileUploader::SendHttpRequest").size())
             << DumpLog();
-    }
-}
-
-// The uploader's sessions trust strictly (no other trust mode is ever asked for): a
-// certificate that does not verify is rejected with its verdict, nothing is sent, and the
-// post fails on its secure channel.
-TEST_F(FileUploaderTest, UnverifiedCertificatesAreRejected) {
-    const struct {
-        const char* cert;
-        uint32_t verdict;
-    } cases[] = {{"untrusted", 0xFE210010}, {"wrongname", 0xFE210015}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.cert);
-        FeedbackServer server(c.cert);
-        ASSERT_TRUE(server.Route());
-        ClearCapturedLogs();
-        std::string reply;
-        EXPECT_EQ(PwResult(0xFE87000C), Post(*MakeUploader(), reply));
-        std::vector<LogRecord> verify = Failures("CFileUploader::ServerCertVerify");
-        ASSERT_EQ(1u, verify.size()) << DumpLog();
-        EXPECT_TRUE(PwResultEquals(verify[0].result, c.verdict));
-        EXPECT_EQ(0u, server.RequestCount());
     }
 }
 

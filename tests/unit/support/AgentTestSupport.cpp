@@ -1,7 +1,6 @@
 #include "AgentTestSupport.h"
 
 #include <algorithm>
-#include <cstdio>
 
 #include "ExecutionContext.h"
 #include "FeedbackServer.h"
@@ -120,18 +119,13 @@ std::vector<std::string> AgentFixture::OutboundFiles() {
     return names;
 }
 
-Report AgentFixture::ReportIn(const std::string& path) {
-    // [7, id, 3, [start, end, {..., QualityImprovementData: {...}}]]: the data dictionary is
-    // the last key of the last dictionary.
+std::string AgentFixture::DataIn(const std::string& path) {
+    // The data dictionary is the last key of the last dictionary, closed by three "e"s.
     const std::string bytes = ReadFileOrEmpty(path), key = "22:QualityImprovementData";
-    Report report;
-    size_t period = bytes.find("i3eli"), data = bytes.rfind(key);
-    if (period == std::string::npos || data == std::string::npos || bytes.size() < data + 28 ||
-        sscanf(bytes.c_str() + period + 5, "%llde i%llde", &report.start, &report.end) != 2) {
-        return Report();
-    }
-    report.data = bytes.substr(data + key.size(), bytes.size() - data - key.size() - 3);
-    return report;
+    const size_t at = bytes.rfind(key), from = at + key.size();
+    return at == std::string::npos || bytes.size() < from + 3
+               ? ""
+               : bytes.substr(from, bytes.size() - from - 3);
 }
 
 void AgentFixture::WriteProfile(const std::string& innerXml) {

@@ -17,13 +17,6 @@
 
 namespace pwtest {
 
-// A report as the agent writes it: its collection period and the bencode bytes of its
-// "QualityImprovementData" (-1 and empty where there is no report).
-struct Report {
-    long long start = -1, end = -1;
-    std::string data;
-};
-
 // A module setting as a module deposits it through the host callback: a string, a string
 // appended to a list, or an integer.
 struct Setting {
@@ -45,6 +38,12 @@ protected:
     CPhoneHomeAgent& agent() { return *m_plugin->GetAgent(); }
     // Replaces the plug-in (and its agent, which saves its history as it goes).
     void NewPlugin();
+    // A new plug-in with no history and an empty outbound directory.
+    void Fresh() {
+        NewPlugin();
+        RemoveTree(OutboundDir());
+        RemoveTree(HistoryPath());
+    }
     // Initialises the agent without its loop, timers made but not armed; the test plays
     // the loop with Expire(). Clears the log.
     void Prepare();
@@ -71,7 +70,8 @@ protected:
     }
     // Names in the outbound directory, sorted.
     static std::vector<std::string> OutboundFiles();
-    static Report ReportIn(const std::string& path);
+    // The bencode bytes of the "QualityImprovementData" of the report at `path` (empty if none).
+    static std::string DataIn(const std::string& path);
     static void WriteProfile(const std::string& innerXml);  // inside <Feedback>
     static void WriteHistory(const std::string& content) {
         ASSERT_TRUE(WriteFile(HistoryPath(), content));
