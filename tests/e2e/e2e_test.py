@@ -154,21 +154,14 @@ class EndToEnd(HostFixture):
         self.assertTrue(body.startswith(b"data="), body[:20])
         payload, end = bdecode(body[5:])
         self.assertEqual(len(body) - 5, end, "the body is exactly data= and one bencode list")
-        self.assertEqual([7, 3], [payload[0], payload[2]])
-        self.assertRegex(payload[1].decode(), "^[0-9a-f]{40}$")
-        start, stop, level3 = payload[3]
-        self.assertLessEqual(start, stop)
-        self.assertEqual(payload[1], level3[b"MachineId"])
-        self.assertEqual(b"e2e", level3[b"CustomerId"])
-        modules = level3[b"QualityImprovementData"][b"ModuleData"]
-        self.assertEqual({b"connects": 42, b"protocol": b"ikev2"}, modules[b"VpnModule"])
-        self.assertEqual({b"blocked": 7}, modules[b"WebSecurityModule"])
+        level3 = payload[3][2]
+        self.assertEqual([7, 3, b"e2e"], [payload[0], payload[2], level3[b"CustomerId"]])
+        self.assertEqual({b"VpnModule": {b"connects": 42, b"protocol": b"ikev2"},
+                          b"WebSecurityModule": {b"blocked": 7}},
+                         level3[b"QualityImprovementData"][b"ModuleData"])
         self.assertFalse(os.path.exists(vpn) or os.path.exists(websec))
-
-        with open(os.path.join(FEEDBACK, "history")) as history_file:
-            history = dict(line.split(":", 1) for line in history_file.read().splitlines())
-        self.assertEqual("2", history["last_sequence_number"])
-        self.assertNotEqual("", history["last_post"])
+        with open(os.path.join(FEEDBACK, "history")) as history:
+            self.assertIn("last_sequence_number:2\n", history.read())
         # Nothing the service wrote is open to other users (the host's umask is 077); the
         # feedback directory itself is the test's.
         for directory, names, files in os.walk(FEEDBACK):
@@ -202,14 +195,6 @@ class EndToEnd(HostFixture):
         self.assertIn(b"14:ThreatIncident14:blocked a page", threats()[0])
         self.assertTrue(wait_for(lambda: not os.path.exists(incident)), self.log())
         self.stop_host()
-
-    def test_disabled_service_leaves_its_marker_and_sends_nothing(self):
-        server = self.server()
-        self.write_profile("<ServiceDisable>true</ServiceDisable>")
-        self.start_host({}, server.port)
-        self.assertEqual(0, self.host.wait(60))
-        self.assertTrue(os.path.exists(os.path.join(FEEDBACK, "moduledata", "cefdisable")))
-        self.assertEqual([], server.requests())
 
     def test_early_stop_ends_the_host(self):
         for delay in (0.0, 0.005, 0.02, 0.05):

@@ -30,7 +30,7 @@ for arch in amd64:x86_64 i386:i386; do
     for file in $files; do
       grep -qxF "$file" <<<"$listing" || { echo "$deb lacks $file"; exit 1; }
     done
-    if grep -q HostTestControl <<<"$listing"; then echo "$deb ships test controls"; exit 1; fi
+    ! grep -q HostTestControl <<<"$listing" || { echo "$deb ships test controls"; exit 1; }
     [ "$a" = amd64 ] && dpkg-deb -x "$deb" "$scratch/root"
   done
 done
@@ -51,10 +51,8 @@ unshare --mount --propagation private bash -c '
 echo "packages: the installed host delivered a report"
 
 cmake --install "$native" --prefix "$scratch/prefix" >/dev/null
-cmake -S "$root/tests/package/consumer" -B "$scratch/consumer" \
-  -DCMAKE_PREFIX_PATH="$scratch/prefix" >"$scratch/consumer.log" 2>&1 &&
-  PKG_CONFIG_PATH="$scratch/prefix/lib/pkgconfig" cmake --build "$scratch/consumer" \
-    >>"$scratch/consumer.log" 2>&1 || { cat "$scratch/consumer.log"; exit 1; }
-for program in consumer_cmake consumer_pkgconfig; do
-  LD_LIBRARY_PATH="$scratch/prefix/lib" "$scratch/consumer/$program"
-done
+{ cmake -S "$root/tests/package/consumer" -B "$scratch/consumer" -DCMAKE_PREFIX_PATH="$scratch/prefix" &&
+  PKG_CONFIG_PATH="$scratch/prefix/lib/pkgconfig" cmake --build "$scratch/consumer"; } \
+  >"$scratch/consumer.log" 2>&1 || { cat "$scratch/consumer.log"; exit 1; }
+LD_LIBRARY_PATH="$scratch/prefix/lib" "$scratch/consumer/consumer_cmake"
+LD_LIBRARY_PATH="$scratch/prefix/lib" "$scratch/consumer/consumer_pkgconfig"

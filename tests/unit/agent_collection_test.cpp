@@ -119,30 +119,6 @@ TEST_F(CollectionTest, SequenceNumbersWrapAfterOneHundred) {
               OutboundFiles());
 }
 
-// A failed write loses what was gathered, posts nothing and keeps the number for the next
-// report, which covers the time since the failed attempt. An unwritable history is
-// reported, and nothing is posted either.
-TEST_F(CollectionTest, FailedWritesPostNothing) {
-    Deposit({File("VpnPhoneHomeFile", "vpn.dat", "d1:ai1ee")});
-    ASSERT_EQ(0, mkdir(Outbound("feedback_data", 1).c_str(), 0700));  // in the way
-    SetManualUnixSeconds(kStartSeconds + 50);
-    Expire(A::kPhoneHomeTimerId);
-    EXPECT_EQ(1u, Failures("CBencodeList::Externalize").size()) << DumpLog();
-    EXPECT_FALSE(FileExists(ModuleDataDir() + "vpn.dat"));
-    EXPECT_EQ(-1, Remaining(A::kPostRetryTimerId));
-    EXPECT_EQ(kIntervalMs, Remaining(A::kPhoneHomeTimerId));
-
-    RemoveTree(Outbound("feedback_data", 1));
-    ASSERT_EQ(0, mkdir(HistoryPath().c_str(), 0700));
-    SetManualUnixSeconds(kStartSeconds + 80);
-    Expire(A::kPhoneHomeTimerId);
-    EXPECT_EQ("d10:ModuleDatad9:VpnModuledeee", Data(1));
-    EXPECT_NE(std::string::npos,  // the collection period
-              ReadFileOrEmpty(Outbound("feedback_data", 1)).find("i3eli1400000050ei1400000080ed"));
-    EXPECT_EQ(1u, CountLogText("SaveHistoryFile Failed")) << DumpLog();
-    EXPECT_EQ(-1, Remaining(A::kPostRetryTimerId));
-}
-
 class PayloadTest : public AgentFixture {
 protected:
     void TearDown() override {

@@ -14,15 +14,12 @@
 
 namespace {
 
+using pwtest::Written;
+
 using pwtest::CapturedLogs;
 using Logs = std::vector<std::string>;
 
 class BencodeWireTest : public pwtest::HostFixture {};
-
-std::string Written(CBencode& value) {
-    CBencodeStream out("", false);
-    return value.Externalize(out) ? std::string(out.Data(), out.Size()) : "<write failed>";
-}
 
 Logs LogTexts() {
     Logs texts;

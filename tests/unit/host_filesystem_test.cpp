@@ -49,23 +49,4 @@ TEST_F(FileSystemTest, MakeSureDirectoryPathExistsCreatesEveryMissingParent) {
     EXPECT_FALSE(IsDir("/proc/pwtest-no-such"));
 }
 
-TEST_F(FileSystemTest, DirectoryListsEveryEntryThenEnds) {
-    ASSERT_TRUE(pwtest::WriteFile(m_dir / "one", "1"));
-    ASSERT_EQ(mkdir((m_dir / "sub").c_str(), 0755), 0);
-    long result = -1;
-    Directory directory(result, m_dir.path());
-    ASSERT_EQ(result, pwresult::kSuccess);
-    std::set<std::string> names;
-    std::string name;
-    while (directory.ReadDir(name) == pwresult::kSuccess) {
-        names.insert(name);
-    }
-    EXPECT_EQ(names, (std::set<std::string>{".", "..", "one", "sub"}));
-    EXPECT_EQ(directory.ReadDir(name), pwresult::kDirectoryEnd);
-
-    Directory missing(result, m_dir / "missing");
-    EXPECT_EQ(result, pwresult::kDirectoryError);
-    EXPECT_EQ(missing.ReadDir(name), pwresult::kDirectoryError);
-}
-
 }  // namespace

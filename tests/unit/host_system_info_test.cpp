@@ -42,52 +42,6 @@ TEST_F(SystemInfoTest, UiTextsByKey) {
     EXPECT_STREQ(translator.translate("NoSuchKey"), "NoSuchKey");
 }
 
-TEST_F(SystemInfoTest, KernelReleaseNumbers) {
-    const struct {
-        const char* release;
-        unsigned int major, minor, build;
-    } cases[] = {
-        // clang-format off
-        {"6.1.0-18-amd64",                    6,           1,  0},
-        {"5.15.90.1-microsoft-standard-WSL2", 5,           15, 90},
-        {"3",                                 3,           0,  0},
-        {"v6.1",                              0,           0,  0},
-        {"6..1",                              6,           0,  0},
-        {"99999999999.1.2",                   0xFFFFFFFFu, 1,  2},
-        // clang-format on
-    };
-    for (const auto& c : cases) {
-        unsigned int major = 7, minor = 7, build = 7;
-        pwhost::ParseKernelRelease(c.release, major, minor, build);
-        EXPECT_EQ(std::vector<unsigned int>({major, minor, build}),
-                  std::vector<unsigned int>({c.major, c.minor, c.build}))
-            << c.release;
-    }
-}
-
-TEST_F(SystemInfoTest, MachineIdComesFromTheFirstFileThatHoldsOne) {
-    const std::string first = m_dir / "first", second = m_dir / "second";
-    const struct {
-        const char *firstContent, *secondContent, *id;  // null: file absent, no id found
-    } cases[] = {
-        // clang-format off
-        {"aaaa\n",          "bbbb\n", "aaaa"},
-        {nullptr,           "bbbb\n", "bbbb"},
-        {"\t cccc \r\n",    nullptr,  "cccc"},
-        {nullptr,           "",       nullptr},
-        // clang-format on
-    };
-    for (const auto& c : cases) {
-        unlink(first.c_str());
-        unlink(second.c_str());
-        ASSERT_TRUE(c.firstContent == nullptr || pwtest::WriteFile(first, c.firstContent));
-        ASSERT_TRUE(c.secondContent == nullptr || pwtest::WriteFile(second, c.secondContent));
-        std::string id = "untouched";
-        EXPECT_EQ(pwhost::ReadMachineId({first, second}, id), c.id != nullptr);
-        EXPECT_EQ(id, c.id != nullptr ? c.id : "untouched");
-    }
-}
-
 TEST_F(SystemInfoTest, BoundedCopyAlwaysTerminates) {
     const struct {
         const char* source;

@@ -168,42 +168,6 @@ TEST_F(HttpSessionTest, RequestDeadlineFromTheHostSettings) {
     EXPECT_EQ(2u, server.RequestCount());
 }
 
-// A close from another thread ends a stalled request at once, waiting for the reply or
-// receiving it (the end-to-end test stops the host while connecting and in the handshake);
-// a close before the send fails the send without contacting the server.
-TEST_F(HttpSessionTest, CloseFromAnotherThreadEndsAStalledRequest) {
-    FeedbackServer server("server", "stall");
-    ASSERT_TRUE(server.Route());
-    for (const char* control : {"mode=stall", "mode=drip\ndrip_seconds=30"}) {
-        SCOPED_TRACE(control);
-        server.SetControl(control);
-        auto session = MakeSession();
-        const size_t seen = server.RequestCount();
-        Clock::time_point closed;
-        std::thread closer([&] {
-            EXPECT_TRUE(server.WaitForRequests(seen + 1));
-            closed = Clock::now();
-            session->CloseRequest();
-        });
-        EXPECT_EQ(pwresult::kHttpRequestClosed, Post(*session, "data=s").rc);
-        Clock::time_point returned = Clock::now();
-        closer.join();
-        EXPECT_LT(returned - closed, std::chrono::seconds(2));
-    }
-
-    server.SetMode("ok");
-    auto session = MakeSession();
-    ASSERT_EQ(0, session->OpenRequest("", 15, 0, HTTP_METHOD_POST));
-    std::thread([&] { session->CloseRequest(); }).join();
-    const size_t before = server.RequestCount();
-    unsigned int status = 0;
-    EXPECT_EQ(pwresult::kHttpRequestClosed,
-              session->SendRequest(status, HTTP_BODY_FORM, "data=z", 6, 0));
-    session->CloseRequest();  // the owner's close ends the request and the cancellation
-    EXPECT_EQ(0, Post(*session, "data=after").rc);
-    EXPECT_EQ(before + 1, server.RequestCount());
-}
-
 // Strict sessions of one thread reuse the kept-alive connection; sessions under another
 // trust rule never inherit it.
 TEST_F(HttpSessionTest, ConnectionReuseFollowsTrustRule) {

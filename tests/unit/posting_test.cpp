@@ -101,28 +101,6 @@ TEST_F(PostingTest, UnpostableEntriesStayAndStopTheScan) {
     EXPECT_EQ(0u, server.RequestCount());
 }
 
-TEST_F(PostingTest, CompressionWhenItShrinksTheData) {
-    FeedbackServer server;
-    Serve(server);
-    PhoneHomeAgentTestAccess::CompressPosts(agent());
-    const std::string compressible(4000, 'c');
-    ASSERT_TRUE(WriteFile(OutboundDir() + "big.cef", compressible));
-    Scan();
-    ASSERT_TRUE(WriteFile(OutboundDir() + "tiny.cef", "ab"));  // does not shrink
-    Scan();
-    std::vector<RecordedRequest> requests = server.Requests();
-    ASSERT_EQ(2u, requests.size());
-    std::string unpacked(compressible.size(), '\0');
-    uLongf size = static_cast<uLongf>(unpacked.size());
-    const std::string& body = requests[0].body;
-    ASSERT_EQ(Z_OK, uncompress(reinterpret_cast<Bytef*>(&unpacked[0]), &size,
-                               reinterpret_cast<const Bytef*>(body.data() + 5), body.size() - 5));
-    EXPECT_EQ("data=" + compressible, body.substr(0, 5) + unpacked);
-    EXPECT_EQ("data=ab", requests[1].body);
-    EXPECT_EQ(1u, CountLogText("Can't compress feedback data"));
-    EXPECT_EQ("True", requests[1].Header("Zip"));  // the header follows the setting
-}
-
 // A stop requested before the next file ends the scan: the rest waits, with no retry and
 // no give-up.
 TEST_F(PostingTest, StopEndsTheScan) {

@@ -77,4 +77,9 @@ std::vector<LogRecord> Failures(const std::string& failedCall) {
     return found;
 }
 
+std::string Written(CBencode& value) {
+    CBencodeStream out("", false);
+    return value.Externalize(out) ? std::string(out.Data(), out.Size()) : "<write failed>";
+}
+
 }  // namespace pwtest

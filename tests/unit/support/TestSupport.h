@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "Bencode.h"
 #include "HostTestControl.h"
 #include "ResultCodes.h"
 #include "ScratchFiles.h"
@@ -52,6 +53,9 @@ public:
 private:
     int m_fd;
 };
+
+// The bencode bytes `value` writes, or "<write failed>".
+std::string Written(CBencode& value);
 
 // Polls every millisecond until `condition` holds (true) or `timeoutMs` passes (false).
 bool WaitUntil(const std::function<bool()>& condition, unsigned int timeoutMs = 5000);
