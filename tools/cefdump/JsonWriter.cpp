@@ -2,7 +2,9 @@
 #include "JsonWriter.h"
 
 #include <cstdio>
+#include <sstream>
 
+#include "Base64.h"
 #include "Bencode.h"
 
 namespace {
@@ -63,33 +65,12 @@ bool CJsonWriter::IsValidUtf8(const std::string& bytes) {
     return true;
 }
 
+// The host framework's encoder (libcrypto's), as the service encodes crash dumps.
 std::string CJsonWriter::Base64(const std::string& bytes) {
-    static const char kAlphabet[] =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string text;
-    text.reserve((bytes.size() + 2) / 3 * 4);
-    size_t i = 0;
-    for (; i + 3 <= bytes.size(); i += 3) {
-        const unsigned int group = (static_cast<unsigned char>(bytes[i]) << 16) |
-                                   (static_cast<unsigned char>(bytes[i + 1]) << 8) |
-                                   static_cast<unsigned char>(bytes[i + 2]);
-        text += kAlphabet[(group >> 18) & 63];
-        text += kAlphabet[(group >> 12) & 63];
-        text += kAlphabet[(group >> 6) & 63];
-        text += kAlphabet[group & 63];
-    }
-    const size_t rest = bytes.size() - i;
-    if (rest != 0) {
-        unsigned int group = static_cast<unsigned char>(bytes[i]) << 16;
-        if (rest == 2) {
-            group |= static_cast<unsigned char>(bytes[i + 1]) << 8;
-        }
-        text += kAlphabet[(group >> 18) & 63];
-        text += kAlphabet[(group >> 12) & 63];
-        text += rest == 2 ? kAlphabet[(group >> 6) & 63] : '=';
-        text += '=';
-    }
-    return text;
+    std::istringstream in(bytes);
+    std::ostringstream out;
+    lBase64::Encode(in, out, static_cast<int>((bytes.size() + 2) / 3 * 4));
+    return out.str();
 }
 
 // The containers being written are kept on a stack on the heap, so that any depth of
