@@ -185,9 +185,7 @@ TEST_F(BencodeValuesTest, SettingsAdapter) {
             EXPECT_EQ(step.written, Written(dictionary)) << name;
         }
         if (step.message != nullptr) {
-            ASSERT_TRUE(HasLogText(step.message)) << name;
-            EXPECT_EQ("Insert", CapturedLogs().back().function);
-            EXPECT_EQ("vpn/PhoneHome/PhoneHomeAgent", CapturedLogs().back().sourceFile);
+            EXPECT_TRUE(HasLogText(step.message)) << name;
         } else {
             EXPECT_TRUE(CapturedLogs().empty()) << name;
         }
