@@ -4,11 +4,13 @@
 //
 //   BM_CreateStartStopDispose   counters: fds and RSS after the first 100 cycles (warm) and
 //                               at the end, and their growth in between (target: 0 fds,
-//                               RSS growth within allocator noise)
+//                               RSS growth within allocator noise), and the cycles whose
+//                               first stop came before the agent was inside its start
 #include <benchmark/benchmark.h>
 #include <dirent.h>
 #include <dlfcn.h>
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <thread>
@@ -20,6 +22,7 @@ namespace {
 
 const int kCycles = 1000;
 const int kReloadEvery = 10;
+int g_repeatedStops = 0;  // cycles whose first stop came too early to be taken
 
 int OpenDescriptors() {
     int count = 0;
@@ -59,11 +62,25 @@ bool Cycle(Library& library) {
     auto* service = static_cast<IPhoneHomePlugin*>(plugin);
     NoModules callback;
     service->SetPhoneHomePluginCB(&callback);
-    std::thread thread([service] { service->StartPhoneHome(); });
+    std::atomic<bool> finished{false};
+    std::thread thread([service, &finished] {
+        service->StartPhoneHome();
+        finished = true;
+    });
     while (service->IsPhoneHomeRunning() != 0) {
         std::this_thread::sleep_for(std::chrono::microseconds(100));
     }
-    service->StopPhoneHome();
+    // A stop that arrives before the agent is inside its start is refused (not running), so
+    // it is repeated until the service returns, as pathweave-host does.
+    for (bool first = true; !finished; first = false) {
+        service->StopPhoneHome();
+        for (int tick = 0; tick < 50 && !finished; ++tick) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        if (first && !finished) {
+            ++g_repeatedStops;
+        }
+    }
     thread.join();
     service->UnSetPhoneHomePluginCB();
     library.dispose(plugin);
@@ -89,6 +106,7 @@ void BM_CreateStartStopDispose(benchmark::State& state) {
                 warmRss = pwsupport::ResidentKiB();
             }
         }
+        state.counters["repeated_stops"] = g_repeatedStops;
         state.counters["fds_warm"] = warmFds;
         state.counters["fds_end"] = OpenDescriptors();
         state.counters["fd_growth"] = OpenDescriptors() - warmFds;

@@ -32,10 +32,24 @@ struct ClockState {
     int changeFd = -1;
 };
 
+// Never destroyed: timers and waiters may read the clock while the process exits.
 ClockState& State() {
     static ClockState* state = new ClockState;
     return *state;
 }
+
+// The change descriptor is closed when the library is unloaded: a process that loads the
+// framework only through a plug-in and unloads it again keeps its descriptor count flat.
+struct ChangeFdCloser {
+    ~ChangeFdCloser() {
+        ClockState& s = State();
+        std::lock_guard<std::mutex> lock(s.mutex);
+        if (s.changeFd >= 0) {
+            close(s.changeFd);
+            s.changeFd = -1;
+        }
+    }
+} g_changeFdCloser;
 
 uint64_t ReadClockMs(clockid_t id) {
     struct timespec ts;
