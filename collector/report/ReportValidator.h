@@ -1,0 +1,19 @@
+// Checks one posted body against the report layout and classifies it by content.
+//
+// Never fails: a body that does not validate comes back as a damaged report with the
+// reason, so that it is kept and answered like any other. Thread-safe (no shared state).
+#pragma once
+
+#include <string>
+
+#include "report/Report.h"
+
+namespace collector {
+
+// `posted` is the whole request body as received ("data=" and the report). `zipped` is
+// true when the request carried "Zip: True": the report after "data=" is zlib data and is
+// inflated (at most 16 MiB of output; more is a damaged body, never inflated further).
+// Fills everything but `received` and `clientAddress`, which the caller sets.
+ValidatedReport ValidateBody(std::string posted, bool zipped);
+
+}  // namespace collector
