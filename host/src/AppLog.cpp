@@ -15,9 +15,10 @@
 #include <string>
 #include <vector>
 
+#include "HostTestControl.h"
+#include "LogEscape.h"
 #include "ResultCodes.h"
 #include "UniqueFd.h"
-#include "HostTestControl.h"
 #include "TestControlInternal.h"
 
 namespace {
@@ -117,7 +118,7 @@ std::string LinePrefix() {
     gmtime_r(&now.tv_sec, &utc);
     char stamp[32];
     strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%SZ", &utc);
-    return std::string(stamp) + ' ' + program_invocation_short_name + '[' +
+    return std::string(stamp) + ' ' + pwhost::EscapeLogText(program_invocation_short_name) + '[' +
            std::to_string(getpid()) + "]: ";
 }
 
@@ -139,7 +140,9 @@ void Emit(pwtest::LogRecord&& record) {
     LogState& state = State();
     std::lock_guard<std::mutex> lock(state.mutex);
     if (state.sinks & (CAppLog::SinkSyslog | CAppLog::SinkStderr | CAppLog::SinkFile)) {
-        std::string line = RenderLine(record);
+        // Every sink gets the escaped line: one record stays one line, whatever its text
+        // carries. The capture sink keeps the record as it was made.
+        std::string line = pwhost::EscapeLogText(RenderLine(record));
         if (state.sinks & CAppLog::SinkSyslog) {
             if (!state.syslogOpen) {
                 openlog("pathweave", LOG_PID, LOG_USER);
@@ -252,8 +255,8 @@ void OpenLogFile(LogState& state) {
     state.fileFd.Reset(
         open(state.filePath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
     if (!state.fileFd.Valid()) {
-        std::string line =
-            "E host/AppLog: cannot open log file " + state.filePath + ": " + strerror(errno) + "\n";
+        std::string line = "E host/AppLog: cannot open log file " +
+                           pwhost::EscapeLogText(state.filePath) + ": " + strerror(errno) + "\n";
         WriteAll(STDERR_FILENO, line);
     }
 }
