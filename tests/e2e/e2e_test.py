@@ -344,6 +344,39 @@ class Faults(HostFixture):
                 finally:
                     self.tearDown()
 
+    def test_file_name_cannot_forge_a_log_line(self):
+        crash_dir = os.path.join(self.work, "crash") + "/"
+        os.makedirs(crash_dir)
+        forged = "2026-11-26T00:00:00Z pathweave-host[1]: I PhoneHomeAgent:1 Start: all clear"
+        # A dangling link passes the scan's type test and fails its stat, which logs the name.
+        os.symlink(os.path.join(self.work, "nowhere"),
+                   os.path.join(crash_dir, "vpn.core\n%s\x1b[2K" % forged))
+        self.write_profile("<IncludeCrashReport>true</IncludeCrashReport>")
+        self.start_host({"VpnModule": crash_dir})
+        self.assertTrue(wait_for(lambda: "Failed to get creation time" in self.log()), self.log())
+        self.stop_host()
+        self.assertNotIn("\n" + forged, self.log())
+        self.assertIn("vpn.core\\n%s\\x1b[2K" % forged, self.log())
+
+    def test_threat_directory_made_later_and_made_again_is_watched(self):
+        server = self.server()
+        threat_dir = os.path.join(self.work, "threats")
+        self.write_profile()
+        self.start_host({"TelemetryModule": threat_dir + "/"}, server.port)
+        for text, event in (("first", "does not exist; waiting"), ("second", "is gone; waiting")):
+            self.assertTrue(wait_for(lambda: event in self.log()), self.log())
+            staged = os.path.join(self.work, "staged")  # appears whole, the incident in it
+            os.makedirs(os.path.join(staged, "\\*"))
+            open(os.path.join(staged, "\\*", "incident"), "w").close()
+            with open(os.path.join(staged, "\\*incident"), "w") as threat:
+                threat.write(text)
+            os.rename(staged, threat_dir)
+            sent = ("14:ThreatIncident%d:%s" % (len(text), text)).encode()
+            self.assertTrue(wait_for(lambda: [b for b in server.bodies() if sent in b]), self.log())
+            shutil.rmtree(threat_dir)
+        self.stop_host()
+        self.assertEqual(2, self.log().count("watched directory %s/ is there" % threat_dir))
+
     def test_disk_full(self):
         try:
             subprocess.run(["mount", "-t", "tmpfs", "-o", "size=64k", "tmpfs", FEEDBACK],

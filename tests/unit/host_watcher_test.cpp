@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <memory>
 #include <string>
 #include <vector>
@@ -85,87 +87,64 @@ TEST_F(WatcherTest, EachBatchOfChangesReachesTheCallbackOnce) {
     EXPECT_TRUE(m_watcher->IsWatchStillValid());
 }
 
-size_t CountLogsWith(const std::string& part) {
-    size_t count = 0;
-    for (const pwtest::LogRecord& record : pwtest::CapturedLogs()) {
-        count += record.text.find(part) != std::string::npos ? 1 : 0;
-    }
-    return count;
-}
-
 // The watch follows the path: a directory that goes, comes back or comes later is watched
-// again, and its appearance is reported like a change inside it (files may be there).
+// again, its appearance reported like a change inside it (files may be there already).
 TEST_F(WatcherTest, DirectoryIsFollowedThroughItsPath) {
-    const int kBack = IN_CREATE | IN_ISDIR, kNewFile = IN_CREATE | IN_MODIFY;
-    struct Step {
-        char op;  // d mkdir, r rmdir, m rename a to b, f write a file, u unlink
-        const char *a, *b;
-        std::vector<int> seen;  // the callbacks that this step brings
-    };
+    // Steps: w make the watcher, d mkdir, r rmdir, m rename, f write a file, u unlink; a
+    // step in capitals brings the callback of the directory's appearance, no other one does.
     const struct {
-        const char* name;
-        const char* path;          // the watched path, under the test's directory
-        std::vector<Step> before;  // done before the watcher is made
-        std::vector<Step> steps;
-        size_t gone, back;  // log lines of each kind
+        const char* path;  // the watched path, under the test's directory
+        bool later;        // missing when the watcher is made (else lost afterwards)
+        std::vector<std::string> steps;
     } cases[] = {
         // clang-format off
-        {"moved away, made again", "watched", {}, {
-            {'m', "watched", "away", {}}, {'f', "away/late", "", {}},
-            {'d', "watched", "", {kBack}}, {'f', "watched/new", "", {kNewFile}}}, 1, 1},
-        {"removed, moved back", "watched/", {}, {
-            {'r', "watched", "", {}}, {'d', "staged", "", {}}, {'f', "staged/waiting", "", {}},
-            {'m', "staged", "watched", {kBack}}, {'f', "watched/new", "", {kNewFile}}}, 1, 1},
-        {"made later, two levels", "a/b/watched", {}, {
-            {'d', "a", "", {}}, {'d', "a/b", "", {}}, {'f', "a/b/file", "", {}},
-            {'d', "a/b/watched", "", {kBack}}}, 1, 1},
-        {"whole tree moved in", "a/b/watched", {{'d', "t", "", {}}, {'d', "t/b", "", {}},
-            {'d', "t/b/watched", "", {}}}, {{'m', "t", "a", {kBack}}}, 1, 1},
-        {"parent gone too", "p/watched", {{'d', "p", "", {}}, {'d', "p/watched", "", {}}}, {
-            {'r', "p/watched", "", {}}, {'r', "p", "", {}}, {'d', "p", "", {}},
-            {'d', "p/watched", "", {kBack}}}, 1, 1},
-        {"a file in the way", "watched", {{'r', "watched", "", {}}, {'f', "watched", "", {}}}, {
-            {'u', "watched", "", {}}, {'d', "watched", "", {kBack}}}, 1, 1},
+        {"watched",     false, {"w", "m watched away", "f away/late", "D watched"}},
+        {"watched/",    false, {"w", "r watched", "d staged", "f staged/file", "M staged watched"}},
+        {"a/b/watched", true,  {"w", "d a", "d a/b", "f a/b/file", "D a/b/watched"}},
+        {"p/watched",   false, {"d p", "d p/watched", "w", "r p/watched", "r p", "d p",
+                                "D p/watched"}},
+        {"watched",     true,  {"r watched", "f watched", "w", "u watched", "D watched"}},
         // clang-format on
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
+        SCOPED_TRACE(c.path);
         m_watcher.reset();
         pwtest::RemoveTree(m_dir.path());
-        ASSERT_EQ(mkdir(m_dir.path().c_str(), 0755), 0);
-        ASSERT_EQ(mkdir(m_watched.c_str(), 0755), 0);
+        ASSERT_TRUE(mkdir(m_dir.path().c_str(), 0755) == 0 && mkdir(m_watched.c_str(), 0755) == 0);
         pwtest::ClearCapturedLogs();
-        auto run = [&](const Step& step) {
-            const std::string a = m_dir / step.a, b = m_dir / step.b;
-            const bool done = step.op == 'd'   ? mkdir(a.c_str(), 0755) == 0
-                              : step.op == 'r' ? rmdir(a.c_str()) == 0
-                              : step.op == 'm' ? rename(a.c_str(), b.c_str()) == 0
-                              : step.op == 'f' ? pwtest::WriteFile(a, "x")
-                                               : unlink(a.c_str()) == 0;
-            ASSERT_TRUE(done) << step.op << " " << a;
-        };
-        for (const Step& step : c.before) {
-            run(step);
-        }
-        ASSERT_EQ(Watch(kThreatMask, kContextId, Record, m_dir / c.path), pwresult::kSuccess);
-        for (const Step& step : c.steps) {
-            SCOPED_TRACE(std::string(1, step.op) + " " + step.a);
+        for (const std::string& step : c.steps) {
+            SCOPED_TRACE(step);
+            const std::string args = step.substr(std::min<size_t>(2, step.size()));
+            const size_t space = args.find(' ');
+            const std::string a = m_dir / args.substr(0, space),
+                              b = space == std::string::npos ? "" : m_dir / args.substr(space + 1);
             m_seen.clear();
-            run(step);
+            const char op = static_cast<char>(tolower(step[0]));
+            ASSERT_TRUE(op == 'w'   ? Watch(kThreatMask, kContextId, Record, m_dir / c.path) == 0
+                        : op == 'd' ? mkdir(a.c_str(), 0755) == 0
+                        : op == 'r' ? rmdir(a.c_str()) == 0
+                        : op == 'm' ? rename(a.c_str(), b.c_str()) == 0
+                        : op == 'f' ? pwtest::WriteFile(a, "x")
+                                    : unlink(a.c_str()) == 0);
             Pump();
-            EXPECT_EQ(m_seen, step.seen);
-            EXPECT_TRUE(m_watcher->IsWatchStillValid());
+            EXPECT_EQ(m_seen, isupper(step[0]) ? std::vector<int>{IN_CREATE | IN_ISDIR}
+                                               : std::vector<int>{});
         }
-        EXPECT_EQ(CountLogsWith("; waiting for it"), c.gone) << DumpLog();
-        EXPECT_EQ(CountLogsWith("is there; watching it"), c.back) << DumpLog();
+        EXPECT_TRUE(m_watcher->IsWatchStillValid());
+        m_seen.clear();  // the directory now there is the one watched
+        ASSERT_TRUE(pwtest::WriteFile(m_dir / c.path + "/new", "x"));
+        Pump();
+        EXPECT_EQ(m_seen, std::vector<int>{IN_CREATE | IN_MODIFY});
+        const std::string record = "watched directory " + m_dir / c.path;
+        EXPECT_EQ(pwtest::CountLogText(record + (c.later ? " does not exist; waiting for it"
+                                                         : " is gone; waiting for it to return")),
+                  1u)
+            << DumpLog();
+        EXPECT_EQ(pwtest::CountLogText(record + " is there; watching it"), 1u);
     }
 }
 
 TEST_F(WatcherTest, WatcherThatCannotStartIsInert) {
-    long result = pwresult::kSuccess;
-    CFileSystemWatcher nothing(result, kContextId, Record, &m_seen, "", kThreatMask);
-    EXPECT_EQ(result, pwresult::kWatcherError);
-    EXPECT_FALSE(nothing.IsWatchStillValid());
     EXPECT_EQ(Watch(kThreatMask, kContextId + 1), pwresult::kContextUnavailable);
     EXPECT_EQ(Watch(kThreatMask, kContextId, nullptr), pwresult::kNullCallback);
 }
