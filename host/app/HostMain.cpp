@@ -38,7 +38,8 @@ void PrintUsage(FILE* out) {
             "  --plugin    path of libPhoneHome.so (default %s)\n"
             "  --settings  host settings file (default %s, optional there)\n"
             "  --modules   module settings reported to the service (KEY=V, KEY+=V, KEY#=N)\n"
-            "  --version   print the product version and exit\n",
+            "  --version   print the product version and exit\n"
+            "  --help, -h  print this text and exit\n",
             PW_DEFAULT_PLUGIN, PW_DEFAULT_HOST_SETTINGS);
 }
 
