@@ -17,7 +17,8 @@ hexcodes = lambda text: {c.upper() for c in re.findall(r"0x([0-9A-Fa-f]{8})", te
 defined = set()
 for header in glob.glob(os.path.join(src, "host/include/*.h")) + glob.glob(os.path.join(src, "vpn/PhoneHome/*.h")):
     defined |= {c.upper() for c in re.findall(r"PwResult\(0x([0-9A-Fa-f]{8})\)", open(header).read())}
-table = read("docs/operation.md").split("Result codes you will meet:")[1].split("\n\n")[1]
+after = read("docs/operation.md").split("Result codes you will meet")[1]
+table = re.search(r"(?:^\|.*\n)+", after, re.M).group(0)  # the first table after the heading
 listed = hexcodes("\n".join(row.split("|")[1] for row in table.splitlines() if row.startswith("| 0x")))
 for code in sorted({c for c in defined if c[:4] in ("FE30", "FE45", "FE21", "FE87")} - listed):
     failures.append("operation.md: code table lacks 0x" + code)
