@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -13,9 +14,9 @@
 
 #include "AppLog.h"
 #include "HostSettings.h"
+#include "HostStatus.h"
 #include "ModuleSettingsFile.h"
 #include "PluginLoader.h"
-#include "XmlParser.h"
 
 namespace {
 
@@ -31,12 +32,14 @@ void PrintUsage(FILE* out) {
             "usage: pathweave-host [--plugin LIB] [--settings FILE] [--modules FILE] "
             "[run|status|interfaces]\n"
             "  run         load the feedback plug-in and run its service until SIGINT/SIGTERM\n"
-            "  status      print the profile read, whether feedback is enabled, its name\n"
+            "  status      print the profile read, whether feedback is enabled, its name, the\n"
+            "              reports waiting and the history's last post and last feedback\n"
             "  interfaces  list the interfaces the plug-in offers\n"
             "  --plugin    path of libPhoneHome.so (default %s)\n"
             "  --settings  host settings file (default %s, optional there)\n"
             "  --modules   module settings reported to the service (KEY=V, KEY+=V, KEY#=N)\n"
-            "  --version   print the product version and exit\n",
+            "  --version   print the product version and exit\n"
+            "  --help, -h  print this text and exit\n",
             PW_DEFAULT_PLUGIN, PW_DEFAULT_HOST_SETTINGS);
 }
 
@@ -155,6 +158,33 @@ void StopService(IPhoneHomePlugin& service) {
     }
 }
 
+// A record an operator must see when starting the host: logged, and written on stderr as
+// well unless stderr is one of the log sinks already.
+void LogAndShow(const char* function, int line, int importance, const std::string& text) {
+    CAppLog::LogDebugMessage(function, "host/app/HostMain", line, importance, "%s", text.c_str());
+    if ((CAppLog::ConfiguredSinks() & CAppLog::SinkStderr) == 0) {
+        fprintf(stderr, "pathweave-host: %s\n", text.c_str());
+    }
+}
+
+// The service's start answers success in every case. When it returned before a stop was
+// asked for, a disabled service ended as it should; an enabled one failed to start, and the
+// exit status tells the service manager so (its restart then tries again).
+int EndedByItself(PluginLoader& loader) {
+    bool enabled = true;
+    if (Plugin* plugin = loader.createPlugin(COMPONENT_STATUS_INTERFACE_NAME)) {
+        static_cast<IComponentStatus*>(plugin)->IsEnabled(enabled);
+        loader.disposePlugin(plugin);
+    }
+    if (!enabled) {
+        return 0;
+    }
+    LogAndShow("EndedByItself", __LINE__, CAppLog::Error,
+               "the feedback service ended without a stop request while the "
+               "profile enables it: its start failed (see the records before)");
+    return 1;
+}
+
 int RunService(PluginLoader& loader, const Options& options) {
     Plugin* plugin = loader.createPlugin(PHONEHOME_PLUGIN_INTERFACE_NAME);
     if (plugin == nullptr) {
@@ -173,6 +203,7 @@ int RunService(PluginLoader& loader, const Options& options) {
         kill(getpid(), ServiceEndedSignal());
     });
 
+    bool stopAsked = false;
     for (;;) {
         int received = 0;
         if (sigwait(&signals, &received) != 0) {
@@ -193,37 +224,14 @@ int RunService(PluginLoader& loader, const Options& options) {
         }
         CAppLog::LogDebugMessage("RunService", "host/app/HostMain", __LINE__, CAppLog::Information,
                                  "%s, stopping the feedback service", strsignal(received));
+        stopAsked = true;
         StopService(*service);
         break;
     }
     serviceThread.join();
     service->UnSetPhoneHomePluginCB();
     loader.disposePlugin(plugin);
-    return 0;
-}
-
-// Reads the profile the way the plug-in does, for the status report: its path, and
-// whether it is missing or does not parse (the plug-in then runs with its defaults).
-std::string DescribeProfile() {
-    struct IgnoreElements : XmlMgr {
-        void addElement(const std::string&) override {}
-        void endElement(const std::string&) override {}
-        void setElementValue(const std::string&) override {}
-        void addAttribute(const std::string&, const std::string&) override {}
-    } ignore;
-    std::string text = PW_PROFILE_PATH;
-    if (access(PW_PROFILE_PATH, F_OK) != 0) {
-        return text + " (missing: the defaults apply)";
-    }
-    XmlParser parser(&ignore);
-    if (parser.parseFile(PW_PROFILE_PATH, false) != 0) {
-        std::string reason = parser.lastError();
-        if (reason.compare(0, text.size() + 2, text + ": ") == 0) {
-            reason.erase(0, text.size() + 2);  // the reason without the path named above
-        }
-        return text + " (does not parse: " + reason + "; the defaults apply)";
-    }
-    return text;
+    return stopAsked ? 0 : EndedByItself(loader);
 }
 
 int PrintStatus(PluginLoader& loader) {
@@ -239,8 +247,14 @@ int PrintStatus(PluginLoader& loader) {
     status->GetDisplayName(nullptr, size);
     std::vector<char> name(size + 1, '\0');
     status->GetDisplayName(name.data(), size);
-    printf("profile: %s\nenabled: %s\nname: %s\n", DescribeProfile().c_str(),
+    const std::string feedbackDir = PW_FEEDBACK_DIR;
+    const std::string history = feedbackDir + "/history";
+    printf("profile: %s\nenabled: %s\nname: %s\n", DescribeProfile(PW_PROFILE_PATH).c_str(),
            enabled ? "yes" : "no", name.data());
+    printf("outbound: %s\nlast post: %s\nlast feedback: %s\n",
+           DescribeOutbound(feedbackDir + "/outbound").c_str(),
+           DescribeHistoryTime(history, "last_post").c_str(),
+           DescribeHistoryTime(history, "last_feedback").c_str());
     loader.disposePlugin(plugin);
     return 0;
 }
@@ -253,28 +267,70 @@ int PrintInterfaces(PluginLoader& loader) {
     return 0;
 }
 
-// Reads and applies the host settings: the given file, or else the default file when it
-// exists. Started by hand (stderr is a terminal), problems are shown there too, not only in
-// the configured log.
-bool ApplySettings(const Options& options) {
+// Reads the host settings: the file named with --settings, which must be readable, or
+// else the default file; without a default file the defaults apply, said once in the log.
+bool LoadSelectedSettings(const Options& options, pwhost::HostSettings& settings) {
     std::string path = options.settingsPath;
     if (path.empty()) {
-        if (access(PW_DEFAULT_HOST_SETTINGS, F_OK) != 0) {
+        if (access(PW_DEFAULT_HOST_SETTINGS, F_OK) != 0 && errno == ENOENT) {
+            CAppLog::LogDebugMessage("LoadSelectedSettings", "host/app/HostMain", __LINE__,
+                                     CAppLog::Information,
+                                     "no host settings file %s: the "
+                                     "defaults apply",
+                                     PW_DEFAULT_HOST_SETTINGS);
             return true;
         }
         path = PW_DEFAULT_HOST_SETTINGS;
     }
-    const bool byHand = isatty(STDERR_FILENO) != 0;
-    if (byHand) {
-        CAppLog::ConfigureSinks(CAppLog::ConfiguredSinks() | CAppLog::SinkStderr);
-    }
-    pwhost::HostSettings settings;
     if (!pwhost::LoadHostSettings(path, settings)) {
         fprintf(stderr, "pathweave-host: cannot read host settings %s\n", path.c_str());
         return false;
     }
-    pwhost::ApplyHostSettings(settings);
     return true;
+}
+
+// Reads and applies the host settings. Started by hand (stderr is a terminal), what is
+// logged while the settings are read shows there too; from then on records go only to
+// the sinks the settings choose (syslog when they choose none).
+bool ApplySettings(const Options& options) {
+    const bool byHand = isatty(STDERR_FILENO) != 0;
+    const unsigned int before = CAppLog::ConfiguredSinks();
+    if (byHand) {
+        CAppLog::ConfigureSinks(before | CAppLog::SinkStderr);
+    }
+    pwhost::HostSettings settings;
+    const bool loaded = LoadSelectedSettings(options, settings);
+    if (loaded) {
+        pwhost::ApplyHostSettings(settings);
+    }
+    if (byHand && (!loaded || settings.logSinks == 0)) {
+        CAppLog::ConfigureSinks(before);
+    }
+    return loaded;
+}
+
+// The files the service will need later, checked now: the CA file is first read at the
+// first post and the module settings file 5 minutes after the start.
+void CheckFilesNeededLater(const Options& options) {
+    const std::string caFile = pwhost::CurrentHostSettings().caFile;
+    if (!caFile.empty()) {
+        std::string reason = UnreadableReason(caFile);
+        if (!reason.empty()) {
+            LogAndShow("CheckFilesNeededLater", __LINE__, CAppLog::Warning,
+                       "ca_file " + caFile + " cannot be read (" + reason +
+                           "): every post will fail until it can");
+        }
+    }
+    if (!options.modulesPath.empty()) {
+        std::vector<ModuleSetting> entries;
+        std::string error;
+        if (!LoadModuleSettingsFile(options.modulesPath, entries, error)) {
+            LogAndShow("CheckFilesNeededLater", __LINE__, CAppLog::Warning,
+                       error +
+                           ": the service gets no module settings "
+                           "unless this is fixed within 5 minutes");
+        }
+    }
 }
 
 }  // namespace
@@ -296,6 +352,9 @@ int main(int argc, char** argv) {
     }
     if (!ApplySettings(options)) {
         return 1;
+    }
+    if (options.command == "run") {
+        CheckFilesNeededLater(options);
     }
     PluginLoader loader;
     std::string error;

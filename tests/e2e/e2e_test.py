@@ -199,6 +199,21 @@ class EndToEnd(HostFixture):
             self.assertLess(time.monotonic() - sent, STOP_BOUND_S)
 
 
+    def test_a_start_that_ends_by_itself_fails_unless_disabled(self):
+        # Disabled, then enabled again: the first enabled start removes the marker and ends,
+        # which the service manager must see as a failure; the start after it runs.
+        for disable, code, line in (("true", 0, "module is disabled"),
+                                    ("false", 1, "its start failed")):
+            with self.subTest(disable=disable):
+                self.write_profile("<ServiceDisable>%s</ServiceDisable>" % disable)
+                self.start_host({})
+                self.assertEqual(code, self.host.wait(STOP_BOUND_S), self.log())
+                self.assertIn(line, self.log())
+        self.start_host({})
+        self.assertTrue(wait_for(lambda: "Starting Customer Experience" in self.log()), self.log())
+        self.stop_host()
+
+
 class SimulatedYear(HostFixture):
     SCALE = 1000000  # a day in 86 ms
     DAY = 86400

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The shipping checks: builds the Debian packages for both architectures (scripts/package,
-# lintian without errors), checks their contents, runs the installed amd64 host from an
+# lintian without errors) in a copy of the working tree without build/, as a fresh clone
+# has it, with a feedback server URL of its own; checks their contents, runs the installed amd64 host from an
 # extracted root against the local HTTPS server, and builds a consumer host against an
 # installation of the framework into a scratch prefix (CMake package and pkg-config).
 #   tests/package/check_packages.sh NATIVE_BUILD_DIR
@@ -10,8 +11,15 @@ native=${1:?usage: check_packages.sh NATIVE_BUILD_DIR}
 scratch=$(mktemp -d /tmp/pw-package.XXXXXX)
 trap 'rm -rf "$scratch"' EXIT
 
-PW_SKIP_SETUP=1 bash "$root/scripts/package" amd64 i386 >"$scratch/package.log" 2>&1 ||
-  { cat "$scratch/package.log"; exit 1; }
+# The tracked and new files of the working tree, without what the build or the tests made.
+clone="$scratch/clone"
+mkdir "$clone"
+git -C "$root" ls-files -z --cached --others --exclude-standard |
+  (cd "$root" && xargs -0 cp --parents -t "$clone" 2>/dev/null || true)
+[ ! -e "$clone/build" ] || { echo "the copy of the working tree holds build/"; exit 1; }
+url_path=/cef/upload-from-package-check
+PW_SKIP_SETUP=1 bash "$clone/scripts/package" --url "https://feedback.pathweave.example$url_path" \
+  amd64 i386 >"$scratch/package.log" 2>&1 || { cat "$scratch/package.log"; exit 1; }
 version=$(grep -o 'PW_PRODUCT_VERSION:STRING=.*' "$native/CMakeCache.txt" | cut -d= -f2)
 
 # package:arch multiarch: the files each package must hold.
@@ -25,7 +33,7 @@ for arch in amd64:x86_64 i386:i386; do
   )
   for line in "${expect[@]}"; do
     read -r package files <<<"$line"
-    deb="$root/out/${package}_${version}_$a.deb"
+    deb="$clone/out/${package}_${version}_$a.deb"
     listing=$(dpkg-deb -c "$deb" | awk '{print $6}')
     for file in $files; do
       grep -qxF "$file" <<<"$listing" || { echo "$deb lacks $file"; exit 1; }
@@ -48,7 +56,9 @@ unshare --mount --propagation private bash -c '
   LD_LIBRARY_PATH="$1/root/usr/lib/x86_64-linux-gnu" \
     python3 "$2/tests/e2e/e2e_test.py" EndToEnd.test_module_data_is_collected_posted_and_deleted_privately
 ' _ "$scratch" "$root"
-echo "packages: the installed host delivered a report"
+grep -qx "path $url_path" "$scratch"/e2e/received-server/*.meta ||
+  { echo "the installed plug-in did not post to the URL given to scripts/package"; exit 1; }
+echo "packages: the installed host delivered a report to the URL it was packaged with"
 
 cmake --install "$native" --prefix "$scratch/prefix" >/dev/null
 { cmake -S "$root/tests/package/consumer" -B "$scratch/consumer" -DCMAKE_PREFIX_PATH="$scratch/prefix" &&
