@@ -40,7 +40,7 @@ pg_bin=/usr/lib/postgresql/15/bin
 python=/usr/bin/python3
 [ -x "$python" ] || python=$(command -v python3)
 
-usage() { sed -n '2,22p' "$0" | sed 's/^# \{0,1\}//' >&2; exit 2; }
+usage() { sed -n '2,21p' "$0" | sed 's/^# \{0,1\}//' >&2; exit 2; }
 while [ $# -gt 0 ]; do
     case "$1" in
         --build) build=$2; shift 2 ;;
@@ -85,13 +85,16 @@ command -v nginx >/dev/null || die "nginx is not installed (scripts/setup instal
 work=$(mktemp -d /tmp/pw-load.XXXXXX)
 chmod 755 "$work"
 pids=()
+declare -A port pid store  # of each target (and PostgreSQL): port, process, store directory
 cleanup() {
-    local pid
-    for pid in "${pids[@]}"; do
-        kill "$pid" 2>/dev/null || true
+    local child
+    # The collectors first, PostgreSQL (fast shutdown) after its clients have gone.
+    for child in "${pids[@]}"; do
+        [ "$child" = "${pid[postgres]:-}" ] || kill "$child" 2>/dev/null || true
     done
-    for pid in "${pids[@]}"; do
-        wait "$pid" 2>/dev/null || true
+    [ -z "${pid[postgres]:-}" ] || kill -INT "${pid[postgres]}" 2>/dev/null || true
+    for child in "${pids[@]}"; do
+        wait "$child" 2>/dev/null || true
     done
     if [ "$keep" = 1 ]; then
         say "kept $work"
@@ -102,11 +105,13 @@ cleanup() {
 trap cleanup EXIT
 trap 'exit 130' INT TERM
 
+# A command prefix rather than a function: a background command then has the server's own
+# pid as $!, which the cleanup stops and the generator measures.
 if [ "$(id -u)" = 0 ]; then
-    as_server() { setpriv --reuid=65534 --regid=65534 --clear-groups -- "$@"; }
+    as_server=(setpriv --reuid=65534 --regid=65534 --clear-groups --)
     give() { chown -R 65534:65534 "$@"; }
 else
-    as_server() { "$@"; }
+    as_server=()
     give() { :; }
 fi
 
@@ -130,7 +135,6 @@ chmod 644 "$work/certs/server.key"
 cert="$work/certs/server.pem"
 key="$work/certs/server.key"
 
-declare -A port pid store
 targets=()
 
 start_nginx() {
@@ -141,7 +145,7 @@ start_nginx() {
         -e "s|@SERVER_NAME@|$server_name|; s|@CERT@|$cert|; s|@KEY@|$key|; s|@GROUPS@|$groups|" \
         "$here/nginx.conf.in" >"$dir/nginx.conf"
     give "$dir"
-    as_server nginx -p "$dir" -c "$dir/nginx.conf" -e "$dir/error.log" >"$dir/out.log" 2>&1 &
+    "${as_server[@]}" nginx -p "$dir" -c "$dir/nginx.conf" -e "$dir/error.log" >"$dir/out.log" 2>&1 &
     pid[nginx]=$!
     pids+=("${pid[nginx]}")
     wait_port "${port[nginx]}" "${pid[nginx]}" nginx
@@ -153,7 +157,7 @@ start_fixture() {
     local dir="$work/fixture" i
     mkdir -p "$dir/records"
     give "$dir"
-    as_server "$python" "$root/tools/feedback-server/feedback_server.py" --cert "$cert" \
+    "${as_server[@]}" "$python" "$root/tools/feedback-server/feedback_server.py" --cert "$cert" \
         --key "$key" --record-dir "$dir/records" >"$dir/out.log" 2>&1 &
     pid[fixture]=$!
     pids+=("${pid[fixture]}")
@@ -175,9 +179,9 @@ start_postgres() {  # sets pg_uri
     give "$dir"
     local pg_port
     pg_port=$(free_port)
-    as_server "$pg_bin/initdb" -D "$dir/data" -U bench --auth=trust -E UTF8 --no-locale \
+    "${as_server[@]}" "$pg_bin/initdb" -D "$dir/data" -U bench --auth=trust -E UTF8 --no-locale \
         >"$dir/initdb.log" 2>&1 || die "initdb failed ($dir/initdb.log)"
-    as_server "$pg_bin/postgres" -D "$dir/data" -p "$pg_port" -k "$dir" \
+    "${as_server[@]}" "$pg_bin/postgres" -D "$dir/data" -p "$pg_port" -k "$dir" \
         -c listen_addresses=127.0.0.1 -c max_connections=200 >"$dir/server.log" 2>&1 &
     pid[postgres]=$!
     pids+=("${pid[postgres]}")
@@ -206,7 +210,7 @@ log=file
 log_file=$dir/collector.log
 EOF
     give "$dir"
-    as_server "$collector" --config "$dir/collector.conf" serve >"$dir/out.log" 2>&1 &
+    "${as_server[@]}" "$collector" --config "$dir/collector.conf" serve >"$dir/out.log" 2>&1 &
     pid[$name]=$!
     pids+=("${pid[$name]}")
     for i in $(seq 300); do
