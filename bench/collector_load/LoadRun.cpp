@@ -3,11 +3,13 @@
 // (and its switches) each.
 #include "LoadRun.h"
 
+#include <netinet/in.h>
 #include <openssl/ssl.h>
 
 #include <boost/asio/connect.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/ssl.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core.hpp>
@@ -44,11 +46,15 @@ enum class Outcome { kAnswered, kConnectFailed, kTlsFailed, kExchangeFailed, kTi
 class CLoad;
 
 // One post, from connecting to reading the answer. It owns its connection; the callbacks
-// hold it alive until it ends.
+// hold it alive until it ends. A kept post (an idle connection) stays open after its answer
+// and watches for the server closing it, until Close().
 class CPost : public std::enable_shared_from_this<CPost> {
 public:
-    CPost(CLoad& load, std::string body, ReportKind kind);
-    void Start();
+    CPost(CLoad& load, std::string body, ReportKind kind, bool keep);
+    void Start(const asio::ip::address& source);
+    // Whether the server has closed the kept connection.
+    bool ClosedByServer() const { return m_closedByServer; }
+    void Close();
 
 private:
     void OnConnected(beast::error_code error);
@@ -56,6 +62,7 @@ private:
     void OnWritten(beast::error_code error);
     void OnAnswer(beast::error_code error);
     void End(beast::error_code error, Outcome failure);
+    void Watch();
 
     CLoad& m_load;
     beast::ssl_stream<beast::tcp_stream> m_stream;
@@ -64,18 +71,22 @@ private:
     beast::flat_buffer m_buffer;
     http::response<http::string_body> m_answer;
     ReportKind m_kind;
+    bool m_keep;
+    bool m_closedByServer = false;
+    char m_watched = 0;
     Clock::time_point m_started;
 };
 
 class CLoad {
 public:
     CLoad(const LoadTarget& target, const LoadLimits& limits, CReportFleet& fleet,
-          LoadResult& result)
+          LoadResult& result, const std::function<void()>& idleReady)
         : m_target(target),
           m_limits(limits),
           m_fleet(fleet),
           m_result(result),
-          m_tls(ssl::context::tls_client) {}
+          m_tls(ssl::context::tls_client),
+          m_idleReady(idleReady) {}
 
     bool Prepare();
     void Run();
@@ -90,9 +101,15 @@ public:
 
     void Ended(ReportKind kind, size_t bodyBytes, Clock::time_point started, Outcome outcome,
                int status, SSL* connection);
+    // An idle connection's post has ended: `kept` is the open connection, null on failure.
+    void IdleEnded(const std::shared_ptr<CPost>& kept);
 
 private:
     void Launch();
+    void LaunchIdle();
+    void StartMeasured();
+    void Finish();
+    asio::ip::address NextSource();
 
     const LoadTarget& m_target;
     const LoadLimits& m_limits;
@@ -101,15 +118,25 @@ private:
     asio::io_context m_io{1};
     ssl::context m_tls;
     tcp::endpoint m_endpoint;
+    std::function<void()> m_idleReady;
+    std::vector<std::shared_ptr<CPost>> m_idle;
+    unsigned int m_idleLaunched = 0;
+    unsigned int m_idleEnded = 0;
     uint64_t m_launched = 0;
+    unsigned int m_inFlight = 0;
+    uint32_t m_nextSource = 0;
     Clock::time_point m_begin;
     Clock::time_point m_deadline;
     Clock::time_point m_lastEnd;
     bool m_describedTls = false;
 };
 
-CPost::CPost(CLoad& load, std::string body, ReportKind kind)
-    : m_load(load), m_stream(load.Io(), load.Tls()), m_bodyBytes(body.size()), m_kind(kind) {
+CPost::CPost(CLoad& load, std::string body, ReportKind kind, bool keep)
+    : m_load(load),
+      m_stream(load.Io(), load.Tls()),
+      m_bodyBytes(body.size()),
+      m_kind(kind),
+      m_keep(keep) {
     // The client's headers, in the client's order; Content-Length comes from the body.
     http::request<http::string_body> request(http::verb::post, "/cef/upload", 11);
     request.set(http::field::host, load.Target().serverName);
@@ -134,12 +161,32 @@ CPost::CPost(CLoad& load, std::string body, ReportKind kind)
     }
 }
 
-void CPost::Start() {
+void CPost::Start(const asio::ip::address& source) {
     m_started = Clock::now();
     const LoadTarget& target = m_load.Target();
     SSL_set_tlsext_host_name(m_stream.native_handle(), target.serverName.c_str());
     if (target.verify) {
         m_stream.set_verify_callback(ssl::host_name_verification(target.serverName));
+    }
+    if (!source.is_unspecified()) {
+        // The port is chosen at connect time, so that every source address has the whole
+        // range of ports towards the server.
+        tcp::socket& socket = beast::get_lowest_layer(m_stream).socket();
+        beast::error_code error;
+        socket.open(source.is_v4() ? tcp::v4() : tcp::v6(), error);
+        const int on = 1;
+        if (!error) {
+            setsockopt(socket.native_handle(), IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &on, sizeof on);
+            socket.bind(tcp::endpoint(source, 0), error);
+        }
+        if (error) {
+            // Ended later, from the event loop: the next post is not started from inside
+            // this one's start.
+            asio::post(m_stream.get_executor(), [self = shared_from_this(), error]() {
+                self->End(error, Outcome::kConnectFailed);
+            });
+            return;
+        }
     }
     beast::get_lowest_layer(m_stream).expires_after(m_load.Timeout());
     beast::get_lowest_layer(m_stream).async_connect(
@@ -190,7 +237,32 @@ void CPost::OnAnswer(beast::error_code error) {
 void CPost::End(beast::error_code error, Outcome failure) {
     const Outcome outcome = error == beast::error::timeout ? Outcome::kTimedOut : failure;
     const int status = outcome == Outcome::kAnswered ? static_cast<int>(m_answer.result_int()) : 0;
+    if (m_keep) {
+        const bool kept = status >= 200 && status <= 299 && m_answer.keep_alive();
+        if (kept) {
+            Watch();
+        } else {
+            Close();
+        }
+        return m_load.IdleEnded(kept ? shared_from_this() : nullptr);
+    }
     m_load.Ended(m_kind, m_bodyBytes, m_started, outcome, status, m_stream.native_handle());
+    Close();
+}
+
+// An idle connection is read without a deadline: the read ends only when the server
+// closes the connection (or sends something it should not), or when Close() aborts it.
+void CPost::Watch() {
+    beast::get_lowest_layer(m_stream).expires_never();
+    m_stream.async_read_some(asio::buffer(&m_watched, 1),
+                             [self = shared_from_this()](beast::error_code error, size_t) {
+                                 if (error != asio::error::operation_aborted) {
+                                     self->m_closedByServer = true;
+                                 }
+                             });
+}
+
+void CPost::Close() {
     beast::error_code ignored;
     beast::get_lowest_layer(m_stream).socket().close(ignored);
 }
@@ -228,6 +300,14 @@ bool CLoad::Prepare() {
     return true;
 }
 
+asio::ip::address CLoad::NextSource() {
+    if (m_limits.sourceAddresses == 0) {
+        return asio::ip::address();
+    }
+    const uint32_t index = m_nextSource++ % m_limits.sourceAddresses;
+    return asio::ip::address_v4(asio::ip::address_v4::loopback().to_uint() + index);
+}
+
 void CLoad::Launch() {
     if (m_result.fleetFailed ||
         (m_limits.count > 0 ? m_launched >= m_limits.count : Clock::now() >= m_deadline)) {
@@ -240,11 +320,69 @@ void CLoad::Launch() {
         return;
     }
     ++m_launched;
-    std::make_shared<CPost>(*this, std::move(body), kind)->Start();
+    ++m_inFlight;
+    std::make_shared<CPost>(*this, std::move(body), kind, false)->Start(NextSource());
+}
+
+void CLoad::LaunchIdle() {
+    std::string body;
+    if (m_result.fleetFailed || m_idleLaunched >= m_limits.idleConnections) {
+        return;
+    }
+    if (!m_fleet.NextFeedback(body)) {
+        m_result.fleetFailed = true;
+        return;
+    }
+    ++m_idleLaunched;
+    std::make_shared<CPost>(*this, std::move(body), ReportKind::kFeedback, true)
+        ->Start(NextSource());
+}
+
+void CLoad::IdleEnded(const std::shared_ptr<CPost>& kept) {
+    ++m_idleEnded;
+    if (kept) {
+        m_idle.push_back(kept);
+    } else {
+        ++m_result.idleFailed;
+    }
+    LaunchIdle();
+    if (m_idleEnded == m_idleLaunched) {
+        StartMeasured();
+    }
+}
+
+void CLoad::StartMeasured() {
+    m_result.idleOpened = m_idle.size();
+    if (m_limits.idleConnections > 0 && m_idleReady) {
+        m_idleReady();
+    }
+    m_begin = Clock::now();
+    m_lastEnd = m_begin;
+    m_deadline =
+        m_begin + std::chrono::milliseconds(static_cast<long>(m_limits.durationSeconds * 1000));
+    for (unsigned int slot = 0; slot < m_limits.concurrency; ++slot) {
+        Launch();
+    }
+    if (m_inFlight == 0) {
+        Finish();
+    }
+}
+
+// Ends the run: the idle connections that are still open are closed, which ends their
+// watches, and with nothing left to wait for the event loop returns.
+void CLoad::Finish() {
+    for (const std::shared_ptr<CPost>& idle : m_idle) {
+        if (idle->ClosedByServer()) {
+            ++m_result.idleClosedByServer;
+        }
+        idle->Close();
+    }
+    m_idle.clear();
 }
 
 void CLoad::Ended(ReportKind kind, size_t bodyBytes, Clock::time_point started, Outcome outcome,
                   int status, SSL* connection) {
+    --m_inFlight;
     m_lastEnd = Clock::now();
     switch (outcome) {
         case Outcome::kConnectFailed:
@@ -282,15 +420,18 @@ void CLoad::Ended(ReportKind kind, size_t bodyBytes, Clock::time_point started, 
         }
     }
     Launch();
+    if (m_inFlight == 0) {
+        Finish();
+    }
 }
 
 void CLoad::Run() {
-    m_begin = Clock::now();
-    m_lastEnd = m_begin;
-    m_deadline =
-        m_begin + std::chrono::milliseconds(static_cast<long>(m_limits.durationSeconds * 1000));
-    for (unsigned int slot = 0; slot < m_limits.concurrency; ++slot) {
-        Launch();
+    if (m_limits.idleConnections == 0) {
+        StartMeasured();
+    } else {
+        for (unsigned int slot = 0; slot < m_limits.concurrency; ++slot) {
+            LaunchIdle();
+        }
     }
     m_io.run();
     m_result.seconds = std::chrono::duration<double>(m_lastEnd - m_begin).count();
@@ -299,8 +440,8 @@ void CLoad::Run() {
 }  // namespace
 
 bool RunLoad(const LoadTarget& target, const LoadLimits& limits, CReportFleet& fleet,
-             LoadResult& result) {
-    CLoad load(target, limits, fleet, result);
+             LoadResult& result, const std::function<void()>& idleReady) {
+    CLoad load(target, limits, fleet, result, idleReady);
     if (!load.Prepare()) {
         return false;
     }

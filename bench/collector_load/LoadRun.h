@@ -3,9 +3,14 @@
 // client sends (POST /cef/upload with the client's headers and "data=" + report), the
 // connection closed once the answer has been read. A slot whose post ends starts the next
 // one until the run's duration or count is reached.
+//
+// With idle connections asked for, the run first opens them (each posts one feedback report
+// and then stays open, idle, as a kept-alive connection) and holds them through the
+// measured posts, noting which of them the server closes meanwhile.
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -27,6 +32,10 @@ struct LoadLimits {
     double durationSeconds = 10;  // used when count is 0
     uint64_t count = 0;           // posts in all
     double timeoutSeconds = 30;   // for each step of a post
+    unsigned int idleConnections = 0;
+    // Connections come from this many loopback addresses (127.0.0.1, 127.0.0.2, ...), as
+    // from that many clients; 0 leaves the choice to the system.
+    unsigned int sourceAddresses = 0;
 };
 
 struct LoadResult {
@@ -43,13 +52,17 @@ struct LoadResult {
     uint64_t resumedSessions = 0;      // handshakes that resumed a session (none expected)
     std::string tls;                   // the first connection's protocol and key exchange
     bool fleetFailed = false;          // a report could not be written: the run stopped
+    uint64_t idleOpened = 0;           // idle connections that posted and stayed open
+    uint64_t idleFailed = 0;           // idle connections that could not be opened
+    uint64_t idleClosedByServer = 0;   // opened, then closed by the server during the run
 
     uint64_t Failed() const;
 };
 
-// Runs the posts against `target`. False (with a message on stderr) when the run could not
-// start: the target does not resolve, the CA file cannot be read, or the fleet fails.
+// Runs the posts against `target`; `idleReady` (may be empty) is called once the idle
+// connections are open, before the measured posts start. False (with a message on stderr)
+// when the run could not start: the target does not resolve or the CA file cannot be read.
 bool RunLoad(const LoadTarget& target, const LoadLimits& limits, CReportFleet& fleet,
-             LoadResult& result);
+             LoadResult& result, const std::function<void()>& idleReady);
 
 }  // namespace collectorload

@@ -1,5 +1,5 @@
 // /proc/PID/stat gives the CPU time (utime, stime: fields 14 and 15) and the parent
-// (field 4); /proc/PID/status gives VmHWM. Fields are counted after the command name's
+// (field 4); /proc/PID/status gives VmHWM and VmRSS. Fields are counted after the command name's
 // closing parenthesis, since the name itself may hold spaces and parentheses.
 #include "ProcessUsage.h"
 
@@ -46,15 +46,17 @@ bool ReadStat(pid_t pid, StatLine& stat) {
     return static_cast<bool>(fields);
 }
 
-uint64_t ReadPeakRssKiB(pid_t pid) {
+// Adds the process's VmHWM and VmRSS (kB) to the usage.
+void AddMemory(pid_t pid, ProcessUsage& usage) {
     std::ifstream file("/proc/" + std::to_string(pid) + "/status");
     std::string line;
     while (std::getline(file, line)) {
         if (line.compare(0, 6, "VmHWM:") == 0) {
-            return std::strtoull(line.c_str() + 6, nullptr, 10);
+            usage.peakRssKiB += std::strtoull(line.c_str() + 6, nullptr, 10);
+        } else if (line.compare(0, 6, "VmRSS:") == 0) {
+            usage.rssKiB += std::strtoull(line.c_str() + 6, nullptr, 10);
         }
     }
-    return 0;
 }
 
 struct DirCloser {
@@ -94,7 +96,7 @@ ProcessUsage ReadProcessUsage(pid_t pid) {
     const double tick = static_cast<double>(sysconf(_SC_CLK_TCK));
     for (pid_t member : tree) {
         usage.cpuSeconds += static_cast<double>(all[member].ticks) / tick;
-        usage.peakRssKiB += ReadPeakRssKiB(member);
+        AddMemory(member, usage);
     }
     usage.processes = static_cast<int>(tree.size());
     return usage;

@@ -13,6 +13,7 @@ struct ProcessUsage {
     bool found = false;       // the process exists
     double cpuSeconds = 0;    // user + system time so far, of the process and its descendants
     uint64_t peakRssKiB = 0;  // sum of each process's peak resident set (VmHWM)
+    uint64_t rssKiB = 0;      // sum of each process's resident set now (VmRSS)
     int processes = 0;
 };
 

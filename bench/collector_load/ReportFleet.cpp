@@ -5,6 +5,7 @@
 
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 
@@ -15,6 +16,11 @@ namespace collectorload {
 namespace {
 
 const size_t kDumpSize = 64 * 1024;
+// The largest dump: its base64 text and the rest of the report (well under 2 KiB) fill a
+// body of at most 16 MiB after "data=".
+const size_t kLargestDumpSize = (16 * 1024 * 1024 - 2048) / 4 * 3;
+// Its header, padded: a multiple of three bytes, and longer than any header's text.
+const size_t kLargestHeaderSize = 120;
 
 struct Kernel {
     const char* release;
@@ -139,27 +145,52 @@ CReportFleet::CReportFleet(unsigned int machines, ReportMix mix, uint64_t seed, 
 }
 
 ReportKind CReportFleet::PickKind() {
-    if (m_mix == ReportMix::kFeedbackOnly) {
-        return ReportKind::kFeedback;
+    if (m_mix != ReportMix::kFleet) {
+        return m_mix == ReportMix::kLargest ? ReportKind::kCrash : ReportKind::kFeedback;
     }
     const uint64_t draw = m_random() % 100;
     return draw < 95 ? ReportKind::kFeedback
                      : (draw < 99 ? ReportKind::kCrash : ReportKind::kThreat);
 }
 
-// A dump of exactly 64 KiB that no other report carries: a header naming the machine and
-// the report, then bytes cut from the pool at an offset of the report's own.
-std::string CReportFleet::CrashDump(const Machine& machine, const std::string& module) {
-    std::string dump = "core dump of " + module + " on " + machine.id + " report " +
-                       std::to_string(machine.reports) + '\n';
-    const size_t offset = static_cast<size_t>(m_random() % kDumpSize);
-    dump.append(m_dumpPool, offset, kDumpSize - dump.size());
-    return dump;
+// A dump of 64 KiB that no other report carries: a header naming the machine and the
+// report, then bytes cut from the pool at an offset of the report's own.
+//
+// The largest dumps share their tail, whose base64 text is made once: the header is padded
+// to a multiple of three bytes, so that the dump's base64 is the header's followed by the
+// tail's, and a 16 MiB report costs copies rather than encoding.
+std::string CReportFleet::CrashData(const Machine& machine, const std::string& module) {
+    std::string header = "core dump of " + module + " on " + machine.id + " report " +
+                         std::to_string(machine.reports) + '\n';
+    if (m_mix != ReportMix::kLargest) {
+        const size_t offset = static_cast<size_t>(m_random() % kDumpSize);
+        return Base64(header + m_dumpPool.substr(offset, kDumpSize - header.size()));
+    }
+    header.resize(kLargestHeaderSize, ' ');
+    if (m_largestTail.empty()) {
+        std::string tail;
+        tail.reserve(kLargestDumpSize - kLargestHeaderSize);
+        while (tail.size() < kLargestDumpSize - kLargestHeaderSize) {
+            tail.append(
+                m_dumpPool, 0,
+                std::min(m_dumpPool.size(), kLargestDumpSize - kLargestHeaderSize - tail.size()));
+        }
+        m_largestTail = Base64(tail);
+    }
+    return Base64(header) + m_largestTail;
 }
 
 bool CReportFleet::Next(std::string& body, ReportKind& kind) {
-    Machine& machine = m_machines[static_cast<size_t>(m_random() % m_machines.size())];
     kind = PickKind();
+    return Write(kind, body);
+}
+
+bool CReportFleet::NextFeedback(std::string& body) {
+    return Write(ReportKind::kFeedback, body);
+}
+
+bool CReportFleet::Write(ReportKind kind, std::string& body) {
+    Machine& machine = m_machines[static_cast<size_t>(m_random() % m_machines.size())];
 
     // Each report's period starts where the machine's previous one ended and lasts
     // between ten minutes and an hour.
@@ -206,7 +237,7 @@ bool CReportFleet::Next(std::string& body, ReportKind& kind) {
         CBencodeDictionary* crashes = nullptr;
         quality->Get("CrashReports", crashes, true);
         std::unique_ptr<CBencodeDictionary> crash(NewDictionary());
-        crash->Insert("CrashData", Base64(CrashDump(machine, module)));
+        crash->Insert("CrashData", CrashData(machine, module));
         crashes->Insert(module, crash.release());
     } else if (kind == ReportKind::kThreat) {
         CBencodeDictionary* threats = nullptr;

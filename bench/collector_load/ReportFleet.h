@@ -20,9 +20,10 @@ enum class ReportKind { kFeedback = 0, kCrash = 1, kThreat = 2 };
 constexpr int kReportKinds = 3;
 const char* KindName(ReportKind kind);
 
-// Which reports the fleet posts: feedback reports only, or the mix of a real fleet (about
-// 95% feedback, 4% crash reports with a 64 KiB dump, 1% threat reports).
-enum class ReportMix { kFeedbackOnly, kFleet };
+// Which reports the fleet posts: feedback reports only; the mix of a real fleet (about 95%
+// feedback, 4% crash reports with a 64 KiB dump, 1% threat reports); or only the largest
+// report a client can send, a crash report whose dump fills the body to 16 MiB.
+enum class ReportMix { kFeedbackOnly, kFleet, kLargest };
 
 class CReportFleet {
 public:
@@ -33,6 +34,8 @@ public:
     // The next report of a machine picked at random: the body as posted, and its kind.
     // False (with a message on stderr) only if the bencode library refuses to write it.
     bool Next(std::string& body, ReportKind& kind);
+    // The next feedback report of a machine picked at random, whatever the mix.
+    bool NextFeedback(std::string& body);
 
     size_t Machines() const { return m_machines.size(); }
 
@@ -49,12 +52,15 @@ private:
     };
 
     ReportKind PickKind();
-    std::string CrashDump(const Machine& machine, const std::string& module);
+    bool Write(ReportKind kind, std::string& body);
+    // The base64 text of a crash dump that no other report carries.
+    std::string CrashData(const Machine& machine, const std::string& module);
 
     ReportMix m_mix;
     std::mt19937_64 m_random;
     std::vector<Machine> m_machines;
-    std::string m_dumpPool;  // random bytes that the crash dumps are cut from
+    std::string m_dumpPool;     // random bytes that the crash dumps are cut from
+    std::string m_largestTail;  // base64 of the largest dumps' shared tail, once made
 };
 
 }  // namespace collectorload

@@ -1,6 +1,7 @@
 // collector_load: posts reports from a simulated fleet to a feedback server as the
 // clients do, and prints one line of figures: reports per second, latency p50/p99, and,
-// given the server's pid, its CPU time per report and its peak resident memory.
+// given the server's pid, its CPU time per report and its peak resident memory (and, with
+// idle connections held open, its resident memory once they are open).
 //
 // Exit status: 0 every post was delivered, 1 some were not (or the run could not start),
 // 2 a usage error.
@@ -34,13 +35,19 @@ const char kUsage[] =
     "  --concurrency N       posts in flight (16)\n"
     "  --duration SECONDS    how long to post (10)\n"
     "  --count N             how many posts (instead of a duration)\n"
-    "  --mix feedback|fleet  feedback reports only, or the fleet's mix (fleet)\n"
+    "  --mix feedback|fleet|largest\n"
+    "                        feedback reports only, the fleet's mix, or only crash reports\n"
+    "                        of 16 MiB (fleet)\n"
     "  --machines N          simulated machines (10000)\n"
     "  --seed N              seed of the fleet (1)\n"
     "  --cpu N               the core the generator is pinned to (0); -1 leaves it unpinned\n"
     "  --server-pid PID      the server: its CPU time per report and peak memory\n"
     "  --label TEXT          names the run in the figures line\n"
-    "  --timeout SECONDS     limit for each step of a post (30)\n";
+    "  --timeout SECONDS     limit for each step of a post (30)\n"
+    "  --idle N              first open N connections that post once and stay open, idle,\n"
+    "                        through the run\n"
+    "  --source-addresses N  connect from N loopback addresses (127.0.0.1 and up), as from\n"
+    "                        N clients (default: the system's choice)\n";
 
 struct Options {
     LoadTarget target;
@@ -114,11 +121,15 @@ int ParseOptions(int argc, char** argv, Options& options) {
         } else if (name == "--label") {
             options.label = value;
         } else if (name == "--mix") {
-            if (strcmp(value, "feedback") != 0 && strcmp(value, "fleet") != 0) {
-                return Usage("--mix is feedback or fleet");
+            if (strcmp(value, "feedback") == 0) {
+                options.mix = ReportMix::kFeedbackOnly;
+            } else if (strcmp(value, "fleet") == 0) {
+                options.mix = ReportMix::kFleet;
+            } else if (strcmp(value, "largest") == 0) {
+                options.mix = ReportMix::kLargest;
+            } else {
+                return Usage("--mix is feedback, fleet or largest");
             }
-            options.mix =
-                strcmp(value, "fleet") == 0 ? ReportMix::kFleet : ReportMix::kFeedbackOnly;
         } else if (!ParseNumber(value, name == "--cpu" ? -1 : 0, number)) {
             return Usage(name + " wants a number, not " + value);
         } else if (name == "--concurrency" && number >= 1) {
@@ -135,6 +146,10 @@ int ParseOptions(int argc, char** argv, Options& options) {
             options.seed = static_cast<unsigned long long>(number);
         } else if (name == "--cpu") {
             options.cpu = static_cast<long>(number);
+        } else if (name == "--idle") {
+            options.limits.idleConnections = static_cast<unsigned int>(number);
+        } else if (name == "--source-addresses" && number <= 65536) {
+            options.limits.sourceAddresses = static_cast<unsigned int>(number);
         } else if (name == "--server-pid" && number >= 1) {
             options.serverPid = static_cast<long>(number);
         } else {
@@ -161,6 +176,27 @@ bool PinTo(long cpu) {
     return true;
 }
 
+// Every connection is a descriptor: 10,000 idle ones need more than the usual soft limit.
+void RaiseDescriptorLimit() {
+    rlimit limit;
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+const char* MixName(ReportMix mix) {
+    switch (mix) {
+        case ReportMix::kFleet:
+            return "fleet";
+        case ReportMix::kLargest:
+            return "largest";
+        case ReportMix::kFeedbackOnly:
+            break;
+    }
+    return "feedback";
+}
+
 double CpuSeconds() {
     rusage usage;
     getrusage(RUSAGE_SELF, &usage);
@@ -180,7 +216,7 @@ double Percentile(std::vector<float>& values, double p) {
 }
 
 void PrintFigures(const Options& options, LoadResult& result, double generatorCpu,
-                  const ProcessUsage& before, const ProcessUsage& after) {
+                  const ProcessUsage& before, const ProcessUsage& idle, const ProcessUsage& after) {
     const double seconds = std::max(result.seconds, 1e-9);
     std::string statuses;
     for (const auto& status : result.statuses) {
@@ -190,8 +226,8 @@ void PrintFigures(const Options& options, LoadResult& result, double generatorCp
     printf(
         "label=%s mix=%s concurrency=%u delivered=%llu failed=%llu seconds=%.2f "
         "rate=%.1f p50_ms=%.2f p99_ms=%.2f",
-        options.label.c_str(), options.mix == ReportMix::kFleet ? "fleet" : "feedback",
-        options.limits.concurrency, static_cast<unsigned long long>(result.delivered),
+        options.label.c_str(), MixName(options.mix), options.limits.concurrency,
+        static_cast<unsigned long long>(result.delivered),
         static_cast<unsigned long long>(result.Failed()), result.seconds,
         static_cast<double>(result.delivered) / seconds, Percentile(result.latencyMs, 0.5),
         Percentile(result.latencyMs, 0.99));
@@ -220,6 +256,15 @@ void PrintFigures(const Options& options, LoadResult& result, double generatorCp
     } else {
         printf(" server_cpu_ms=- server_peak_rss_mib=-");
     }
+    if (options.limits.idleConnections > 0) {
+        printf(" idle_open=%llu idle_failed=%llu idle_closed_by_server=%llu",
+               static_cast<unsigned long long>(result.idleOpened),
+               static_cast<unsigned long long>(result.idleFailed),
+               static_cast<unsigned long long>(result.idleClosedByServer));
+        if (idle.found) {
+            printf(" idle_rss_mib=%.1f", static_cast<double>(idle.rssKiB) / 1024.0);
+        }
+    }
     printf("\n");
     fflush(stdout);
 }
@@ -235,6 +280,7 @@ int main(int argc, char** argv) {
     if (options.cpu >= 0 && !PinTo(options.cpu)) {
         return 1;
     }
+    RaiseDescriptorLimit();
     CReportFleet fleet(static_cast<unsigned int>(options.machines), options.mix, options.seed,
                        static_cast<int64_t>(time(nullptr)));
 
@@ -246,11 +292,17 @@ int main(int argc, char** argv) {
     }
     const double cpuBefore = CpuSeconds();
     LoadResult result;
-    if (!RunLoad(options.target, options.limits, fleet, result)) {
+    ProcessUsage idle;
+    const auto idleReady = [&]() {
+        if (server > 0) {
+            idle = ReadProcessUsage(server);
+        }
+    };
+    if (!RunLoad(options.target, options.limits, fleet, result, idleReady)) {
         return 1;
     }
     const double generatorCpu = CpuSeconds() - cpuBefore;
     const ProcessUsage after = server > 0 ? ReadProcessUsage(server) : ProcessUsage();
-    PrintFigures(options, result, generatorCpu, before, after);
+    PrintFigures(options, result, generatorCpu, before, idle, after);
     return result.delivered > 0 && result.Failed() == 0 && !result.fleetFailed ? 0 : 1;
 }

@@ -7,15 +7,22 @@
 #   collector-sqlite  pathweave-collector on a SQLite file (durable)
 #   collector-pg      pathweave-collector on a PostgreSQL server started for the run
 # each on loopback with the same certificate and key, every post on a new connection with a
-# full handshake. Every mix is run RUNS times, the targets interleaved within each round,
-# and the table gives each target's medians and its rate as a multiple of nginx's.
+# full handshake, from SOURCES loopback addresses as from that many clients. Every mix is
+# run RUNS times, the targets interleaved within each round, and the table gives each
+# target's medians and its rate as a multiple of nginx's. Then the memory run (all targets
+# but the fixture): IDLE connections that posted once are held open, idle, and 64 posts of
+# 16 MiB go at once on top of them; its table gives the server's resident memory with the
+# idle connections open and its peak.
 #
 # Usage: run.sh [--build DIR] [--collector PROGRAM] [--runs N] [--duration SECONDS]
-#               [--concurrency N] [--machines N] [--mixes "feedback fleet"] [--keep]
+#               [--concurrency N] [--machines N] [--mixes "feedback fleet"]
+#               [--sources N] [--idle N] [--no-memory] [--keep]
 #   --build DIR          build directory with the generator (default: build-bench; the
 #                        generator and cefdump are built there when missing)
 #   --collector PROGRAM  the collector to measure (default: DIR/collector/pathweave-collector,
 #                        built when the tree has it); without one the collector is skipped
+#   --sources N          loopback source addresses of the posts (256)
+#   --idle N             idle connections of the memory run (10000); --no-memory skips it
 #   --keep               keep the run's temporary directory (logs, stores) and say where
 # Servers run as an unprivileged user (nobody when started as root) from a temporary
 # directory, on loopback ports; all are stopped when the script ends.
@@ -30,6 +37,9 @@ duration=10
 concurrency=16
 machines=10000
 mixes="feedback fleet"
+sources=256
+idle=10000
+memory=1
 keep=0
 server_name=feedback.pathweave.example
 # The key exchange groups, as nginx names them; OpenSSL's clients offer X25519 first.
@@ -40,7 +50,7 @@ pg_bin=/usr/lib/postgresql/15/bin
 python=/usr/bin/python3
 [ -x "$python" ] || python=$(command -v python3)
 
-usage() { sed -n '2,21p' "$0" | sed 's/^# \{0,1\}//' >&2; exit 2; }
+usage() { sed -n '2,28p' "$0" | sed 's/^# \{0,1\}//' >&2; exit 2; }
 while [ $# -gt 0 ]; do
     case "$1" in
         --build) build=$2; shift 2 ;;
@@ -50,6 +60,9 @@ while [ $# -gt 0 ]; do
         --concurrency) concurrency=$2; shift 2 ;;
         --machines) machines=$2; shift 2 ;;
         --mixes) mixes=$2; shift 2 ;;
+        --sources) sources=$2; shift 2 ;;
+        --idle) idle=$2; shift 2 ;;
+        --no-memory) memory=0; shift ;;
         --keep) keep=1; shift ;;
         *) usage ;;
     esac
@@ -271,7 +284,7 @@ for mix in $mixes; do
             line=$("$load" --target "127.0.0.1:${port[$target]}" --server-name "$server_name" \
                 --ca-file "$work/certs/ca.pem" --concurrency "$concurrency" \
                 --duration "$duration" --mix "$mix" --machines "$machines" \
-                --seed "$seed" --cpu 0 --server-pid "${pid[$target]}" \
+                --seed "$seed" --cpu 0 --server-pid "${pid[$target]}" --source-addresses "$sources" \
                 --label "$target" || true)
             [ -n "$line" ] || die "the generator gave no figures for $target"
             after=$(bytes_in "${store[$target]}" 2>/dev/null || echo 0)
@@ -288,11 +301,28 @@ done
 echo "# load average $(cut -d' ' -f1-3 /proc/loadavg) at the end; disk: growth of each" \
     "store's directory during its runs (WAL included), per delivered report"
 
+memory_results="$work/memory.txt"
+: >"$memory_results"
+if [ "$memory" = 1 ]; then
+    echo "# memory: $idle idle connections held open, then 64 posts of 16 MiB at once on top" \
+        "of them (the fixture, a thread per connection, is left out)"
+    for target in "${targets[@]}"; do
+        [ "$target" != fixture ] || continue
+        line=$("$load" --target "127.0.0.1:${port[$target]}" --server-name "$server_name" \
+            --ca-file "$work/certs/ca.pem" --idle "$idle" --mix largest --concurrency 64 \
+            --count 64 --timeout 120 --machines "$machines" --seed 999 --cpu 0 \
+            --server-pid "${pid[$target]}" --source-addresses "$sources" --label "$target" || true)
+        [ -n "$line" ] || die "the generator gave no figures for $target"
+        echo "$line"
+        echo "$line" >>"$memory_results"
+    done
+fi
+
 # --- the table -------------------------------------------------------------------------
-python3 - "$results" "${targets[@]}" <<'EOF'
+python3 - "$results" "$memory_results" "${targets[@]}" <<'EOF'
 import statistics, sys
 
-path, targets = sys.argv[1], sys.argv[2:]
+path, memory_path, targets = sys.argv[1], sys.argv[2], sys.argv[3:]
 runs = {}
 for line in open(path):
     fields = dict(item.split("=", 1) for item in line.split())
@@ -323,4 +353,16 @@ for mix in dict.fromkeys(m for m, _ in runs):
             "%.3f" % cpu if cpu is not None else "-", peak,
             stored / delivered if delivered else 0,
             sum(int(row["failed"]) for row in rows)))
+
+memory = [dict(item.split("=", 1) for item in line.split()) for line in open(memory_path)]
+if memory:
+    print()
+    print("%-17s %10s %10s %14s %14s %12s %7s" % (
+        "target", "idle open", "closed", "idle RSS MiB", "peak RSS MiB", "16 MiB posts",
+        "failed"))
+    for row in memory:
+        print("%-17s %10s %10s %14s %14s %12s %7s" % (
+            row["label"], row["idle_open"], row["idle_closed_by_server"],
+            row.get("idle_rss_mib", "-"), row["server_peak_rss_mib"], row["delivered"],
+            int(row["failed"]) + int(row["idle_failed"])))
 EOF
