@@ -6,7 +6,6 @@
 #include <netinet/in.h>
 #include <openssl/ssl.h>
 
-#include <boost/asio/connect.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
