@@ -135,8 +135,7 @@ free_port() {
     python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
 }
 wait_port() {  # wait_port PORT PID NAME
-    local i
-    for i in $(seq 300); do
+    for _ in $(seq 300); do
         (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null && return 0
         kill -0 "$2" 2>/dev/null || die "$3 exited while starting (see its log in $work)"
         sleep 0.1
@@ -185,7 +184,7 @@ start_nginx() {
     local dir="$work/nginx"
     mkdir -p "$dir/empty"
     port[nginx]=$(free_port)
-    sed -e "s|@DIR@|$dir|g; s|@PORT@|${port[nginx]}|; s|@WORKERS@|auto|; s|@IDLE@|$idle_timeout|" \
+    sed -e "s|@DIR@|$dir|g; s|@PORT@|${port[nginx]}|; s|@IDLE@|$idle_timeout|" \
         -e "s|@SERVER_NAME@|$server_name|; s|@CERT@|$cert|; s|@KEY@|$key|; s|@GROUPS@|$groups|" \
         "$here/nginx.conf.in" >"$dir/nginx.conf"
     give "$dir"
@@ -198,14 +197,14 @@ start_nginx() {
 }
 
 start_fixture() {
-    local dir="$work/fixture" i
+    local dir="$work/fixture"
     mkdir -p "$dir/records"
     give "$dir"
     "${as_server[@]}" "$python" "$root/tools/feedback-server/feedback_server.py" --cert "$cert" \
         --key "$key" --record-dir "$dir/records" >"$dir/out.log" 2>&1 &
     pid[fixture]=$!
     pids+=("${pid[fixture]}")
-    for i in $(seq 300); do
+    for _ in $(seq 300); do
         port[fixture]=$(awk '/^PORT /{print $2}' "$dir/out.log")
         [ -n "${port[fixture]}" ] && break
         kill -0 "${pid[fixture]}" 2>/dev/null || die "the fixture exited while starting"
@@ -219,7 +218,7 @@ start_fixture() {
 pg_uri=""
 pg_port=""
 start_postgres() {  # sets pg_port and pg_uri
-    local dir="$work/postgres" i
+    local dir="$work/postgres"
     mkdir -p "$dir"
     give "$dir"
     pg_port=$(free_port)
@@ -229,7 +228,7 @@ start_postgres() {  # sets pg_port and pg_uri
         -c listen_addresses=127.0.0.1 -c max_connections=200 >"$dir/server.log" 2>&1 &
     pid[postgres]=$!
     pids+=("${pid[postgres]}")
-    for i in $(seq 300); do
+    for _ in $(seq 300); do
         "$pg_bin/pg_isready" -q -h 127.0.0.1 -p "$pg_port" && break
         kill -0 "${pid[postgres]}" 2>/dev/null || die "PostgreSQL exited ($dir/server.log)"
         sleep 0.1
@@ -242,7 +241,7 @@ start_postgres() {  # sets pg_port and pg_uri
 # A collector that does not become ready is left out of the run (and said so), so that the
 # other targets are still measured.
 start_collector() {  # start_collector NAME DATABASE
-    local name=$1 dir="$work/$1" i answer=""
+    local name=$1 dir="$work/$1" answer=""
     mkdir -p "$dir/state"
     port[$name]=$(free_port)
     cat >"$dir/collector.conf" <<EOF
@@ -261,7 +260,7 @@ EOF
     "${as_server[@]}" "$collector" --config "$dir/collector.conf" serve >"$dir/out.log" 2>&1 &
     pid[$name]=$!
     pids+=("${pid[$name]}")
-    for i in $(seq 300); do
+    for _ in $(seq 300); do
         answer=$(curl -s -o /dev/null -w '%{http_code}' --cacert "$work/certs/ca.pem" \
             --resolve "$server_name:${port[$name]}:127.0.0.1" \
             "https://$server_name:${port[$name]}/readyz" || true)
@@ -290,14 +289,21 @@ fi
 
 # --- the runs --------------------------------------------------------------------------
 # The bodies the fixture received are read back with cefdump: the generator's reports are
-# valid reports, posted with the client's headers.
+# valid reports, posted with the client's headers in the client's order. The first 50
+# requests are checked, and the 10 largest (the crash reports among them).
 check_fixture_records() {
-    local dir=${store[fixture]} meta body checked=0
-    for meta in $(ls "$dir"/*.meta | head -n 50) $(ls -S "$dir"/*.body | head -n 10 | sed 's/body$/meta/'); do
-        grep -qx 'header User-Agent: Pathweave' "$meta" &&
-            grep -qx 'header Content-Type: application/x-www-form-urlencoded' "$meta" &&
-            grep -qx 'path /cef/upload' "$meta" ||
+    local dir=${store[fixture]} meta body checked=0 expected
+    expected=$(printf '%s\n' "method POST" "path /cef/upload" "header Host: $server_name" \
+        "header User-Agent: Pathweave" "header Accept: */*" \
+        "header Content-Type: application/x-www-form-urlencoded")
+    for meta in $(find "$dir" -name '*.meta' | sort | head -n 50) \
+        $(find "$dir" -name '*.body' -printf '%s %p\n' | sort -rn | head -n 10 |
+            sed 's/^[0-9]* //; s/body$/meta/'); do
+        if [ "$(grep -E '^(method|path|header)' "$meta" | grep -v '^header Content-Length')" != \
+            "$expected" ] ||
+            ! grep -qx "header Content-Length: $(sed -n 's/^length //p' "$meta")" "$meta"; then
             die "the fixture received a request unlike a client's: $meta"
+        fi
         body=${meta%.meta}.body
         "$cefdump" --wire "$body" >/dev/null || die "cefdump cannot read the posted body $body"
         checked=$((checked + 1))
