@@ -24,31 +24,6 @@ namespace {
 
 const char kTempSuffix[] = ".temp";
 
-// Owns one descriptor.
-class CFileDescriptor {
-public:
-    explicit CFileDescriptor(int fd) : m_fd(fd) {}
-    ~CFileDescriptor() { Close(); }
-    CFileDescriptor(CFileDescriptor const&) = delete;
-    CFileDescriptor& operator=(CFileDescriptor const&) = delete;
-
-    int Get() const { return m_fd; }
-    bool Valid() const { return m_fd >= 0; }
-    void Reset(int fd) {
-        Close();
-        m_fd = fd;
-    }
-    void Close() {
-        if (m_fd >= 0) {
-            close(m_fd);
-            m_fd = -1;
-        }
-    }
-
-private:
-    int m_fd;
-};
-
 struct FreeMemory {
     void operator()(char* data) const { free(data); }
 };
@@ -137,24 +112,30 @@ int CBencodeStream::LoadStream() {
 
 // Writes the whole content (up to the furthest byte loaded or written). In staging mode
 // the main file is created exclusively; if it already exists (judged by errno alone, not
-// cleared beforehand) the data goes to the ".temp" file instead. The open truncates before
-// the lock is taken.
+// cleared beforehand) the data goes to the ".temp" file instead. Only a regular file is
+// written: a FIFO, a device or a symbolic link at the path is refused (-1) without blocking
+// and left as it is. The file is truncated before the lock is taken.
 int CBencodeStream::FlushStream(bool& stagedInTempFile) {
     stagedInTempFile = false;
-    const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
+    const mode_t mode = m_ownerOnly ? S_IRUSR | S_IWUSR : sm_fileCreationMode;
 
     CFileDescriptor file(-1);
     bool toTempFile = false;
     if (!m_useTempFile) {
-        file.Reset(open(m_fileName.c_str(), flags, sm_fileCreationMode));
+        file.Reset(OpenRegularFileForWriting(m_fileName, false, mode));
     } else {
-        file.Reset(open(m_fileName.c_str(), flags | O_EXCL, sm_fileCreationMode));
+        file.Reset(OpenRegularFileForWriting(m_fileName, true, mode));
         if (errno == EEXIST) {
             toTempFile = true;
-            file.Reset(open((m_fileName + kTempSuffix).c_str(), flags, sm_fileCreationMode));
+            file.Reset(OpenRegularFileForWriting(m_fileName + kTempSuffix, false, mode));
         }
     }
     if (!file.Valid()) {
+        BENCODE_LOG_CODE("open", errno, "File open failed");
+        return eBencodeFileError;
+    }
+    // The umask may have taken bits off a new file, and an old one may be open to others.
+    if (ftruncate(file.Get(), 0) != 0 || (m_ownerOnly && fchmod(file.Get(), mode) != 0)) {
         BENCODE_LOG_CODE("open", errno, "File open failed");
         return eBencodeFileError;
     }
