@@ -107,6 +107,7 @@ private:
     bool GetFileCreationTime(const std::string& path, unsigned int& time);
     bool CreateThreatReportDirChangeEvent();
     static void ThreatReportDirChangeHandler(void* context, int event);
+    static void OnThreatReportDirChange(void* context, int event);
     bool SaveThreatReportToFile(const std::string& path);
 
     // --- Lifecycle (PhoneHomeAgent.cpp) ---
@@ -115,6 +116,7 @@ private:
     bool CreateTimer(CTimer*& timer, unsigned long id, const char* label,
                      unsigned long milliseconds, bool start);
     bool RunLoop();
+    void DispatchTimer(unsigned long timerId);
     void OnPhoneHomeStarterTimer();
     void OnPhoneHomeTimer();
     void OnPostRetryTimer();

@@ -163,11 +163,9 @@ void CPhoneHomeAgent::RestrictToOwnerAtStart(const std::string& path, mode_t mod
     mode_t previous = 0;
     int changed = RestrictToOwner(path, mode, previous);
     if (changed < 0) {
-        PH_LOG(PH_WARNING, "Can't restrict %s to its owner: %s",
-                  path.c_str(), strerror(errno));
+        PH_LOG(PH_WARNING, "Can't restrict %s to its owner: %s", path.c_str(), strerror(errno));
     } else if (changed > 0 && existed) {
-        PH_LOG(PH_WARNING,
-                  "%s was open to other users (mode %03o), restricted to its owner", path.c_str(),
-                  static_cast<unsigned int>(previous & 0777));
+        PH_LOG(PH_WARNING, "%s was open to other users (mode %03o), restricted to its owner",
+               path.c_str(), static_cast<unsigned int>(previous & 0777));
     }
 }

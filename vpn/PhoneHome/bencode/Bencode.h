@@ -253,5 +253,8 @@ public:
     virtual ~CBencodeSettings();
 
 private:
+    bool InsertString(char const* key, char const* value, bool appendToList);
+    bool InsertInteger(char const* key, long long value);
+
     CBencodeDictionary& m_dictionary;
 };

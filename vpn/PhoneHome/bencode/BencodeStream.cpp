@@ -176,6 +176,8 @@ bool SerialiseIntoStream(Container& container, CBencodeStream& stream) {
 }
 
 // The file members that lists and dictionaries share.
+// A tree too large to build in memory is a failed read (-1); what was built of it stays in
+// the container until its owner resets it.
 template <typename Container>
 EBencodeResult LoadBound(Container& container, CBencodeStream* stream) {
     if (stream == nullptr) {
@@ -185,7 +187,12 @@ EBencodeResult LoadBound(Container& container, CBencodeStream* stream) {
     if (loaded != eBencodeSuccess) {
         return static_cast<EBencodeResult>(loaded);
     }
-    return container.Internalize(*stream) ? eBencodeSuccess : eBencodeInvalidData;
+    try {
+        return container.Internalize(*stream) ? eBencodeSuccess : eBencodeInvalidData;
+    } catch (const std::bad_alloc&) {
+        stream->ResetStream();
+        return eBencodeFileError;
+    }
 }
 
 // After a write into the main file in staging mode the container is emptied: what was
@@ -193,7 +200,13 @@ EBencodeResult LoadBound(Container& container, CBencodeStream* stream) {
 template <typename Container>
 EBencodeResult SaveBound(Container& container, CBencodeStream& stream, bool useTempFile) {
     EBencodeResult result = eBencodeFileError;
-    if (SerialiseIntoStream(container, stream)) {
+    bool serialised = false;
+    try {
+        serialised = SerialiseIntoStream(container, stream);
+    } catch (const std::bad_alloc&) {
+        serialised = false;  // as a value that cannot be written: nothing reaches the disk
+    }
+    if (serialised) {
         bool staged = false;
         result = static_cast<EBencodeResult>(stream.FlushStream(staged));
         if (result != eBencodeSuccess) {
@@ -220,10 +233,18 @@ void BindStream(CBencodeStream*& stream, std::string const& fileName, bool useTe
 
 CBencodeList::CBencodeList(std::string const& fileName, EBencodeResult& result, bool useTempFile)
     : CBencode(eBencodeList), m_stream(nullptr), m_useTempFile(useTempFile) {
-    m_stream = new CBencodeStream(fileName, useTempFile);
-    result = Internalize();
+    // Nothing may leave a constructor that has made its stream: it would never be freed.
+    try {
+        m_stream = new CBencodeStream(fileName, useTempFile);
+        result = Internalize();
+    } catch (const std::bad_alloc&) {
+        result = eBencodeFileError;
+    }
     if (result != eBencodeSuccess) {
-        BENCODE_LOG_CODE("Internalize", result, "CBencodeList Internalize failed");
+        try {
+            BENCODE_LOG_CODE("Internalize", result, "CBencodeList Internalize failed");
+        } catch (const std::bad_alloc&) {
+        }
         Reset();
     }
 }
@@ -247,10 +268,18 @@ void CBencodeList::SetBencodeFileName(std::string const& fileName) {
 CBencodeDictionary::CBencodeDictionary(std::string const& fileName, EBencodeResult& result,
                                        bool useTempFile)
     : CBencode(eBencodeDictionary), m_stream(nullptr), m_useTempFile(useTempFile) {
-    m_stream = new CBencodeStream(fileName, useTempFile);
-    result = Internalize();
+    // Nothing may leave a constructor that has made its stream: it would never be freed.
+    try {
+        m_stream = new CBencodeStream(fileName, useTempFile);
+        result = Internalize();
+    } catch (const std::bad_alloc&) {
+        result = eBencodeFileError;
+    }
     if (result != eBencodeSuccess) {
-        BENCODE_LOG_CODE("Internalize", result, "Bencode dictionary internalize failed");
+        try {
+            BENCODE_LOG_CODE("Internalize", result, "Bencode dictionary internalize failed");
+        } catch (const std::bad_alloc&) {
+        }
         Reset();
     }
 }
