@@ -344,54 +344,6 @@ class Faults(HostFixture):
                 finally:
                     self.tearDown()
 
-    # A special file where the service writes: the first report, or the history. The host
-    # must stop promptly, and the file (and a link's target) stays as it was. A report that
-    # cannot be written is not made; one whose history cannot be saved waits in outbound.
-    # fmt: off
-    PLACED = [
-        # name                     path                           kind        report kept
-        ("FIFO at the report",     "outbound/feedback_data1.cef", "fifo",     False),
-        ("dangling report link",   "outbound/feedback_data1.cef", "dangling", False),
-        ("FIFO at the history",    "history",                     "fifo",     True),
-        ("link at the history",    "history",                     "link",     True),
-    ]
-    # fmt: on
-
-    def test_special_files_where_the_service_writes(self):
-        for name, where, kind, kept in self.PLACED:
-            with self.subTest(name):
-                self.setUp()
-                try:
-                    server = self.server()
-                    path = os.path.join(FEEDBACK, where)
-                    os.makedirs(os.path.dirname(path), exist_ok=True)
-                    target = os.path.join(self.work, "target")
-                    if kind == "fifo":
-                        os.mkfifo(path)
-                    else:
-                        os.symlink(target, path)
-                    if kind == "link":
-                        with open(target, "w") as out:
-                            out.write("kept")
-                    self.write_profile()
-                    self.start_host({"VpnPhoneHomeFile": self.hostile_module("dict")},
-                                    server.port)
-                    refused = "Failure to create phoneHome bencode file"
-                    self.assertTrue(wait_for(lambda: refused in self.log()), name + self.log())
-                    self.stop_host()
-                    self.assertEqual([], server.bodies(), name)
-                    mode = os.lstat(path).st_mode
-                    self.assertTrue(stat.S_ISFIFO(mode) if kind == "fifo" else
-                                    stat.S_ISLNK(mode), name + ": left as it was")
-                    if kind == "link":
-                        with open(target) as left:
-                            self.assertEqual("kept", left.read(), name)
-                    self.assertEqual(kind == "link", os.path.exists(target), name)
-                    self.assertEqual(kept, os.path.isfile(os.path.join(
-                        OUTBOUND, "feedback_data1.cef")), name)
-                finally:
-                    self.tearDown()
-
     def test_disk_full(self):
         try:
             subprocess.run(["mount", "-t", "tmpfs", "-o", "size=64k", "tmpfs", FEEDBACK],

@@ -12,7 +12,6 @@
 #include <string>
 
 #include "Bencode.h"
-#include "RegularFile.h"
 #include "TestSupport.h"
 
 namespace {
@@ -220,82 +219,6 @@ TEST_F(BencodeFileTest, BindingAndSavesThatCannotHappen) {
     EXPECT_EQ(eBencodeFileError, dictionary.Externalize());
     EXPECT_TRUE(HasLogText("Dictionary item is NULL"));
     EXPECT_EQ("d1:k1:ve", ReadFileOrEmpty(m_dir / "second"));
-}
-
-// Only a regular file is written: a FIFO (read or not) or a symbolic link at the main or the
-// staging path fails the save at once and is left as it was, and the target of a link is
-// never touched.
-TEST_F(BencodeFileTest, SavesRefuseWhatIsNotARegularFile) {
-    const std::string target = m_dir / "target";
-    // clang-format off
-    const struct { const char* name; bool staging; char kind; } cases[] = {
-        {"fifo, read", false, 'r'}, {"fifo", false, 'f'}, {"link", false, 'l'},
-        {"dangling link", false, 'd'}, {"staged fifo", true, 'f'}, {"staged link", true, 'l'},
-    };
-    // clang-format on
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        const std::string main = m_dir / c.name;
-        const std::string special = c.staging ? main + ".temp" : main;
-        ASSERT_TRUE(WriteFile(target, "kept"));
-        ASSERT_TRUE(!c.staging || WriteFile(main, "d1:ai1ee"));  // sends the save aside
-        ASSERT_EQ(
-            0, c.kind == 'r' || c.kind == 'f'
-                   ? mkfifo(special.c_str(), 0600)
-                   : symlink((c.kind == 'd' ? m_dir / "absent" : target).c_str(), special.c_str()));
-        // A reader on the FIFO: a save that opened it would not block but write into it.
-        CFileDescriptor reader(c.kind == 'r' ? open(special.c_str(), O_RDONLY | O_NONBLOCK) : -1);
-        CBencodeDictionary dictionary(c.staging);
-        dictionary.SetBencodeFileName(main);
-        dictionary.GetStream()->SetOwnerOnly(true);
-        dictionary.Insert("k", 1LL);
-        pwtest::ClearCapturedLogs();
-        errno = c.staging ? EEXIST : 0;
-        EXPECT_EQ(eBencodeFileError, dictionary.Externalize());
-        EXPECT_TRUE(HasLogText("File open failed"));
-        struct stat status;
-        ASSERT_EQ(0, lstat(special.c_str(), &status));
-        EXPECT_TRUE(c.kind == 'r' || c.kind == 'f' ? S_ISFIFO(status.st_mode)
-                                                   : S_ISLNK(status.st_mode));
-        EXPECT_EQ("kept", ReadFileOrEmpty(target));
-        EXPECT_FALSE(FileExists(m_dir / "absent"));
-        EXPECT_TRUE(!c.staging || ReadFileOrEmpty(main) == "d1:ai1ee");
-    }
-}
-
-// A stream for the service's own files writes them readable by their owner alone, whatever
-// the umask and whatever mode an earlier file of that name had; other streams keep 0666
-// before the umask.
-TEST_F(BencodeFileTest, OwnerOnlyFilesIgnoreTheUmask) {
-    // clang-format off
-    const struct { bool ownerOnly; mode_t umask; const char* existing; mode_t mode; } cases[] = {
-        {true, 0, nullptr, 0600}, {true, 022, nullptr, 0600}, {true, 0277, nullptr, 0600},
-        {true, 022, "old", 0600}, {false, 022, nullptr, 0644}, {false, 022, "old", 0666},
-    };
-    // clang-format on
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::to_string(c.umask) + (c.ownerOnly ? " owner only" : ""));
-        const std::string path = m_dir / "report.cef";
-        unlink(path.c_str());
-        if (c.existing != nullptr) {
-            ASSERT_TRUE(WriteFile(path, c.existing));
-            ASSERT_EQ(0, chmod(path.c_str(), 0666));
-        }
-        CBencodeList list(false);
-        list.SetBencodeFileName(path);
-        std::unique_ptr<CBencodeStream> stream(list.GetStream());
-        stream->SetOwnerOnly(c.ownerOnly);
-        list.Append(1LL);
-        const mode_t previous = umask(c.umask);
-        errno = 0;
-        EBencodeResult result = list.Externalize();
-        umask(previous);
-        EXPECT_EQ(eBencodeSuccess, result);
-        struct stat status;
-        ASSERT_EQ(0, stat(path.c_str(), &status));
-        EXPECT_EQ(c.mode, status.st_mode & 0777u);
-        EXPECT_EQ("li1ee", ReadFileOrEmpty(path));
-    }
 }
 
 }  // namespace
