@@ -43,8 +43,8 @@ void* operator new[](size_t size) {
 namespace pwtest {
 namespace {
 
-// Under the sanitizers and the emulator every 7th failure point is tried; natively all.
 const char* const kInterface = PHONEHOME_PLUGIN_INTERFACE_NAME;
+// Under the sanitizers and the emulator every 7th failure point is tried; natively all.
 #if defined(__SANITIZE_ADDRESS__) || defined(__i386__)
 const long kStride = 7;
 #else
