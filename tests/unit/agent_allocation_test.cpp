@@ -1,13 +1,13 @@
 // Allocation failures anywhere in the plug-in's life: over one start, module collection,
-// post and stop, the Nth allocation made by the plug-in's callers' threads fails, for every
-// N in turn until a cycle runs without reaching it. The process must never end (an
-// exception that escapes into the host ends it) and, in the ASan row, leak nothing;
-// afterwards a clean cycle still delivers its report.
+// post and stop, the Nth allocation made by the threads that call the plug-in fails, for
+// every N in turn until a cycle runs without reaching it. The process must never end (an
+// exception that escapes into the host ends it) and, in the ASan row, leak nothing; the
+// last cycle, which ran whole, delivers its report.
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <functional>
 #include <cstdlib>
+#include <functional>
 #include <new>
 #include <thread>
 
@@ -17,27 +17,15 @@
 namespace {
 
 std::atomic<long> g_countdown{0};  // counted allocations left before the failing one
-std::atomic<bool> g_failed{false};
 thread_local bool t_counted = false;
-
-void* Allocate(size_t size) {
-    if (t_counted && g_countdown.load() > 0 && g_countdown.fetch_sub(1) == 1) {
-        g_failed = true;
-        throw std::bad_alloc();
-    }
-    void* memory = malloc(size != 0 ? size : 1);
-    return memory != nullptr ? memory : throw std::bad_alloc();
-}
 
 }  // namespace
 
-// The nothrow forms and the deletes of the C++ library come here or free what these made
-// (the sanitizer's own forms are told not to mind the pairing).
+// The C++ library's other forms (new[], nothrow) come here natively, and its deletes free
+// what this makes; the sanitizer's own forms are told not to mind the pairing.
 void* operator new(size_t size) {
-    return Allocate(size);
-}
-void* operator new[](size_t size) {
-    return Allocate(size);
+    void* memory = t_counted && g_countdown.fetch_sub(1) == 1 ? nullptr : malloc(size + 1);
+    return memory != nullptr ? memory : throw std::bad_alloc();
 }
 
 namespace pwtest {
@@ -53,22 +41,22 @@ const long kStride = 1;
 
 using AgentAllocationTest = AgentFixture;
 
-// One cycle whose `failAt`th counted allocation fails (0: none); false when the service
-// stopped answering. The plug-in is called as a host calls it; each call is counted.
+void Counted(const std::function<void()>& call) {
+    t_counted = true;
+    call();
+    t_counted = false;
+}
+
+// One cycle whose `failAt`th counted allocation fails, the plug-in called as a host calls
+// it; false when the service stopped answering.
 bool Cycle(long failAt, IPhoneHomePluginCB* callback) {
-    g_failed = false;
     g_countdown = failAt;
-    auto counted = [](const std::function<void()>& call) {
-        t_counted = true;
-        call();
-        t_counted = false;
-    };
     IPhoneHomePlugin* plugin = nullptr;
-    counted([&] { plugin = static_cast<IPhoneHomePlugin*>(CreatePlugin(kInterface)); });
+    Counted([&] { plugin = static_cast<IPhoneHomePlugin*>(CreatePlugin(kInterface)); });
     std::atomic<bool> done{plugin == nullptr};
     std::thread service([&] {
         if (!done && plugin->SetPhoneHomePluginCB(callback) == 0) {
-            counted([&] { plugin->StartPhoneHome(); });
+            Counted([&] { plugin->StartPhoneHome(); });
         }
         done = true;
     });
@@ -78,18 +66,12 @@ bool Cycle(long failAt, IPhoneHomePluginCB* callback) {
         AdvanceManualClock(300000);
         ok = WaitUntil([&] { return done || (TotalWaitReturns() > turns && LoopIsWaiting()); });
     }
-    counted([&] {
-        if (plugin != nullptr) {
-            plugin->StopPhoneHome();
-        }
-    });
-    ok = WaitUntil([&] { return done.load(); }) && ok;
-    if (!done) {
-        plugin->StopPhoneHome();  // uncounted, so that the thread can end
+    for (bool first : {true, false}) {  // a second stop, whatever the first one met
+        Counted([&] { plugin != nullptr ? (void)plugin->StopPhoneHome() : (void)0; });
+        ok = (!first || WaitUntil([&] { return done.load(); })) && ok;
     }
     service.join();
-    counted([&] { DisposePlugin(plugin); });
-    g_countdown = 0;
+    Counted([&] { DisposePlugin(plugin); });
     return ok;
 }
 
@@ -101,16 +83,17 @@ TEST_F(AgentAllocationTest, NoAllocationFailureEndsTheProcess) {
     ModuleSettingsCallback callback;
     callback.settings = {{"VpnPhoneHomeFile", module}};
     WriteProfile("<IncludeCrashReport>false</IncludeCrashReport>");
-    long failAt = 0;
-    do {
-        failAt += failAt == 0 ? 1 : kStride;
+    long failAt = 1;
+    for (;; failAt += kStride) {
         RemoveTree(OutboundDir());
         RemoveTree(HistoryPath());
         ClearCapturedLogs();
         ASSERT_TRUE(WriteFile(module, "d4:useri3ee"));
         ASSERT_TRUE(Cycle(failAt, &callback)) << "allocation " << failAt << "\n" << DumpLog();
-    } while (g_failed);
-    // The last cycle, which ran whole, collected the module's data and delivered it.
+        if (g_countdown > 0) {
+            break;  // not reached: the cycle ran whole
+        }
+    }
     EXPECT_GT(failAt, 100);
     EXPECT_FALSE(FileExists(module));
     EXPECT_TRUE(server.RequestCount() > 0 && OutboundFiles().empty()) << DumpLog();
