@@ -132,6 +132,10 @@ bool CRegularFile::Open(const std::string& path, ELinkPolicy links) {
 }
 
 bool CRegularFile::ReadAll(std::string& content) {
+    if (Size() > content.max_size()) {
+        errno = EFBIG;
+        return false;
+    }
     try {
         content.resize(Size());
     } catch (const std::bad_alloc&) {

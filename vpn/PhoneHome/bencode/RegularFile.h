@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <cstdint>
 #include <string>
 
 enum class ELinkPolicy {
@@ -79,7 +80,13 @@ public:
     ~CRegularFile();
     // false (errno set as above) when the path is not a regular file that can be opened.
     bool Open(const std::string& path, ELinkPolicy links);
-    size_t Size() const { return static_cast<size_t>(m_status.st_size); }
+    // Saturated where a size_t is narrower than the file's size (i386): a file of 4 GiB and
+    // some bytes is too large, never a few bytes long.
+    size_t Size() const {
+        return static_cast<unsigned long long>(m_status.st_size) > SIZE_MAX
+                   ? SIZE_MAX
+                   : static_cast<size_t>(m_status.st_size);
+    }
     // The whole file as measured at Open (less if it shrank since); false on a read error or
     // when memory for it is short.
     bool ReadAll(std::string& content);
