@@ -2,13 +2,16 @@
 // reader, the disable marker, initialisation failures, the sequence-number, last-post and
 // version rules, and the history file's layout.
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <string>
 
 #include "AgentTestSupport.h"
 #include "AppLog.h"
 #include "FileSystem.h"
+#include "RegularFile.h"
 
 using namespace pwtest;
 
@@ -154,6 +157,75 @@ TEST_F(AgentSettingsTest, HistoryFileLayoutAndSettingsSummary) {
                   "\nlast_sequence_number:2\nlast_post:\nlast_feedback:1400000007\n"
                   "last_crash_report:\nlast_threat_report:\n",
               ReadFileOrEmpty(HistoryPath()));
+}
+
+mode_t ModeOf(const std::string& path) {
+    struct stat status;
+    return lstat(path.c_str(), &status) == 0 ? status.st_mode : 0;
+}
+
+// History and config are read only when they are regular files of at most 1 MiB, and the
+// first report and the history are written only over regular files: anything else counts
+// as missing (logged once) or fails the write, and is left as it is; a FIFO never blocks
+// the service. Under umask 022 reports, history and the outbound directory are still the
+// owner's alone; those open to others before are tightened at start, each said once.
+TEST_F(AgentSettingsTest, FilesTheServiceKeepsAreSmallPrivateRegularFiles) {
+    const size_t kMiB = 1024 * 1024;
+    // kind: 'f' FIFO (with a reader), 'l' link to a file, 'd' dangling link, 'o' open
+    // outbound directory, 's' sparse file of `size` bytes
+    // clang-format off
+    struct Case { const char* name; char kind; size_t size; unsigned int sequence, feedback; bool saved; size_t open; } cases[] = {
+        {"history", 's', kMiB, 42, 2592000, true, 1},
+        {"history", 's', kMiB + 1, 1, 2592000, true, 1},
+        {"history", 'o', 24, 42, 2592000, true, 2},
+        {"history", 'f', 0, 1, 2592000, false, 0},
+        {"history", 'l', 0, 42, 2592000, false, 0},
+        {"config", 's', kMiB + 1, 1, 2592000, true, 0},
+        {"outbound/feedback_data1.cef", 'f', 0, 1, 2592000, true, 0},
+        {"outbound/feedback_data1.cef", 'd', 0, 1, 2592000, true, 0},
+    };
+    // clang-format on
+    const mode_t previous = umask(022);
+    WriteProfile("");
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.name) + " " + c.kind + std::to_string(c.size));
+        Fresh();
+        const std::string path = FeedbackDir() + c.name, target = FeedbackDir() + "target";
+        const std::string text = c.name == std::string("config") ? "feedback_interval:3600\n"
+                                                                 : "last_sequence_number:42\n";
+        ASSERT_TRUE(mkdir(OutboundDir().c_str(), c.kind == 'o' ? 0755 : 0700) == 0 &&
+                    WriteFile(c.kind == 'l' ? target : path, c.kind == 'f' ? "" : text));
+        ASSERT_EQ(0, c.kind == 'f'   ? unlink(path.c_str()) + mkfifo(path.c_str(), 0600)
+                     : c.kind == 'l' ? symlink(target.c_str(), path.c_str())
+                     : c.kind == 'd' ? unlink(path.c_str()) + symlink(target.c_str(), path.c_str())
+                                     : truncate(path.c_str(), static_cast<off_t>(c.size)));
+        // A reader: a write that opened the FIFO would not block but write into it.
+        CFileDescriptor reader(c.kind == 'f' ? open(path.c_str(), O_RDONLY | O_NONBLOCK) : -1);
+        const mode_t kind = ModeOf(path) & S_IFMT;
+        ClearCapturedLogs();
+        ASSERT_TRUE(PhoneHomeAgentTestAccess::Prepare(agent())) << DumpLog();
+        size_t open = 0;
+        for (const LogRecord& record : CapturedLogs()) {
+            open += record.text.find("was open to other users") != std::string::npos;
+        }
+        EXPECT_EQ(c.open, open) << DumpLog();
+        EXPECT_EQ(c.size > kMiB || (c.kind == 'f' && path != Outbound("feedback_data", 1)),
+                  HasLogText("Can't open file " + path));
+        Expire(A::kPhoneHomeTimerId);
+        EXPECT_EQ(c.feedback * 1000u, Remaining(A::kPhoneHomeTimerId));
+        EXPECT_EQ(!c.saved, HasLogText("Can't open hostory file for write"));
+        EXPECT_EQ(kind, ModeOf(path) & S_IFMT);
+        EXPECT_TRUE(c.kind == 'l' ? ReadFileOrEmpty(target) == text : !FileExists(target));
+        const std::string report = Outbound("feedback_data", c.sequence);
+        EXPECT_TRUE(report == path || ModeOf(report) == (S_IFREG | 0600)) << ModeOf(report);
+        EXPECT_EQ(report == path || !c.saved,
+                  HasLogText("Failure to create phoneHome bencode file"));
+        EXPECT_EQ(S_IFDIR | 0700u, ModeOf(OutboundDir()));
+        EXPECT_NE(S_IFREG | 0644u, ModeOf(HistoryPath()));
+        RemoveTree(path);
+        RemoveTree(target);
+    }
+    umask(previous);
 }
 
 }  // namespace

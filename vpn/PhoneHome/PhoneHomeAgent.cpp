@@ -6,11 +6,15 @@
 
 #include <climits>
 
+#include "AllocationGuard.h"
 #include "ExecutionContext.h"
 #include "FileUploader.h"
 #include "PhoneHomeConfig.h"
 #include "PhoneHomeLog.h"
 #include "PhoneHomePluginImp.h"
+
+using phonehome::RanWithMemory;
+using phonehome::UnlessOutOfMemory;
 
 namespace {
 
@@ -78,10 +82,16 @@ CPhoneHomeAgent::CPhoneHomeAgent(long& result, CPhoneHomePlugin& plugin)
         PH_LOG_RC(PH_ERROR, "CExecutionContext::CreateMultitonInstance", result);
         return;
     }
-    m_pWakeupEvent =
-        new CCEvent(result, m_pExecutionContext->GetEventList(),
-                    static_cast<CCEvent::EVENT_TYPE>(1), static_cast<IEventCB*>(this), nullptr,
-                    kWakeupEventId, 0, static_cast<CCEvent::EVENT_HANDLE_TYPE>(-1), nullptr);
+    // The context is held from here on: no exception may leave the constructor, or the
+    // destructor that releases it would never run.
+    if (!RanWithMemory([&] {
+            m_pWakeupEvent = new CCEvent(result, m_pExecutionContext->GetEventList(),
+                                         static_cast<CCEvent::EVENT_TYPE>(1),
+                                         static_cast<IEventCB*>(this), nullptr, kWakeupEventId, 0,
+                                         static_cast<CCEvent::EVENT_HANDLE_TYPE>(-1), nullptr);
+        })) {
+        result = pwresult::kOutOfResources;
+    }
     if (result != 0) {
         PH_LOG_RC(PH_ERROR, "CCEvent", result, "wakeup event handler creation failed");
         return;
@@ -92,7 +102,7 @@ CPhoneHomeAgent::CPhoneHomeAgent(long& result, CPhoneHomePlugin& plugin)
 }
 
 CPhoneHomeAgent::~CPhoneHomeAgent() {
-    SaveHistoryFile();
+    RanWithMemory([this] { SaveHistoryFile(); });
     DestroyFileUploader();
     CTimer** timers[] = {&m_pPostRetryTimer, &m_pDelayGetThreatReportDirTimer, &m_pCheckCrashTimer,
                          &m_pPhoneHomeTimer, &m_pPhoneHomeStarterTimer};
@@ -117,8 +127,11 @@ CPhoneHomeAgent::~CPhoneHomeAgent() {
 
 bool CPhoneHomeAgent::CreateTimer(CTimer*& timer, unsigned long id, const char* label,
                                   unsigned long milliseconds, bool start) {
-    long result = 0;
-    timer = new CTimer(result, m_pExecutionContext->GetTimerList(), this, nullptr, id);
+    long result = UnlessOutOfMemory(pwresult::kOutOfResources, [&] {
+        long made = 0;
+        timer = new CTimer(made, m_pExecutionContext->GetTimerList(), this, nullptr, id);
+        return made;
+    });
     if (result != 0) {
         PH_LOG_RC_AS("Start", PH_ERROR, "CTimer", result, "%s", label);
         return false;
@@ -138,7 +151,7 @@ bool CPhoneHomeAgent::Start() {
         PH_LOG(PH_WARNING, "Customer Experience Feedback module is already running");
         return false;
     }
-    if (!InitPhoneHomeAgent()) {
+    if (!UnlessOutOfMemory(false, [this] { return InitPhoneHomeAgent(); })) {
         PH_LOG(PH_WARNING, "PhoneHomeAgent initialization failed");
         return false;
     }
@@ -148,7 +161,8 @@ bool CPhoneHomeAgent::Start() {
     }
     PH_LOG(PH_INFO, "Starting Customer Experience Feedback module");
 
-    AcquiredContext context(CExecutionContext::acquireInstance(kExecutionContextId));
+    AcquiredContext context(UnlessOutOfMemory<CExecutionContext*>(
+        nullptr, [] { return CExecutionContext::acquireInstance(kExecutionContextId); }));
     if (context.get() == nullptr) {
         PH_LOG_RC(PH_ERROR, "CInstanceSmartPtr<CExecutionContext>", pwresult::kContextUnavailable);
         return false;
@@ -189,8 +203,11 @@ bool CPhoneHomeAgent::RunLoop() {
     CEventList* events = m_pExecutionContext->GetEventList();
     CTimerList* timers = m_pExecutionContext->GetTimerList();
     for (;;) {
+        // The host's calls fail like any of its calls when memory is short; the handlers
+        // they dispatch to keep their own failures.
         unsigned long waitMs = 0;
-        long rc = timers->TimeToExpired(waitMs);
+        long rc = UnlessOutOfMemory(pwresult::kOutOfResources,
+                                    [&] { return timers->TimeToExpired(waitMs); });
         if (rc != 0) {
             PH_LOG_RC_AS("Start", PH_WARNING, "CTimerList::TimeToExpired", rc,
                          "Defaulting to %d ms event wait", kDefaultEventWaitMs);
@@ -199,12 +216,14 @@ bool CPhoneHomeAgent::RunLoop() {
         if (waitMs > UINT_MAX) {
             waitMs = UINT_MAX;
         }
-        rc = events->WaitOnEvents(static_cast<unsigned int>(waitMs), true);
+        rc = UnlessOutOfMemory(pwresult::kOutOfResources, [&] {
+            return events->WaitOnEvents(static_cast<unsigned int>(waitMs), true);
+        });
         if (rc != 0 && !PwResultEquals(rc, pwresult::kWaitTimedOut)) {
             PH_LOG_RC_AS("Start", PH_ERROR, "CEventList::WaitOnEvents", rc);
             return false;
         }
-        rc = timers->CheckExpired();
+        rc = UnlessOutOfMemory(pwresult::kOutOfResources, [&] { return timers->CheckExpired(); });
         if (rc != 0) {
             PH_LOG_RC_AS("Start", PH_ERROR, "CTimerList::CheckExpired", rc);
             return false;
@@ -228,7 +247,8 @@ bool CPhoneHomeAgent::Stop() {
             m_pFileUploader->TerminateSession();
         }
     }
-    PH_LOG(PH_INFO, "Send stop event to PhoneHome agent");
+    // The wake-up must not depend on the log line having the memory it needs.
+    RanWithMemory([] { PH_LOG(PH_INFO, "Send stop event to PhoneHome agent"); });
     if (m_pWakeupEvent != nullptr && m_pWakeupEvent->SetEvent(false) == 0) {
         return true;
     }
@@ -253,7 +273,13 @@ void CPhoneHomeAgent::DestroyFileUploader() {
     SetFileUploader(nullptr);
 }
 
+// Called by the host's timer list: whatever memory the work lacks, nothing unwinds into
+// the host (the work reports its own failures; a log line without memory is dropped).
 void CPhoneHomeAgent::OnTimerExpired(void* /*context*/, unsigned long timerId) {
+    RanWithMemory([this, timerId] { DispatchTimer(timerId); });
+}
+
+void CPhoneHomeAgent::DispatchTimer(unsigned long timerId) {
     switch (timerId) {
         case kPhoneHomeStarterTimerId:
             OnPhoneHomeStarterTimer();
@@ -262,15 +288,17 @@ void CPhoneHomeAgent::OnTimerExpired(void* /*context*/, unsigned long timerId) {
             OnPhoneHomeTimer();
             return;
         case kCheckCrashTimerId: {
-            CheckCrashDumps();
-            long rc = m_pCheckCrashTimer->StartTimer(m_uiCheckCrashInterval * 1000u);
+            UnlessOutOfMemory(false, [this] { return CheckCrashDumps(); });
+            long rc = UnlessOutOfMemory(pwresult::kOutOfResources, [this] {
+                return m_pCheckCrashTimer->StartTimer(m_uiCheckCrashInterval * 1000u);
+            });
             if (rc != 0) {
                 PH_LOG_RC(PH_ERROR, "CTimer::StartTimer", rc);
             }
             return;
         }
         case kDelayGetThreatReportDirTimerId:
-            if (!CreateThreatReportDirChangeEvent()) {
+            if (!UnlessOutOfMemory(false, [this] { return CreateThreatReportDirChangeEvent(); })) {
                 PH_LOG(PH_INFO, "Failed to create threat report dir change event");
             }
             return;
@@ -288,44 +316,51 @@ void CPhoneHomeAgent::OnPhoneHomeStarterTimer() {
     IPhoneHomePluginCB* callback = m_rPhoneHomePlugin.GetPhoneHomePluginCB();
     // A host that has not registered its callback yet gets the same treatment as one whose
     // callback failed: logged, and posting goes on.
-    long rc = callback != nullptr ? callback->GetSettingsCB(settings) : pwresult::kNullCallback;
+    long rc = callback == nullptr ? pwresult::kNullCallback
+                                  : UnlessOutOfMemory(pwresult::kOutOfResources, [&] {
+                                        return callback->GetSettingsCB(settings);
+                                    });
     if (rc != 0) {
         PH_LOG_RC_AS("OnTimerExpired", PH_ERROR, "GetSettingsCB", rc,
                      "Failed to retrieve PhoneHome settings from modules");
     }
-    if (!ScanAndPostFile(0)) {
+    if (!UnlessOutOfMemory(false, [this] { return ScanAndPostFile(0); })) {
         PH_LOG_AS("OnTimerExpired", PH_ERROR, "ScanAndPostFile failed");
     }
 }
 
 void CPhoneHomeAgent::OnPhoneHomeTimer() {
-    if (m_mapPendingModules.empty()) {
-        for (const auto& module : kModuleFileKeys) {
-            m_mapPendingModules[module[0]] = module[1];
-        }
-        m_uiCollectRetryCount = kCollectRetries;
-    }
     bool retryScheduled = false;
-    if (!CollectPhoneHomeDataAndSend(retryScheduled)) {
+    if (!UnlessOutOfMemory(false, [this, &retryScheduled] {
+            if (m_mapPendingModules.empty()) {
+                for (const auto& module : kModuleFileKeys) {
+                    m_mapPendingModules[module[0]] = module[1];
+                }
+                m_uiCollectRetryCount = kCollectRetries;
+            }
+            return CollectPhoneHomeDataAndSend(retryScheduled);
+        })) {
         PH_LOG_AS("OnTimerExpired", PH_ERROR, "Failed to collect phoneHome data from modules");
     }
     if (retryScheduled) {
         return;
     }
-    long rc = m_pPhoneHomeTimer->StartTimer(m_uiFeedbackInterval * 1000u);
+    long rc = UnlessOutOfMemory(pwresult::kOutOfResources, [this] {
+        return m_pPhoneHomeTimer->StartTimer(m_uiFeedbackInterval * 1000u);
+    });
     if (rc != 0) {
         PH_LOG_RC_AS("OnTimerExpired", PH_ERROR, "CTimer::StartTimer", rc);
     }
 }
 
 void CPhoneHomeAgent::OnPostRetryTimer() {
-    bool posted;
+    unsigned int retrySeconds = 0;
     if (m_uiPostRetryCount > 0) {
         --m_uiPostRetryCount;
-        posted = ScanAndPostFile(kPostRetryDelaySeconds);
-    } else {
-        posted = ScanAndPostFile(0);
+        retrySeconds = kPostRetryDelaySeconds;
     }
+    bool posted =
+        UnlessOutOfMemory(false, [this, retrySeconds] { return ScanAndPostFile(retrySeconds); });
     if (!posted) {
         PH_LOG_AS("OnTimerExpired", PH_ERROR, "ScanAndPostFile failed");
     }
@@ -335,5 +370,5 @@ void CPhoneHomeAgent::OnEventSignaled(void* /*context*/, unsigned long eventId) 
     if (eventId == kWakeupEventId) {
         return;  // it only ends the wait
     }
-    PH_LOG(PH_ERROR, "Unexpected event");
+    RanWithMemory([] { PH_LOG(PH_ERROR, "Unexpected event"); });
 }

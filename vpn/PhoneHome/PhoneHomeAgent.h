@@ -10,6 +10,8 @@
 // its files, its posts, its timers and its log.
 #pragma once
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <map>
 #include <mutex>
@@ -69,6 +71,8 @@ private:
     void LoadSettingsFromXmlFile();
     void LoadSettingsFromConfigFile();
     static bool LoadFileToMap(const std::string& path, std::map<std::string, std::string>& map);
+    // Gives `path` exactly `mode` when others may reach it; logs when it `existed` before.
+    static void RestrictToOwnerAtStart(const std::string& path, mode_t mode, bool existed);
 
     // --- History (PhoneHomeAgentHistory.cpp) ---
     void LoadHistory();
@@ -103,6 +107,7 @@ private:
     bool GetFileCreationTime(const std::string& path, unsigned int& time);
     bool CreateThreatReportDirChangeEvent();
     static void ThreatReportDirChangeHandler(void* context, int event);
+    static void OnThreatReportDirChange(void* context, int event);
     bool SaveThreatReportToFile(const std::string& path);
 
     // --- Lifecycle (PhoneHomeAgent.cpp) ---
@@ -111,6 +116,7 @@ private:
     bool CreateTimer(CTimer*& timer, unsigned long id, const char* label,
                      unsigned long milliseconds, bool start);
     bool RunLoop();
+    void DispatchTimer(unsigned long timerId);
     void OnPhoneHomeStarterTimer();
     void OnPhoneHomeTimer();
     void OnPostRetryTimer();

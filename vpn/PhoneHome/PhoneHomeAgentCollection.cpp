@@ -114,6 +114,7 @@ bool CPhoneHomeAgent::CreateBencodeFile(const std::string& pathPrefix) {
         return false;
     }
     m_PhoneHomePayload.SetBencodeFileName(name.str());
+    m_PhoneHomePayload.GetStream()->SetOwnerOnly(true);  // reports are private to the service
     EBencodeResult written = m_PhoneHomePayload.Externalize();
 
     // What was gathered is dropped whether or not it reached the disk: the next file

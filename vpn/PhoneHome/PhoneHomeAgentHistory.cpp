@@ -2,7 +2,9 @@
 // the product version that wrote it; and the first-expiry arithmetic built on it.
 #define PH_LOG_SOURCE "vpn/PhoneHome/PhoneHomeAgent"
 
-#include <fstream>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <sstream>
 #include <string>
 
@@ -11,11 +13,13 @@
 #include "PhoneHomeConfig.h"
 #include "PhoneHomeLog.h"
 #include "PhoneHomeText.h"
+#include "RegularFile.h"
 
 namespace {
 
 const unsigned int kMinimumFirstExpirySeconds = 600;
 const unsigned int kMaxLoadedSequenceNumber = 99;
+const mode_t kHistoryMode = S_IRUSR | S_IWUSR;
 
 // An unsigned decimal read by a text stream; accepted only when the whole text was the
 // number (the stream ends exactly at end-of-file, no failure).
@@ -74,29 +78,27 @@ void CPhoneHomeAgent::LoadHistory() {
     }
 }
 
+// Rewritten in place, only when the path is a regular file (never through a link, never
+// blocked by a FIFO), and readable by its owner alone whatever the umask.
 bool CPhoneHomeAgent::SaveHistoryFile() {
-    std::ofstream out(m_tstrHistoryFile, std::ios::out | std::ios::trunc | std::ios::binary);
-    if (!out.is_open()) {
+    CFileDescriptor file(OpenRegularFileForWriting(m_tstrHistoryFile, false, kHistoryMode));
+    if (!file.Valid()) {
         PH_LOG(PH_WARNING, "Can't open hostory file for write");
         return false;
     }
     m_mapHistory["last_sequence_number"] = std::to_string(m_uiSequenceNumber);
-    out << "last_version_number:" << phonehome::kProductVersion << "\n";
+    std::string text = std::string("last_version_number:") + phonehome::kProductVersion + "\n";
     for (const char* key : {"last_sequence_number", "last_post", "last_feedback",
                             "last_crash_report", "last_threat_report"}) {
-        out << key << ":" << m_mapHistory[key] << "\n";
+        text.append(key).append(":").append(m_mapHistory[key]).append("\n");
     }
-    out.flush();
-    if (out.good()) {
-        out.close();
-        if (!out.fail()) {
-            return true;
-        }
-    } else {
-        out.close();
+    // Not fatal: a history that another user owns keeps its mode (and reveals nothing new).
+    (void)fchmod(file.Get(), kHistoryMode);
+    if (ftruncate(file.Get(), 0) != 0 || !WriteAll(file.Get(), text.data(), text.size())) {
+        PH_LOG(PH_WARNING, "Failed to update history file");
+        return false;
     }
-    PH_LOG(PH_WARNING, "Failed to update history file");
-    return false;
+    return true;
 }
 
 void CPhoneHomeAgent::UpdateTimeInHistory(char const* key) {

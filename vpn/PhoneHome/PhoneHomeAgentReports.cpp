@@ -14,12 +14,16 @@
 #include <new>
 #include <sstream>
 
+#include "AllocationGuard.h"
 #include "Base64.h"
 #include "FileSystemWatcher.h"
 #include "PhoneHomeAgent.h"
 #include "PhoneHomeLog.h"
 #include "PhoneHomeText.h"
 #include "RegularFile.h"
+
+using phonehome::RanWithMemory;
+using phonehome::UnlessOutOfMemory;
 
 namespace {
 
@@ -124,7 +128,8 @@ bool CPhoneHomeAgent::CheckCrashDumps(const std::string& directory, const std::s
             PH_LOG(PH_WARNING, "Failed to get creation time of %s", path.c_str());
             continue;
         }
-        if (lastReport < fileTime && SaveCrashReportToDataFile(path, moduleName)) {
+        if (lastReport < fileTime &&
+            UnlessOutOfMemory(false, [&] { return SaveCrashReportToDataFile(path, moduleName); })) {
             stored = true;
         }
     }
@@ -144,15 +149,18 @@ bool CPhoneHomeAgent::SaveCrashReportToDataFile(const std::string& path,
     if (file.Size() > static_cast<size_t>(kMaxCrashFileBytes)) {
         __builtin_trap();  // a crash file this large means the crash directory is not ours
     }
+    // A dump too large to hold, or to hold encoded, is a read failure like any other.
     std::string content;
-    if (!file.ReadAll(content)) {
+    std::ostringstream encoded;
+    if (!file.ReadAll(content) || !RanWithMemory([&] {
+            MemoryReader reader(content);
+            std::istream in(&reader);
+            lBase64::Encode(in, encoded,
+                            static_cast<int>(static_cast<double>(content.size()) * 1.4));
+        })) {
         PH_LOG(PH_ERROR, "Failed to get file size of threat report file %s", path.c_str());
         return false;  // nothing readable to send
     }
-    MemoryReader reader(content);
-    std::istream in(&reader);
-    std::ostringstream encoded;
-    lBase64::Encode(in, encoded, static_cast<int>(static_cast<double>(content.size()) * 1.4));
 
     CBencodeDictionary* crashReports = nullptr;
     if (m_pQualityImprovementData == nullptr ||
@@ -215,7 +223,13 @@ bool CPhoneHomeAgent::CreateThreatReportDirChangeEvent() {
     return true;
 }
 
-void CPhoneHomeAgent::ThreatReportDirChangeHandler(void* context, int /*event*/) {
+// Called by the host's directory watcher: whatever memory the pass lacks, nothing unwinds
+// into the host. A threat file whose report could not be made stays where it is.
+void CPhoneHomeAgent::ThreatReportDirChangeHandler(void* context, int event) {
+    RanWithMemory([context, event] { OnThreatReportDirChange(context, event); });
+}
+
+void CPhoneHomeAgent::OnThreatReportDirChange(void* context, int /*event*/) {
     if (context == nullptr) {
         PH_LOG(PH_WARNING, "Null PhoneHomeAgent pointer");
         return;
@@ -256,14 +270,14 @@ void CPhoneHomeAgent::ThreatReportDirChangeHandler(void* context, int /*event*/)
         if (agent.m_bStopRequested) {
             break;
         }
-        if (agent.SaveThreatReportToFile(entry.second) &&
+        if (UnlessOutOfMemory(false, [&] { return agent.SaveThreatReportToFile(entry.second); }) &&
             (!IsRegularFile(entry.second, ELinkPolicy::NoFollow) ||
              remove(entry.second.c_str()) != 0)) {
             PH_LOG(PH_WARNING, "Can't remove %s", entry.second.c_str());
         }
     }
     agent.m_uiPostRetryCount = kPostRetries;
-    agent.ScanAndPostFile(kPostRetryDelaySeconds);
+    UnlessOutOfMemory(false, [&agent] { return agent.ScanAndPostFile(kPostRetryDelaySeconds); });
 }
 
 bool CPhoneHomeAgent::SaveThreatReportToFile(const std::string& path) {

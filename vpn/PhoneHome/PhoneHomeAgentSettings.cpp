@@ -6,8 +6,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
-#include <sstream>
+#include <cstring>
 #include <memory>
 
 #include "FileSystem.h"
@@ -19,6 +20,13 @@
 #include "RegularFile.h"
 #include "XmlParser.h"
 
+namespace {
+
+// The history and the config file hold a few short lines; anything larger is not theirs.
+const size_t kMaxKeyValueFileBytes = 1024 * 1024;
+
+}  // namespace
+
 bool CPhoneHomeAgent::InitPhoneHomeAgent() {
     m_tstrFeedbackDir =
         std::string(phonehome::kInstallDir) + "/" + phonehome::kFeedbackDirName + "/";
@@ -28,12 +36,20 @@ bool CPhoneHomeAgent::InitPhoneHomeAgent() {
     m_tstrConfigFile = m_tstrFeedbackDir + "config";
     m_tstrProfileFile = m_tstrFeedbackDir + phonehome::kProfileFileName;
 
+    struct stat status;
+    const bool outboundExisted = lstat(m_tstrOutboundDir.c_str(), &status) == 0;
     for (const std::string* directory : {&moduleDataDir, &m_tstrFeedbackDir, &m_tstrOutboundDir}) {
         if (MakeSureDirectoryPathExists(directory->c_str()) == 0) {
             PH_LOG(PH_ERROR, "Failed to create %s Directory", directory->c_str());
             return false;
         }
     }
+    // Reports and the history are the service's alone, whatever the umask of the process
+    // that loads the plug-in: a new outbound directory is made private silently, one that
+    // was already open to others (and an old history) is tightened and said so.
+    std::string outbound = m_tstrOutboundDir.substr(0, m_tstrOutboundDir.size() - 1);
+    RestrictToOwnerAtStart(outbound, S_IRWXU, outboundExisted);
+    RestrictToOwnerAtStart(m_tstrHistoryFile, S_IRUSR | S_IWUSR, true);
 
     LoadSettingsFromXmlFile();
     LoadSettingsFromConfigFile();
@@ -108,28 +124,48 @@ void CPhoneHomeAgent::LoadSettingsFromConfigFile() {
     }
 }
 
+// History and config are small: a file over kMaxKeyValueFileBytes is refused like one that
+// cannot be opened. Lines are taken from the file's bytes where they lie.
 bool CPhoneHomeAgent::LoadFileToMap(const std::string& path,
                                     std::map<std::string, std::string>& map) {
     CRegularFile file;
     std::string content;
-    if (!file.Open(path, ELinkPolicy::Follow) || !file.ReadAll(content)) {
+    if (!file.Open(path, ELinkPolicy::Follow) || file.Size() > kMaxKeyValueFileBytes ||
+        !file.ReadAll(content)) {
         PH_LOG(PH_WARNING, "Can't open file %s", path.c_str());
         return false;
     }
-    std::istringstream in(content);
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.empty() || line[0] == '#') {
+    for (size_t start = 0; start < content.size();) {
+        size_t end = content.find('\n', start);
+        if (end == std::string::npos) {
+            end = content.size();
+        }
+        const size_t lineStart = start;
+        start = end + 1;
+        if (end == lineStart || content[lineStart] == '#') {
             continue;
         }
-        size_t colon = line.find(':');
-        if (colon == std::string::npos) {
+        size_t colon = content.find(':', lineStart);
+        if (colon == std::string::npos || colon >= end) {
             continue;
         }
-        std::string key = phonehome::AsciiLower(line.substr(0, colon));
-        size_t end = line.find_first_of("\r\n", colon + 1);
-        map[key] =
-            line.substr(colon + 1, end == std::string::npos ? std::string::npos : end - colon - 1);
+        size_t valueEnd = content.find('\r', colon + 1);
+        if (valueEnd == std::string::npos || valueEnd > end) {
+            valueEnd = end;
+        }
+        map[phonehome::AsciiLower(content.substr(lineStart, colon - lineStart))] =
+            content.substr(colon + 1, valueEnd - colon - 1);
     }
     return true;
+}
+
+void CPhoneHomeAgent::RestrictToOwnerAtStart(const std::string& path, mode_t mode, bool existed) {
+    mode_t previous = 0;
+    int changed = RestrictToOwner(path, mode, previous);
+    if (changed < 0) {
+        PH_LOG(PH_WARNING, "Can't restrict %s to its owner: %s", path.c_str(), strerror(errno));
+    } else if (changed > 0 && existed) {
+        PH_LOG(PH_WARNING, "%s was open to other users (mode %03o), restricted to its owner",
+               path.c_str(), static_cast<unsigned int>(previous & 0777));
+    }
 }

@@ -5,8 +5,12 @@
 
 #include <cstring>
 
+#include "AllocationGuard.h"
 #include "PhoneHomeAgent.h"
 #include "PhoneHomeLog.h"
+
+using phonehome::RanWithMemory;
+using phonehome::UnlessOutOfMemory;
 
 extern "C" {
 
@@ -21,16 +25,20 @@ Plugin* CreatePlugin(const char* interfaceName) {
     }
     if (strcmp(interfaceName, PHONEHOME_PLUGIN_INTERFACE_NAME) == 0) {
         long result = 0;
-        CPhoneHomePlugin* plugin = new CPhoneHomePlugin(result);
-        if (result != 0) {
-            PH_LOG_RC(PH_WARNING, "CreatePlugin", result);
+        CPhoneHomePlugin* plugin = UnlessOutOfMemory<CPhoneHomePlugin*>(
+            nullptr, [&result] { return new CPhoneHomePlugin(result); });
+        if (plugin == nullptr || result != 0) {
+            RanWithMemory([&] {
+                PH_LOG_RC(PH_WARNING, "CreatePlugin",
+                          plugin == nullptr ? pwresult::kOutOfResources : result);
+            });
             delete static_cast<Plugin*>(plugin);
             return nullptr;
         }
         return plugin;
     }
     if (strcmp(interfaceName, COMPONENT_STATUS_INTERFACE_NAME) == 0) {
-        return new CPhoneHomeStatus();
+        return UnlessOutOfMemory<Plugin*>(nullptr, [] { return new CPhoneHomeStatus(); });
     }
     return nullptr;
 }
@@ -56,7 +64,7 @@ CPhoneHomePlugin::CPhoneHomePlugin(long& result)
 
 CPhoneHomePlugin::~CPhoneHomePlugin() {
     if (m_pPhoneHomeAgent != nullptr) {
-        m_pPhoneHomeAgent->Stop();
+        RanWithMemory([this] { m_pPhoneHomeAgent->Stop(); });
         delete m_pPhoneHomeAgent;
         m_pPhoneHomeAgent = nullptr;
     }
@@ -71,14 +79,14 @@ long CPhoneHomePlugin::StartPhoneHome() {
         return 0;
     }
     m_bRunning = true;
-    m_pPhoneHomeAgent->Start();
+    RanWithMemory([this] { m_pPhoneHomeAgent->Start(); });
     m_bRunning = false;
     return 0;
 }
 
 long CPhoneHomePlugin::StopPhoneHome() {
     m_bRunning = false;
-    m_pPhoneHomeAgent->Stop();
+    RanWithMemory([this] { m_pPhoneHomeAgent->Stop(); });
     return 0;
 }
 
@@ -90,7 +98,7 @@ long CPhoneHomePlugin::PluginDirChanged() {
     if (!m_bRunning) {
         return pwresult::kFailure;
     }
-    m_pPhoneHomeAgent->FireDelayGetThreatReportDirTimer();
+    RanWithMemory([this] { m_pPhoneHomeAgent->FireDelayGetThreatReportDirTimer(); });
     return 0;
 }
 

@@ -61,6 +61,8 @@ public:
     const std::string& GetConfigFilePath() const { return m_tstrConfigFilePath; }
 
 private:
+    long DisplayName(char* buffer, unsigned int& size);
+
     std::string m_tstrConfigFilePath;
 };
 

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <memory>
 
+#include "AllocationGuard.h"
 #include "PhoneHomeConfig.h"
 #include "PhoneHomeLog.h"
 #include "PhoneHomePluginImp.h"
@@ -24,17 +25,28 @@ bool CPhoneHomeStatus::SupportsInterface(const char* name, unsigned int version)
     return name != nullptr && strcmp(name, COMPONENT_STATUS_INTERFACE_NAME) == 0 && version == 1;
 }
 
+// A profile that cannot be read, for want of memory too, leaves the values as they are.
 void CPhoneHomeStatus::LoadStatusFromConfigFile(bool& enabled, bool& includeCrashReport) {
-    std::unique_ptr<PhoneHomeXmlMgr> handler(new PhoneHomeXmlMgr());
-    std::unique_ptr<XmlParser> parser(new XmlParser(handler.get()));
-    long result = parser->parseFile(m_tstrConfigFilePath, false);
+    long result = pwresult::kOutOfResources;
+    bool disabled = false;
+    bool withCrashReports = false;
+    std::string error;
+    phonehome::RanWithMemory([&] {
+        std::unique_ptr<PhoneHomeXmlMgr> handler(new PhoneHomeXmlMgr());
+        std::unique_ptr<XmlParser> parser(new XmlParser(handler.get()));
+        result = parser->parseFile(m_tstrConfigFilePath, false);
+        error = parser->lastError();
+        disabled = handler->GetServiceDisable();
+        withCrashReports = handler->GetIncludeCrashReport();
+    });
     if (result != 0) {
-        PH_LOG_RC(PH_ERROR, "XmlParser::parseFile", result, "%s", parser->lastError().c_str());
+        phonehome::RanWithMemory(
+            [&] { PH_LOG_RC(PH_ERROR, "XmlParser::parseFile", result, "%s", error.c_str()); });
         return;
     }
-    enabled = !handler->GetServiceDisable();
+    enabled = !disabled;
     if (enabled) {
-        includeCrashReport = handler->GetIncludeCrashReport();
+        includeCrashReport = withCrashReports;
     }
 }
 
@@ -46,6 +58,11 @@ long CPhoneHomeStatus::IsEnabled(bool& enabled) {
 }
 
 long CPhoneHomeStatus::GetDisplayName(char* buffer, unsigned int& size) {
+    return phonehome::UnlessOutOfMemory(pwresult::kFailure,
+                                        [&] { return DisplayName(buffer, size); });
+}
+
+long CPhoneHomeStatus::DisplayName(char* buffer, unsigned int& size) {
     bool enabled = true;
     bool includeCrashReport = false;
     LoadStatusFromConfigFile(enabled, includeCrashReport);

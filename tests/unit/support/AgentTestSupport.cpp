@@ -21,6 +21,8 @@ void RefuseOutboundConnections() {
     pwhost::ApplyHostSettings(settings);
 }
 
+}  // namespace
+
 bool LoopIsWaiting() {
     CExecutionContext* context =
         CExecutionContext::acquireInstance(CPhoneHomeAgent::kExecutionContextId);
@@ -31,8 +33,6 @@ bool LoopIsWaiting() {
     context->releaseInstance();
     return waiting;
 }
-
-}  // namespace
 
 long ModuleSettingsCallback::GetSettingsCB(IBencodeSettings& target) {
     for (const Setting& s : settings) {

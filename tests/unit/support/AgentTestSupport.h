@@ -24,6 +24,9 @@ struct Setting {
     char kind = 's';  // 's', 'l' (list item) or 'i'
 };
 
+// Whether the agent's loop waits on its event list now.
+bool LoopIsWaiting();
+
 // The host's settings callback: inserts `settings`.
 struct ModuleSettingsCallback : IPhoneHomePluginCB {
     long GetSettingsCB(IBencodeSettings& settings) override;

@@ -222,6 +222,10 @@ public:
 
     std::string const& GetFileName() const { return m_fileName; }
     void SetFileName(std::string const& fileName) { m_fileName = fileName; }
+    // Files that only their owner may read (reports and their staging files): FlushStream
+    // gives them mode 0600 whatever the umask, when it creates them and when it rewrites
+    // them. Other files are created with sm_fileCreationMode and keep what they have.
+    void SetOwnerOnly(bool ownerOnly) { m_ownerOnly = ownerOnly; }
     // Bytes of content (the furthest point loaded or written).
     size_t Size() const { return m_buffer.Size(); }
     char const* Data() const { return m_buffer.Data(); }
@@ -232,6 +236,7 @@ private:
     CBencodeBuffer m_buffer;
     std::string m_fileName;
     bool m_useTempFile;
+    bool m_ownerOnly = false;
 };
 
 // The narrow settings interface over a dictionary that the agent owns, handed to other
@@ -248,5 +253,8 @@ public:
     virtual ~CBencodeSettings();
 
 private:
+    bool InsertString(char const* key, char const* value, bool appendToList);
+    bool InsertInteger(char const* key, long long value);
+
     CBencodeDictionary& m_dictionary;
 };

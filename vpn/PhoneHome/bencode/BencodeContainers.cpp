@@ -1,5 +1,8 @@
 // CBencodeList and CBencodeDictionary: in-memory behaviour (ownership, access, equality).
 // Their byte format lives in BencodeWire.cpp, their file binding in BencodeStream.cpp.
+#include <iterator>
+#include <memory>
+#include <new>
 #include <typeinfo>
 
 #include "Bencode.h"
@@ -38,13 +41,23 @@ CBencode* ValueOf(EntryMap::value_type const& entry) {
 
 // The values are taken from the back; a container's children are detached and put on the
 // vector in reverse, so that the tree is freed in the order in which it lies in memory and
-// no destructor has children left to free.
-void CBencodeTree::Destroy(std::vector<CBencode*>& values) {
+// no destructor has children left to free. Room for the children is made before any is
+// moved, so a container is either handed over whole or emptied in place.
+void CBencodeTree::Destroy(std::vector<CBencode*>& values) noexcept {
     while (!values.empty()) {
         CBencode* value = values.back();
         values.pop_back();
         if (value != nullptr && value->m_type >= CBencode::eBencodeList &&
             IsPlainContainer(*value)) {
+            const bool list = value->m_type == CBencode::eBencodeList;
+            const size_t children = list
+                                        ? static_cast<CBencodeList*>(value)->m_items.size()
+                                        : static_cast<CBencodeDictionary*>(value)->m_entries.size();
+            try {
+                values.reserve(values.size() + children);
+            } catch (const std::bad_alloc&) {
+                Empty(*value);
+            }
             if (value->m_type == CBencode::eBencodeList) {
                 std::vector<CBencode*>& items = static_cast<CBencodeList*>(value)->m_items;
                 values.insert(values.end(), items.rbegin(), items.rend());
@@ -59,6 +72,49 @@ void CBencodeTree::Destroy(std::vector<CBencode*>& values) {
             }
         }
         delete value;
+    }
+}
+
+namespace {
+
+// Whether `value` is a plain container that still owns something.
+bool OwnsChildren(CBencode const* value) {
+    if (value == nullptr || value->GetType() < CBencode::eBencodeList ||
+        !CBencodeTree::IsPlainContainer(*value)) {
+        return false;
+    }
+    return value->GetType() == CBencode::eBencodeList
+               ? static_cast<CBencodeList const*>(value)->Size() != 0
+               : static_cast<CBencodeDictionary const*>(value)->Size() != 0;
+}
+
+}  // namespace
+
+// Walks down the last children to a value that owns nothing, detaches it from its parent
+// (which frees no memory and needs none) and deletes it; until the container is empty.
+void CBencodeTree::Empty(CBencode& container) noexcept {
+    while (OwnsChildren(&container)) {
+        CBencode* parent = &container;
+        for (;;) {
+            CBencode* last = nullptr;
+            if (parent->m_type == CBencode::eBencodeList) {
+                last = static_cast<CBencodeList*>(parent)->m_items.back();
+            } else {
+                last = std::prev(static_cast<CBencodeDictionary*>(parent)->m_entries.end())->second;
+            }
+            if (OwnsChildren(last)) {
+                parent = last;
+                continue;
+            }
+            if (parent->m_type == CBencode::eBencodeList) {
+                static_cast<CBencodeList*>(parent)->m_items.pop_back();
+            } else {
+                EntryMap& entries = static_cast<CBencodeDictionary*>(parent)->m_entries;
+                entries.erase(std::prev(entries.end()));
+            }
+            delete last;
+            break;
+        }
     }
 }
 
@@ -164,18 +220,38 @@ void CBencodeList::Reset() {
         m_items.clear();
         return;
     }
-    std::vector<CBencode*> values(m_items.rbegin(), m_items.rend());
-    m_items.clear();
-    CBencodeTree::Destroy(values);
+    try {
+        std::vector<CBencode*> values(m_items.rbegin(), m_items.rend());
+        m_items.clear();
+        CBencodeTree::Destroy(values);
+    } catch (const std::bad_alloc&) {
+        CBencodeTree::Empty(*this);  // a destructor may not throw: freed without memory
+    }
 }
 
+// A container owns what is given to it from the call on: if there is no memory to keep a
+// value, the value is deleted before the failure goes on to the caller.
+namespace {
+
+template <typename Value>
+void AppendOwned(std::vector<CBencode*>& items, Value*& value) {
+    std::unique_ptr<Value> owned(value);
+    value = nullptr;
+    items.push_back(owned.get());
+    value = owned.release();
+}
+
+}  // namespace
+
 bool CBencodeList::Append(std::string const& value) {
-    m_items.push_back(new CBencode(value));
+    CBencode* item = new CBencode(value);
+    AppendOwned(m_items, item);
     return true;
 }
 
 bool CBencodeList::Append(long long value) {
-    m_items.push_back(new CBencode(value));
+    CBencode* item = new CBencode(value);
+    AppendOwned(m_items, item);
     return true;
 }
 
@@ -183,7 +259,7 @@ bool CBencodeList::Append(CBencodeList*& child) {
     if (child == nullptr) {
         child = new CBencodeList(true);
     }
-    m_items.push_back(child);
+    AppendOwned(m_items, child);
     return true;
 }
 
@@ -191,7 +267,7 @@ bool CBencodeList::Append(CBencodeDictionary*& child) {
     if (child == nullptr) {
         child = new CBencodeDictionary(true);
     }
-    m_items.push_back(child);
+    AppendOwned(m_items, child);
     return true;
 }
 
@@ -238,7 +314,12 @@ void CBencodeDictionary::Reset() {
         return;
     }
     std::vector<CBencode*> values;
-    values.reserve(m_entries.size());
+    try {
+        values.reserve(m_entries.size());
+    } catch (const std::bad_alloc&) {
+        CBencodeTree::Empty(*this);  // a destructor may not throw: freed without memory
+        return;
+    }
     for (EntryMap::reverse_iterator entry = m_entries.rbegin(); entry != m_entries.rend();
          ++entry) {
         values.push_back(entry->second);
@@ -262,7 +343,9 @@ bool CBencodeDictionary::Insert(std::string const& key, CBencode* value) {
         delete found->second;
         found->second = value;
     } else {
+        std::unique_ptr<CBencode> owned(value);
         m_entries.emplace_hint(found, key, value);
+        owned.release();
     }
     return true;
 }
@@ -270,7 +353,9 @@ bool CBencodeDictionary::Insert(std::string const& key, CBencode* value) {
 bool CBencodeDictionary::Add(std::string const& key, long long delta) {
     EntryMap::iterator found = m_entries.find(key);
     if (found == m_entries.end()) {
-        m_entries.emplace(key, new CBencode(delta));
+        std::unique_ptr<CBencode> value(new CBencode(delta));
+        m_entries.emplace(key, value.get());
+        value.release();
         return true;
     }
     if (found->second == nullptr) {
@@ -310,9 +395,9 @@ bool CBencodeDictionary::Get(std::string const& key, CBencodeList*& out, bool cr
     if (!create) {
         return false;
     }
-    CBencodeList* list = new CBencodeList(true);
-    m_entries.emplace_hint(found, key, list);
-    out = list;
+    std::unique_ptr<CBencodeList> list(new CBencodeList(true));
+    m_entries.emplace_hint(found, key, list.get());
+    out = list.release();
     return true;
 }
 
@@ -331,9 +416,9 @@ bool CBencodeDictionary::Get(std::string const& key, CBencodeDictionary*& out, b
     if (!create) {
         return false;
     }
-    CBencodeDictionary* dictionary = new CBencodeDictionary(true);
-    m_entries.emplace_hint(found, key, dictionary);
-    out = dictionary;
+    std::unique_ptr<CBencodeDictionary> dictionary(new CBencodeDictionary(true));
+    m_entries.emplace_hint(found, key, dictionary.get());
+    out = dictionary.release();
     return true;
 }
 

@@ -4,6 +4,7 @@
 #include "Bencode.h"
 
 #include <cstring>
+#include <new>
 
 #include "AppLog.h"
 
@@ -11,11 +12,43 @@
     CAppLog::LogDebugMessage(__func__, "vpn/PhoneHome/PhoneHomeAgent", __LINE__, CAppLog::Error, \
                              __VA_ARGS__)
 
+namespace {
+
+void LogWithoutThrowing(char const* text) {
+    try {
+        CAppLog::LogDebugMessage("Insert", "vpn/PhoneHome/PhoneHomeAgent", __LINE__, CAppLog::Error,
+                                 "%s", text);
+    } catch (const std::bad_alloc&) {
+    }
+}
+
+}  // namespace
+
 CBencodeSettings::CBencodeSettings(CBencodeDictionary& dictionary) : m_dictionary(dictionary) {}
 
 CBencodeSettings::~CBencodeSettings() {}
 
+// Modules call these through the host: memory that runs short fails the insertion (as a
+// refused one), and nothing unwinds through the caller.
 bool CBencodeSettings::Insert(char const* key, char const* value, bool appendToList) {
+    try {
+        return InsertString(key, value, appendToList);
+    } catch (const std::bad_alloc&) {
+        LogWithoutThrowing("Failed to insert string into dictionary");
+        return false;
+    }
+}
+
+bool CBencodeSettings::Insert(char const* key, long long value) {
+    try {
+        return InsertInteger(key, value);
+    } catch (const std::bad_alloc&) {
+        LogWithoutThrowing("Failed to insert integer into dictionary");
+        return false;
+    }
+}
+
+bool CBencodeSettings::InsertString(char const* key, char const* value, bool appendToList) {
     if (key == nullptr || value == nullptr) {
         SETTINGS_LOG_ERROR("NULL parameter passed");
         return false;
@@ -51,7 +84,7 @@ bool CBencodeSettings::Insert(char const* key, char const* value, bool appendToL
     return true;
 }
 
-bool CBencodeSettings::Insert(char const* key, long long value) {
+bool CBencodeSettings::InsertInteger(char const* key, long long value) {
     if (key == nullptr) {
         SETTINGS_LOG_ERROR("NULL parameter passed");
         return false;

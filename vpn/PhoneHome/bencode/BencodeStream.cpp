@@ -24,31 +24,6 @@ namespace {
 
 const char kTempSuffix[] = ".temp";
 
-// Owns one descriptor.
-class CFileDescriptor {
-public:
-    explicit CFileDescriptor(int fd) : m_fd(fd) {}
-    ~CFileDescriptor() { Close(); }
-    CFileDescriptor(CFileDescriptor const&) = delete;
-    CFileDescriptor& operator=(CFileDescriptor const&) = delete;
-
-    int Get() const { return m_fd; }
-    bool Valid() const { return m_fd >= 0; }
-    void Reset(int fd) {
-        Close();
-        m_fd = fd;
-    }
-    void Close() {
-        if (m_fd >= 0) {
-            close(m_fd);
-            m_fd = -1;
-        }
-    }
-
-private:
-    int m_fd;
-};
-
 struct FreeMemory {
     void operator()(char* data) const { free(data); }
 };
@@ -137,24 +112,30 @@ int CBencodeStream::LoadStream() {
 
 // Writes the whole content (up to the furthest byte loaded or written). In staging mode
 // the main file is created exclusively; if it already exists (judged by errno alone, not
-// cleared beforehand) the data goes to the ".temp" file instead. The open truncates before
-// the lock is taken.
+// cleared beforehand) the data goes to the ".temp" file instead. Only a regular file is
+// written: a FIFO, a device or a symbolic link at the path is refused (-1) without blocking
+// and left as it is. The file is truncated before the lock is taken.
 int CBencodeStream::FlushStream(bool& stagedInTempFile) {
     stagedInTempFile = false;
-    const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
+    const mode_t mode = m_ownerOnly ? S_IRUSR | S_IWUSR : sm_fileCreationMode;
 
     CFileDescriptor file(-1);
     bool toTempFile = false;
     if (!m_useTempFile) {
-        file.Reset(open(m_fileName.c_str(), flags, sm_fileCreationMode));
+        file.Reset(OpenRegularFileForWriting(m_fileName, false, mode));
     } else {
-        file.Reset(open(m_fileName.c_str(), flags | O_EXCL, sm_fileCreationMode));
+        file.Reset(OpenRegularFileForWriting(m_fileName, true, mode));
         if (errno == EEXIST) {
             toTempFile = true;
-            file.Reset(open((m_fileName + kTempSuffix).c_str(), flags, sm_fileCreationMode));
+            file.Reset(OpenRegularFileForWriting(m_fileName + kTempSuffix, false, mode));
         }
     }
     if (!file.Valid()) {
+        BENCODE_LOG_CODE("open", errno, "File open failed");
+        return eBencodeFileError;
+    }
+    // The umask may have taken bits off a new file, and an old one may be open to others.
+    if (ftruncate(file.Get(), 0) != 0 || (m_ownerOnly && fchmod(file.Get(), mode) != 0)) {
         BENCODE_LOG_CODE("open", errno, "File open failed");
         return eBencodeFileError;
     }
@@ -195,6 +176,8 @@ bool SerialiseIntoStream(Container& container, CBencodeStream& stream) {
 }
 
 // The file members that lists and dictionaries share.
+// A tree too large to build in memory is a failed read (-1); what was built of it stays in
+// the container until its owner resets it.
 template <typename Container>
 EBencodeResult LoadBound(Container& container, CBencodeStream* stream) {
     if (stream == nullptr) {
@@ -204,7 +187,12 @@ EBencodeResult LoadBound(Container& container, CBencodeStream* stream) {
     if (loaded != eBencodeSuccess) {
         return static_cast<EBencodeResult>(loaded);
     }
-    return container.Internalize(*stream) ? eBencodeSuccess : eBencodeInvalidData;
+    try {
+        return container.Internalize(*stream) ? eBencodeSuccess : eBencodeInvalidData;
+    } catch (const std::bad_alloc&) {
+        stream->ResetStream();
+        return eBencodeFileError;
+    }
 }
 
 // After a write into the main file in staging mode the container is emptied: what was
@@ -212,7 +200,13 @@ EBencodeResult LoadBound(Container& container, CBencodeStream* stream) {
 template <typename Container>
 EBencodeResult SaveBound(Container& container, CBencodeStream& stream, bool useTempFile) {
     EBencodeResult result = eBencodeFileError;
-    if (SerialiseIntoStream(container, stream)) {
+    bool serialised = false;
+    try {
+        serialised = SerialiseIntoStream(container, stream);
+    } catch (const std::bad_alloc&) {
+        serialised = false;  // as a value that cannot be written: nothing reaches the disk
+    }
+    if (serialised) {
         bool staged = false;
         result = static_cast<EBencodeResult>(stream.FlushStream(staged));
         if (result != eBencodeSuccess) {
@@ -239,10 +233,18 @@ void BindStream(CBencodeStream*& stream, std::string const& fileName, bool useTe
 
 CBencodeList::CBencodeList(std::string const& fileName, EBencodeResult& result, bool useTempFile)
     : CBencode(eBencodeList), m_stream(nullptr), m_useTempFile(useTempFile) {
-    m_stream = new CBencodeStream(fileName, useTempFile);
-    result = Internalize();
+    // Nothing may leave a constructor that has made its stream: it would never be freed.
+    try {
+        m_stream = new CBencodeStream(fileName, useTempFile);
+        result = Internalize();
+    } catch (const std::bad_alloc&) {
+        result = eBencodeFileError;
+    }
     if (result != eBencodeSuccess) {
-        BENCODE_LOG_CODE("Internalize", result, "CBencodeList Internalize failed");
+        try {
+            BENCODE_LOG_CODE("Internalize", result, "CBencodeList Internalize failed");
+        } catch (const std::bad_alloc&) {
+        }
         Reset();
     }
 }
@@ -266,10 +268,18 @@ void CBencodeList::SetBencodeFileName(std::string const& fileName) {
 CBencodeDictionary::CBencodeDictionary(std::string const& fileName, EBencodeResult& result,
                                        bool useTempFile)
     : CBencode(eBencodeDictionary), m_stream(nullptr), m_useTempFile(useTempFile) {
-    m_stream = new CBencodeStream(fileName, useTempFile);
-    result = Internalize();
+    // Nothing may leave a constructor that has made its stream: it would never be freed.
+    try {
+        m_stream = new CBencodeStream(fileName, useTempFile);
+        result = Internalize();
+    } catch (const std::bad_alloc&) {
+        result = eBencodeFileError;
+    }
     if (result != eBencodeSuccess) {
-        BENCODE_LOG_CODE("Internalize", result, "Bencode dictionary internalize failed");
+        try {
+            BENCODE_LOG_CODE("Internalize", result, "Bencode dictionary internalize failed");
+        } catch (const std::bad_alloc&) {
+        }
         Reset();
     }
 }

@@ -19,8 +19,12 @@ public:
     static bool Write(CBencodeStream& stream, CBencode& root);
     // Deep equality of `mine` (a CBencodeList or CBencodeDictionary) with `other`.
     static bool Equal(CBencode const& mine, CBencode const& other);
-    // Deletes every value in `values`, and what they own, emptying the vector.
-    static void Destroy(std::vector<CBencode*>& values);
+    // Deletes every value in `values`, and what they own, emptying the vector. Never
+    // throws: when memory for its own stack is short, it frees what is left with Empty.
+    static void Destroy(std::vector<CBencode*>& values) noexcept;
+    // Deletes everything `container` (a plain list or dictionary) owns without allocating:
+    // slower (each value is reached from the top again), for when memory is short.
+    static void Empty(CBencode& container) noexcept;
 
     // Whether `value` is a library list or dictionary (not a subclass with operations of
     // its own), whose walk the functions above do themselves instead of calling its virtual

@@ -29,6 +29,64 @@ int OpenRegularFileForReading(const std::string& path, ELinkPolicy links, struct
     return fd;
 }
 
+int OpenRegularFileForWriting(const std::string& path, bool createNew, mode_t mode) {
+    int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
+    if (createNew) {
+        flags |= O_EXCL;
+    }
+    int fd = open(path.c_str(), flags, mode);
+    if (fd < 0) {
+        return -1;
+    }
+    struct stat status;
+    int error = 0;
+    if (fstat(fd, &status) != 0) {
+        error = errno;
+    } else if (!S_ISREG(status.st_mode)) {
+        error = EINVAL;
+    }
+    if (error != 0) {
+        close(fd);
+        errno = error;
+        return -1;
+    }
+    return fd;
+}
+
+int RestrictToOwner(const std::string& path, mode_t mode, mode_t& previous) {
+    CFileDescriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
+    struct stat status;
+    if (!file.Valid() || fstat(file.Get(), &status) != 0 ||
+        !(S_ISREG(status.st_mode) || S_ISDIR(status.st_mode)) ||
+        (status.st_mode & (S_IRWXG | S_IRWXO)) == 0) {
+        return 0;
+    }
+    previous = status.st_mode & 07777;
+    return fchmod(file.Get(), mode) == 0 ? 1 : -1;
+}
+
+bool WriteAll(int fd, const char* data, size_t size) {
+    size_t done = 0;
+    while (done < size) {
+        ssize_t count = write(fd, data + done, size - done);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0) {
+            return false;
+        }
+        done += static_cast<size_t>(count);
+    }
+    return true;
+}
+
+void CFileDescriptor::Close() {
+    if (m_fd >= 0) {
+        close(m_fd);
+        m_fd = -1;
+    }
+}
+
 int CreateRegularFileExclusively(const std::string& path, mode_t mode) {
     return open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK,
                 mode);
@@ -74,6 +132,10 @@ bool CRegularFile::Open(const std::string& path, ELinkPolicy links) {
 }
 
 bool CRegularFile::ReadAll(std::string& content) {
+    if (Size() > content.max_size()) {
+        errno = EFBIG;
+        return false;
+    }
     try {
         content.resize(Size());
     } catch (const std::bad_alloc&) {
