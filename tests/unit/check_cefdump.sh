@@ -41,6 +41,8 @@ stdin|d1:ai1ee||{"a":1}|
 wire body|data=li2ee|--wire|[2]|
 not a body|li2ee|--wire||does not start with "data="
 invalid byte|li1exee|||the first invalid byte is at offset 4
+invalid value|d1:aX1:be|||the first invalid byte is at offset 4
+invalid item|li1ei2eZi3ee|||the first invalid byte is at offset 7
 trailing bytes|li1eei2e||[1]|warning: 3 bytes after the top-level value (from offset 5)
 ROWS
 "$@" "$tool" --version | grep -q '^cefdump [0-9]' || fail "no version"
