@@ -165,8 +165,10 @@ int main(int argc, char** argv) {
     CBencodeStream stream("", false);
     stream.Write(bytes.data() + offset, static_cast<unsigned int>(end - offset));
     stream.Seekg(0, std::ios_base::beg);
+    const bool dictionary = end > offset && bytes[offset] == 'd';
+    std::string().swap(bytes);  // the stream holds the input now: one copy is enough
     std::unique_ptr<CBencode> root;
-    if (end > offset && bytes[offset] == 'd') {
+    if (dictionary) {
         root.reset(new CBencodeDictionary(false));
     } else {
         root.reset(new CBencodeList(false));
