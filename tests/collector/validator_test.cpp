@@ -7,6 +7,12 @@
 #include <string>
 #include <vector>
 
+#include <dirent.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "ReportInvariants.h"
 #include "report/ReportReader.h"
 #include "report/ReportValidator.h"
 
@@ -209,6 +215,31 @@ TEST(ReportValidator, HashesTheKeptBytes) {
         EXPECT_EQ(report.sha256,
                   "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
     }
+}
+
+// Every input the report fuzz target keeps (its seeds, and each that once broke it).
+TEST(ReportValidator, KeptFuzzInputsKeepTheInvariants) {
+    const std::string dir = PW_REPORT_FUZZ_REGRESSIONS;
+    DIR* listing = opendir(dir.c_str());
+    ASSERT_NE(listing, nullptr) << dir;
+    size_t inputs = 0;
+    while (const dirent* entry = readdir(listing)) {
+        if (entry->d_name[0] == '.') {
+            continue;
+        }
+        std::ifstream file(dir + "/" + entry->d_name, std::ios::binary);
+        std::stringstream bytes;
+        bytes << file.rdbuf();
+        EXPECT_EQ(reportfuzz::CheckReport(bytes.str()), "") << entry->d_name;
+        // The seeds are reports a client writes: they reach the checks of valid reports.
+        if (std::string(entry->d_name).compare(0, 5, "seed-") == 0) {
+            EXPECT_EQ(ValidateBody("data=" + bytes.str(), false).damagedReason, "")
+                << entry->d_name;
+        }
+        ++inputs;
+    }
+    closedir(listing);
+    EXPECT_GE(inputs, 2u);
 }
 
 }  // namespace
