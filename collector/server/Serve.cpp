@@ -252,9 +252,6 @@ int Service::Run() {
 }  // namespace
 
 int RunServe(const CollectorSettings& settings) {
-    if (settings.timeScale != 1.0 || settings.clockStart >= 0) {
-        pwhost::UseScaledClock(settings.timeScale, settings.clockStart);
-    }
     Service service(settings);
     return service.Run();
 }
