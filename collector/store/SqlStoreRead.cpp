@@ -244,10 +244,12 @@ StoreResult SqlStore::GetDump(int64_t id, const std::string& module, std::string
 StoreResult SqlStore::MachineReports(const std::string& machineId,
                                      std::vector<ReportSummary>& reports) {
     reports.clear();
+    // The newest kMachineReports, oldest first: the unknown machine has many.
     StoreResult result = Summaries(std::string("SELECT ") + kSummaryColumns +
                                        " FROM reports r WHERE r.machine_id = $1 "
-                                       "ORDER BY r.received, r.id",
-                                   {machineId}, reports);
+                                       "ORDER BY r.received DESC, r.id DESC LIMIT $2",
+                                   {machineId, static_cast<int64_t>(kMachineReports)}, reports);
+    std::reverse(reports.begin(), reports.end());
     if (result == StoreResult::Ok && reports.empty()) {
         return StoreResult::NotFound;
     }
@@ -400,7 +402,7 @@ StoreResult SqlStore::Totals(StoreTotals& totals) {
     std::vector<SqlRow> rows;
     StoreResult result = m_db->Exec(
         "SELECT sum(feedback), sum(crash), sum(threat), sum(damaged), sum(duplicates), "
-        "sum(bytes) FROM daily",
+        "sum(bytes), min(day), max(day) FROM daily",
         {}, &rows);
     if (result != StoreResult::Ok || rows.empty()) {
         return result;
@@ -412,6 +414,10 @@ StoreResult SqlStore::Totals(StoreTotals& totals) {
     totals.damaged = totals.perKind[static_cast<int>(ReportKind::Damaged)];
     totals.duplicates = rows[0][4].Int();
     totals.bytes = rows[0][5].Int();
+    if (!rows[0][6].null) {
+        totals.firstDay = rows[0][6].Int();
+        totals.lastDay = rows[0][7].Int();
+    }
     rows.clear();
     result = m_db->Exec("SELECT count(DISTINCT machine_id) FROM machine_days", {}, &rows);
     totals.machines = rows.empty() ? 0 : rows[0][0].Int();

@@ -134,9 +134,12 @@ constexpr int kMaxValuesPerField = 100;
 constexpr int kMaxValueLength = 200;
 constexpr const char kOtherValue[] = "(other)";
 
+constexpr int kMachineReports = 5000;
+
 struct StoreTotals {
     int64_t reports = 0, duplicates = 0, damaged = 0, machines = 0, bytes = 0;
     int64_t perKind[4] = {0, 0, 0, 0};
+    int64_t firstDay = 0, lastDay = -1;  // the days that have figures
 };
 
 class Store {
@@ -171,7 +174,7 @@ public:
     virtual StoreResult GetReport(int64_t id, StoredReport& report) = 0;
     // The decoded dump of `module` in report `id`.
     virtual StoreResult GetDump(int64_t id, const std::string& module, std::string& bytes) = 0;
-    // One machine's reports, oldest first.
+    // One machine's reports, oldest first: its newest kMachineReports.
     virtual StoreResult MachineReports(const std::string& machineId,
                                        std::vector<ReportSummary>& reports) = 0;
 

@@ -101,4 +101,40 @@ void AddDump(collector::ValidatedReport& report, const std::string& module,
     std::sort(report.modules.begin(), report.modules.end());
 }
 
+using namespace collector;
+
+std::string Figures(collector::Store& store, int64_t first, int64_t last) {
+    std::string text;
+    std::vector<DailyFigures> days;
+    EXPECT_EQ(StoreResult::Ok, store.Daily(first, last, days));
+    for (const DailyFigures& d : days) {
+        text += std::to_string(d.day) + ":" + std::to_string(d.perKind[0]) + "," +
+                std::to_string(d.perKind[1]) + "," + std::to_string(d.perKind[3]) + "," +
+                std::to_string(d.duplicates) + "," + std::to_string(d.machines) + "," +
+                std::to_string(d.bytes) + " ";
+    }
+    for (int by = 0; by < 5; ++by) {
+        std::vector<BreakdownRow> rows;
+        EXPECT_EQ(StoreResult::Ok,
+                  store.Breakdown(static_cast<BreakdownBy>(by), first, last, rows));
+        for (const BreakdownRow& row : rows) {
+            text += row.value + "=" + std::to_string(row.count) + "/" +
+                    std::to_string(row.repeats) + " ";
+        }
+    }
+    std::vector<ModuleField> fields;
+    store.ModuleFields("Tunnel", first, last, fields);
+    for (const ModuleField& field : fields) {
+        for (const ModuleFieldDay& day : field.days) {
+            text += field.path + "@" + std::to_string(day.day) + "#" + std::to_string(day.count) +
+                    "+" + std::to_string(day.sum);
+            for (const auto& value : day.top) {
+                text += "," + value.first + "x" + std::to_string(value.second);
+            }
+            text += " ";
+        }
+    }
+    return text;
+}
+
 }  // namespace pwsupport

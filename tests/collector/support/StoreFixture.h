@@ -32,4 +32,8 @@ void AddDump(collector::ValidatedReport& report, const std::string& module,
              const std::string& bytes);
 std::string Sha256Hex(const std::string& bytes);
 
+// Everything the daily figures, breakdowns and the fields of module "Tunnel" say about
+// days [first, last], as one text: two stores with the same reports give the same text.
+std::string Figures(collector::Store& store, int64_t first, int64_t last);
+
 }  // namespace pwsupport

@@ -68,7 +68,7 @@ std::string Base64(const std::string& bytes) {
 // Collects text and hands it to the sink in chunks.
 class Output {
 public:
-    explicit Output(const Sink& sink) : m_sink(sink), m_ok(true) { m_text.reserve(kChunkSize); }
+    explicit Output(const Sink& sink) : m_sink(sink), m_ok(true) {}
 
     void Append(const char* data, size_t size) {
         m_text.append(data, size);
