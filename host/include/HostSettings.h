@@ -19,6 +19,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -41,6 +42,20 @@ void ApplyHostSettings(const HostSettings& settings);
 // The settings applied last (HTTP sessions read the CA file, the connect-to mapping and
 // the request timeout).
 HostSettings CurrentHostSettings();
+
+// The conventions of this file, for other programs' settings files (the collector's): at most
+// 1 MiB; "#" comments and blank lines ignored; keys and values trimmed. Each key=value line
+// goes to the handler; a line without "=", a bad value or an unknown key is logged with
+// file:line and skipped. False (logged) when the file cannot be read.
+enum class SettingVerdict { Applied, BadValue, UnknownKey };
+using SettingsLineHandler =
+    std::function<SettingVerdict(const std::string& key, const std::string& value)>;
+bool ReadSettingsFile(const std::string& path, const SettingsLineHandler& apply);
+// The values of `log`, `time_scale` and `clock_start` as this file takes them; false when
+// `value` is not one.
+bool ParseLogSinks(const std::string& value, unsigned int& sinks);
+bool ParseTimeScale(const std::string& value, double& scale);
+bool ParseClockStartValue(const std::string& value, int64_t& seconds);
 
 // The HOST:PORT:ADDR:PORT mappings of a connect_to value, in order.
 std::vector<std::string> ConnectToMappings(const std::string& connectTo);

@@ -185,7 +185,7 @@ bool ApplyKey(const std::string& key, const std::string& value, pwhost::HostSett
 
 namespace pwhost {
 
-bool LoadHostSettings(const std::string& path, HostSettings& settings) {
+bool ReadSettingsFile(const std::string& path, const SettingsLineHandler& apply) {
     UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!fd.Valid()) {
         PWHOST_LOG_ERRNO_ON("open", pwresult::kFailure, errno, path);
@@ -219,18 +219,42 @@ bool LoadHostSettings(const std::string& path, HostSettings& settings) {
         }
         std::string key = Trim(line.substr(0, equals));
         std::string value = Trim(line.substr(equals + 1));
-        bool known = false;
-        if (!ApplyKey(key, value, settings, known)) {
-            if (known) {
+        switch (apply(key, value)) {
+            case SettingVerdict::Applied:
+                break;
+            case SettingVerdict::BadValue:
                 PWHOST_LOG(CAppLog::Warning, "%s:%u: bad value \"%s\" for %s, skipped",
                            path.c_str(), lineNumber, value.c_str(), key.c_str());
-            } else {
+                break;
+            case SettingVerdict::UnknownKey:
                 PWHOST_LOG(CAppLog::Warning, "%s:%u: unknown key \"%s\", skipped", path.c_str(),
                            lineNumber, key.c_str());
-            }
+                break;
         }
     }
     return true;
+}
+
+bool LoadHostSettings(const std::string& path, HostSettings& settings) {
+    return ReadSettingsFile(path, [&settings](const std::string& key, const std::string& value) {
+        bool known = false;
+        if (ApplyKey(key, value, settings, known)) {
+            return SettingVerdict::Applied;
+        }
+        return known ? SettingVerdict::BadValue : SettingVerdict::UnknownKey;
+    });
+}
+
+bool ParseLogSinks(const std::string& value, unsigned int& sinks) {
+    return ParseSinks(value, sinks);
+}
+
+bool ParseTimeScale(const std::string& value, double& scale) {
+    return ParsePositive(value, scale);
+}
+
+bool ParseClockStartValue(const std::string& value, int64_t& seconds) {
+    return ParseClockStart(value, seconds);
 }
 
 void ApplyHostSettings(const HostSettings& settings) {

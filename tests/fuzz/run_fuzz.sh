@@ -1,10 +1,13 @@
 #!/bin/sh
 # Builds the fuzz targets with clang in build-fuzz and runs each for the given number of
 # seconds (default 60): bencode_fuzz (the bencode reader and writer) from memory and, with
-# BENCODE_FUZZ_FILE=1, through a file, and profile_fuzz (the feedback profile reader). Exits non-zero when a target finds a crash or a broken check;
+# BENCODE_FUZZ_FILE=1, through a file, profile_fuzz (the feedback profile reader) and
+# report_fuzz (the collector's report validator). Exits non-zero when a target finds a
+# crash or a broken check;
 # the failing input is then copied into the target's regression directory
-# (tests/fuzz/corpus-regressions/ or tests/fuzz/corpus-regressions-profile/), whose inputs
-# the unit test fuzz_regressions_test replays on every run.
+# (tests/fuzz/corpus-regressions/, corpus-regressions-profile/ or corpus-regressions-report/),
+# whose inputs the unit test fuzz_regressions_test and the collector's validator test
+# replay on every run.
 set -eu
 
 seconds=${1:-60}
@@ -21,7 +24,7 @@ cmake -S "$root" -B "$build" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang
     -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPW_BUILD_FUZZ=ON -DPW_BUILD_TESTS=OFF \
     -DPW_BUILD_BENCH=OFF >"$build/configure.log" 2>&1 ||
     { cat "$build/configure.log" >&2; exit 1; }
-cmake --build "$build" --target bencode_fuzz profile_fuzz -j2
+cmake --build "$build" --target bencode_fuzz profile_fuzz report_fuzz -j2
 
 status=0
 
@@ -46,15 +49,16 @@ run_target() {
 }
 
 # A few well-formed seeds shaped like the files the agent reads and writes.
-mkdir -p "$build/corpus-bencode" "$build/corpus-profile"
+# The report target starts from the reports kept in its regression directory.
+mkdir -p "$build/corpus-bencode" "$build/corpus-profile" "$build/corpus-report"
 printf 'li7ei-9223372036854775808e4:spamlee' >"$build/corpus-bencode/seed-list"
 printf 'd1:ai1e1:bd1:xl0:i0eee1:c3:abce' >"$build/corpus-bencode/seed-dictionary"
 printf 'li7e40:0123456789abcdef0123456789abcdef01234567i3eld11:CrashReportsdeee' \
     >"$build/corpus-bencode/seed-payload"
 printf '<?xml version="1.0"?>\n<Feedback><ServiceDisable>false</ServiceDisable><CustomerID>CUST-1</CustomerID><FeedbackInterval>86400</FeedbackInterval><CheckCrashInterval>600</CheckCrashInterval><IncludeCrashReport>TRUE</IncludeCrashReport></Feedback>\n' \
     >"$build/corpus-profile/seed-profile"
-
 run_target bencode "$root/tests/fuzz/corpus-regressions"
 run_target bencode "$root/tests/fuzz/corpus-regressions" 1
 run_target profile "$root/tests/fuzz/corpus-regressions-profile"
+run_target report "$root/tests/fuzz/corpus-regressions-report"
 exit $status

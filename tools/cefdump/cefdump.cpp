@@ -17,7 +17,7 @@
 
 #include "AppLog.h"
 #include "Bencode.h"
-#include "JsonWriter.h"
+#include "BencodeJson.h"
 #include "RegularFile.h"
 
 namespace {
@@ -165,24 +165,28 @@ int main(int argc, char** argv) {
     CBencodeStream stream("", false);
     stream.Write(bytes.data() + offset, static_cast<unsigned int>(end - offset));
     stream.Seekg(0, std::ios_base::beg);
+    const bool dictionary = end > offset && bytes[offset] == 'd';
+    std::string().swap(bytes);  // the stream holds the input now: one copy is enough
     std::unique_ptr<CBencode> root;
-    if (end > offset && bytes[offset] == 'd') {
+    if (dictionary) {
         root.reset(new CBencodeDictionary(false));
     } else {
         root.reset(new CBencodeList(false));
     }
     const bool valid = root->Internalize(stream);
     const bool ranOut = stream.Eof();
+    const size_t invalid = stream.Buffer().InvalidByte();
     stream.Clear();  // a failed read leaves the stream failed, with its position kept
     const size_t at = offset + static_cast<size_t>(std::max(stream.Tellg(), 0));
     if (!valid) {
-        // The reader stops just after the byte it could not take, or at the end of an
-        // input that ends inside a value.
+        if (ranOut || invalid == std::string::npos) {
+            return Fail(kExitInvalid, name,
+                        "not valid bencode: the input ends at offset " + std::to_string(end) +
+                            " inside a value");
+        }
         return Fail(kExitInvalid, name,
-                    ranOut ? "not valid bencode: the input ends at offset " + std::to_string(end) +
-                                 " inside a value"
-                           : "not valid bencode: the first invalid byte is at offset " +
-                                 std::to_string(at > offset ? at - 1 : offset));
+                    "not valid bencode: the first invalid byte is at offset " +
+                        std::to_string(offset + invalid));
     }
     if (at < end) {
         fprintf(stderr,
@@ -191,9 +195,10 @@ int main(int argc, char** argv) {
                 name.c_str(), end - at, at);
     }
 
-    std::string json;
-    CJsonWriter(compact ? 0 : 2).Write(*root, json);
-    if (fwrite(json.data(), 1, json.size(), stdout) != json.size() || fflush(stdout) != 0) {
+    const bool written = bencodejson::Write(
+        *root, compact ? 0 : 2,
+        [](const char* data, size_t size) { return fwrite(data, 1, size, stdout) == size; });
+    if (!written || fflush(stdout) != 0) {
         fprintf(stderr, "cefdump: write to stdout failed: %s\n", strerror(errno));
         return kExitFileError;
     }

@@ -33,14 +33,12 @@ enum EBencodeResult : int {
     eBencodeSuccess = 0,
     eBencodeFileError = -1,     // open, stat, read, write or serialisation failed
     eBencodeLockError = -2,     // LoadStream could not take the lock
-    eBencodeInvalidData = -3,   // file larger than MAX_BENCODE_FILE_SIZE, or it does not parse
+    eBencodeInvalidData = -3,   // file larger than the stream's limit, or it does not parse
     eBencodeStreamNotSet = -4,  // the container has no stream
 };
 
-// Largest file that LoadStream accepts (exactly this size is accepted).
-constexpr unsigned int MAX_BENCODE_FILE_SIZE = 0xA00000;
-// Largest string length that the reader accepts.
-constexpr unsigned int MAX_BENCODE_STRING_LENGTH = 0x80000;
+// The plug-in's reader limits, MAX_BENCODE_FILE_SIZE and MAX_BENCODE_STRING_LENGTH, and the
+// per-stream BencodeReadLimits are declared in BencodeBuffer.h.
 
 // A bencode value. Integers and strings are plain CBencode objects; lists and dictionaries
 // derive from it. Every object carries all three fields; only the one that matches its
@@ -227,6 +225,10 @@ public:
     char const* Data() const { return m_buffer.Data(); }
     // The buffer itself, for the reader and writer of the byte format.
     CBencodeBuffer& Buffer() { return m_buffer; }
+
+    // What this stream's reader accepts (kPluginReadLimits unless set).
+    BencodeReadLimits const& ReadLimits() const { return m_buffer.ReadLimits(); }
+    void SetReadLimits(BencodeReadLimits const& limits) { m_buffer.SetReadLimits(limits); }
 
 private:
     CBencodeBuffer m_buffer;

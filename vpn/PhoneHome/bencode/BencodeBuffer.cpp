@@ -114,8 +114,9 @@ bool SeekTarget(size_t current, size_t size, unsigned int offset, std::ios_base:
 
 // The "%lld" conversion of a NUL-terminated text: leading white space, an optional sign,
 // then decimal digits, at least one; anything after the digits is ignored and values past
-// the 64-bit range saturate at the nearest limit. False when no number is found.
-bool ScanLongLong(char const* text, long long& value) {
+// the 64-bit range saturate at the nearest limit. False when no number is found; `stop` is
+// then the index of the character where a digit was expected.
+bool ScanLongLong(char const* text, long long& value, size_t& stop) {
     char const* p = text;
     while (*p == ' ' || (*p >= '\t' && *p <= '\r')) {
         ++p;
@@ -126,6 +127,7 @@ bool ScanLongLong(char const* text, long long& value) {
         ++p;
     }
     if (*p < '0' || *p > '9') {
+        stop = static_cast<size_t>(p - text);
         return false;
     }
     const unsigned long long limit =
@@ -222,6 +224,7 @@ bool CBencodeBuffer::ReadIntegerTextSlow(long long& value) {
     }
     char text[CBencodeStream::sm_iMaxIntSize];
     int length = 0;
+    const size_t start = m_readPos;
     for (;;) {
         if (m_readPos >= m_size) {
             m_state |= kEofBit | kFailBit;
@@ -233,13 +236,16 @@ bool CBencodeBuffer::ReadIntegerTextSlow(long long& value) {
         }
         ++m_readPos;
         if (length == CBencodeStream::sm_iMaxIntSize - 1) {
+            NoteInvalidByte(m_readPos - 1);
             m_state |= kFailBit;
             return false;
         }
         text[length++] = c;
     }
     text[length] = '\0';
-    if (!ScanLongLong(text, value)) {
+    size_t stop = 0;
+    if (!ScanLongLong(text, value, stop)) {
+        NoteInvalidByte(start + stop);  // the terminator when the text ends before a digit
         m_state |= kFailBit;
         return false;
     }

@@ -11,6 +11,36 @@
 #include <memory>
 #include <string>
 
+// Largest file that LoadStream accepts with the plug-in's limits (exactly this size is
+// accepted).
+constexpr unsigned int MAX_BENCODE_FILE_SIZE = 0xA00000;
+// Largest string length that the reader accepts with the plug-in's limits.
+constexpr unsigned int MAX_BENCODE_STRING_LENGTH = 0x80000;
+
+// What one reader (a stream and its buffer) accepts, and whether it logs what it refuses.
+// Every stream starts with the plug-in's limits; a program that reads other input (the
+// collector reads report bodies of up to 16 MiB, a crash dump in one string) sets its own.
+struct BencodeReadLimits {
+    size_t maxFileSize;      // largest file that LoadStream accepts (this size included)
+    size_t maxStringLength;  // largest string length that the reader accepts
+    // Deepest nesting (the top-level container is at depth 1) and most values in one read.
+    // The plug-in has neither limit; a reader of untrusted input bounds the memory that a
+    // tree can take with them (each value costs about a hundred bytes).
+    size_t maxDepth;
+    size_t maxValues;
+    // Whether a refused input is logged, one record per enclosing level, as the plug-in
+    // does. A reader of untrusted input turns it off: a refused body of a million levels
+    // would otherwise write a million records.
+    bool logFailures;
+};
+
+constexpr BencodeReadLimits kPluginReadLimits{MAX_BENCODE_FILE_SIZE, MAX_BENCODE_STRING_LENGTH,
+                                              static_cast<size_t>(-1), static_cast<size_t>(-1),
+                                              true};
+
+// The limit that made a reader refuse its input, if one did.
+enum class EBencodeLimit { None, StringLength, Depth, Values };
+
 class CBencodeBuffer {
 public:
     enum : unsigned int { kEofBit = 1u, kFailBit = 2u, kBadBit = 4u };
@@ -40,6 +70,28 @@ public:
 
     size_t Size() const { return m_size; }
     char const* Data() const { return m_data.get(); }
+
+    // The limits of this reader; they survive Reset, Adopt and Clear.
+    BencodeReadLimits const& ReadLimits() const { return m_readLimits; }
+    void SetReadLimits(BencodeReadLimits const& limits) { m_readLimits = limits; }
+    // The first limit that this reader met (its read then failed), or None.
+    EBencodeLimit LimitHit() const { return m_limitHit; }
+    // The read position, without the side effects of Tellg.
+    size_t ReadPosition() const { return m_readPos; }
+    // Offset of the first byte that the reader could not take (where a read failed other
+    // than by running out of data), or npos.
+    size_t InvalidByte() const { return m_invalidByte; }
+    void NoteInvalidByte(size_t offset) {
+        if (m_invalidByte == std::string::npos) {
+            m_invalidByte = offset;
+        }
+    }
+    // Records that the reader refuses its input because of `limit` (the caller fails).
+    void NoteLimitHit(EBencodeLimit limit) {
+        if (m_limitHit == EBencodeLimit::None) {
+            m_limitHit = limit;
+        }
+    }
 
     // Hot primitives of the codec (inline, BencodeBufferInline.h).
     inline bool GetByte(char& c);
@@ -81,4 +133,7 @@ private:
     // True while the content is known to hold no NUL byte (it was loaded, which cuts at the
     // first NUL, or written only by the value writers): reading a string then needs no scan.
     bool m_nulFree;
+    BencodeReadLimits m_readLimits = kPluginReadLimits;
+    EBencodeLimit m_limitHit = EBencodeLimit::None;
+    size_t m_invalidByte = std::string::npos;
 };

@@ -12,6 +12,14 @@
 #include "BencodeLog.h"
 #include "BencodeTree.h"
 
+// A failure of the reader, logged unless the stream's limits turn its logging off.
+#define BENCODE_READ_ERROR(buffer, function, ...)        \
+    do {                                                 \
+        if ((buffer).ReadLimits().logFailures) {         \
+            BENCODE_LOG_ERROR_IN(function, __VA_ARGS__); \
+        }                                                \
+    } while (0)
+
 // ---------------------------------------------------------------------------------------
 // Text operators
 // ---------------------------------------------------------------------------------------
@@ -42,7 +50,7 @@ CBencodeStream& CBencodeStream::operator<<(std::string const& text) {
 
 CBencodeStream& CBencodeStream::operator>>(long long& value) {
     if (!m_buffer.ReadIntegerText(value)) {
-        BENCODE_LOG_ERROR("Failed to read integer value");
+        BENCODE_READ_ERROR(m_buffer, __func__, "Failed to read integer value");
     }
     return *this;
 }
@@ -146,6 +154,14 @@ inline bool PutKey(CBencodeBuffer& buffer, std::string const& key) {
     return true;
 }
 
+// After GetByte took a byte other than the one expected: notes where it lay, unless the
+// read failed for want of data.
+void NoteByteRefused(CBencodeBuffer& buffer) {
+    if (buffer.Good()) {
+        buffer.NoteInvalidByte(buffer.ReadPosition() - 1);
+    }
+}
+
 }  // namespace
 
 bool CBencode::Externalize(CBencodeStream& stream) {
@@ -180,16 +196,18 @@ bool CBencode::Internalize(CBencodeStream& stream) {
     if (m_type == eBencodeInteger) {
         char c = 0;
         if (!buffer.GetByte(c) || c != 'i') {
-            BENCODE_LOG_ERROR("Failed to internalize integer type identifier");
+            NoteByteRefused(buffer);
+            BENCODE_READ_ERROR(buffer, __func__, "Failed to internalize integer type identifier");
             return false;
         }
         stream >> m_integer;
         if (!buffer.Good()) {
-            BENCODE_LOG_ERROR("Failed to internalize integer value");
+            BENCODE_READ_ERROR(buffer, __func__, "Failed to internalize integer value");
             return false;
         }
         if (!buffer.GetByte(c) || c != 'e') {
-            BENCODE_LOG_ERROR("Integer internalize failed");
+            NoteByteRefused(buffer);
+            BENCODE_READ_ERROR(buffer, __func__, "Integer internalize failed");
             return false;
         }
         return true;
@@ -203,15 +221,29 @@ bool CBencode::Internalize(CBencodeStream& stream) {
 bool CBencode::GetStringFromStream(CBencodeStream& stream, std::string& out) const {
     CBencodeBuffer& buffer = stream.Buffer();
     long long length = 0;
+    const size_t start = buffer.ReadPosition();
     stream >> length;
-    if (!buffer.Good() || length < 0 ||
-        length > static_cast<long long>(MAX_BENCODE_STRING_LENGTH)) {
-        BENCODE_LOG_ERROR("Illegal bencode string");
+    const bool tooLong =
+        buffer.Good() && length >= 0 &&
+        static_cast<unsigned long long>(length) > buffer.ReadLimits().maxStringLength;
+    if (tooLong) {
+        buffer.NoteLimitHit(EBencodeLimit::StringLength);
+    }
+    if (buffer.Good() && (length < 0 || tooLong)) {
+        buffer.NoteInvalidByte(start);
+    }
+    if (!buffer.Good() || length < 0 || tooLong) {
+        BENCODE_READ_ERROR(buffer, __func__, "Illegal bencode string");
         return false;
     }
     char c = 0;
-    if (!buffer.GetByte(c) || c != ':' || !buffer.ReadText(out, static_cast<size_t>(length))) {
-        BENCODE_LOG_ERROR("Illegal bencode string");
+    if (!buffer.GetByte(c) || c != ':') {
+        NoteByteRefused(buffer);
+        BENCODE_READ_ERROR(buffer, __func__, "Illegal bencode string");
+        return false;
+    }
+    if (!buffer.ReadText(out, static_cast<size_t>(length))) {
+        BENCODE_READ_ERROR(buffer, __func__, "Illegal bencode string");
         return false;
     }
     return true;
@@ -243,6 +275,26 @@ CBencode* NewValue(int first) {
     return new CBencode(first == 'i' ? CBencode::eBencodeInteger : CBencode::eBencodeString);
 }
 
+// Whether one more value, whose first byte is `first`, inside a container at `depth` (the
+// top-level container is at depth 1) stays within the reader's limits. If not, the reader
+// fails, naming the limit.
+bool AdmitValue(CBencodeBuffer& buffer, int first, size_t depth, size_t& values) {
+    BencodeReadLimits const& limits = buffer.ReadLimits();
+    if (++values > limits.maxValues) {
+        buffer.NoteLimitHit(EBencodeLimit::Values);
+        buffer.SetState(CBencodeBuffer::kFailBit);
+        BENCODE_READ_ERROR(buffer, "Internalize", "More values than the reader's limit");
+        return false;
+    }
+    if ((first == 'l' || first == 'd') && depth >= limits.maxDepth) {
+        buffer.NoteLimitHit(EBencodeLimit::Depth);
+        buffer.SetState(CBencodeBuffer::kFailBit);
+        BENCODE_READ_ERROR(buffer, "Internalize", "Nesting deeper than the reader's limit");
+        return false;
+    }
+    return true;
+}
+
 const char* KindName(CBencode const& value) {
     switch (value.GetType()) {
         case CBencode::eBencodeInteger:
@@ -269,6 +321,7 @@ bool CBencodeTree::Read(CBencodeStream& stream, CBencode& root) {
     CBencode* current = &root;
     EntryMap::iterator entry;
     std::string key;
+    size_t values = 0;
     for (;;) {
         bool finished = false;
         bool ok = false;
@@ -277,12 +330,15 @@ bool CBencodeTree::Read(CBencodeStream& stream, CBencode& root) {
         if (current->m_type == CBencode::eBencodeList) {
             CBencodeList& list = static_cast<CBencodeList&>(*current);
             if (!buffer.Good()) {
-                BENCODE_LOG_ERROR_IN("Internalize", "Failed to internalize list item identifier");
+                BENCODE_READ_ERROR(buffer, "Internalize",
+                                   "Failed to internalize list item identifier");
                 finished = true;
             } else if (next == 'e') {
                 char c = 0;
                 buffer.GetByte(c);
                 ok = buffer.Good();
+                finished = true;
+            } else if (!AdmitValue(buffer, next, parents.size() + 1, values)) {
                 finished = true;
             } else {
                 // Lists in feedback data are mostly short: room for four items at once spares
@@ -298,8 +354,8 @@ bool CBencodeTree::Read(CBencodeStream& stream, CBencode& root) {
                     const char* kind = KindName(*item);
                     list.m_items.pop_back();
                     delete item;
-                    BENCODE_LOG_ERROR_IN("Internalize",
-                                         "Failed to internalize list item of type %s", kind);
+                    BENCODE_READ_ERROR(buffer, "Internalize",
+                                       "Failed to internalize list item of type %s", kind);
                     finished = true;
                 }
             }
@@ -312,7 +368,7 @@ bool CBencodeTree::Read(CBencodeStream& stream, CBencode& root) {
                 ok = buffer.Good();
                 finished = true;
             } else if (!dictionary.GetStringFromStream(stream, key)) {
-                BENCODE_LOG_ERROR_IN("Internalize", "Failed to internalize key string");
+                BENCODE_READ_ERROR(buffer, "Internalize", "Failed to internalize key string");
                 finished = true;
             } else {
                 // Keys usually arrive in order: then the new entry goes at the end, and only
@@ -322,7 +378,8 @@ bool CBencodeTree::Read(CBencodeStream& stream, CBencode& root) {
                     position = entries.lower_bound(key);
                     if (position != entries.end() && position->first == key) {
                         // A duplicate key ends the dictionary; what was read so far is kept.
-                        BENCODE_LOG_ERROR_IN("Internalize", "Failed to internalize key string");
+                        BENCODE_READ_ERROR(buffer, "Internalize",
+                                           "Failed to internalize key string");
                         ok = true;
                         finished = true;
                     }
@@ -330,8 +387,10 @@ bool CBencodeTree::Read(CBencodeStream& stream, CBencode& root) {
                 if (!finished) {
                     next = buffer.Peek();
                     if (!buffer.Good()) {
-                        BENCODE_LOG_ERROR_IN("Internalize",
-                                             "Failed to internalize value type identifier");
+                        BENCODE_READ_ERROR(buffer, "Internalize",
+                                           "Failed to internalize value type identifier");
+                        finished = true;
+                    } else if (!AdmitValue(buffer, next, parents.size() + 1, values)) {
                         finished = true;
                     } else {
                         CBencode* value = NewValue(next);
@@ -342,8 +401,8 @@ bool CBencodeTree::Read(CBencodeStream& stream, CBencode& root) {
                             const char* kind = KindName(*value);
                             delete value;
                             entries.erase(entry);
-                            BENCODE_LOG_ERROR_IN("Internalize",
-                                                 "Failed to internalize value of type %s", kind);
+                            BENCODE_READ_ERROR(buffer, "Internalize",
+                                               "Failed to internalize value of type %s", kind);
                             finished = true;
                         }
                     }
@@ -378,12 +437,13 @@ bool CBencodeTree::Read(CBencodeStream& stream, CBencode& root) {
             if (current->m_type == CBencode::eBencodeList) {
                 static_cast<CBencodeList*>(current)->m_items.pop_back();
                 delete done;
-                BENCODE_LOG_ERROR_IN("Internalize", "Failed to internalize list item of type %s",
-                                     kind);
+                BENCODE_READ_ERROR(buffer, "Internalize",
+                                   "Failed to internalize list item of type %s", kind);
             } else {
                 static_cast<CBencodeDictionary*>(current)->m_entries.erase(entry);
                 delete done;
-                BENCODE_LOG_ERROR_IN("Internalize", "Failed to internalize value of type %s", kind);
+                BENCODE_READ_ERROR(buffer, "Internalize", "Failed to internalize value of type %s",
+                                   kind);
             }
         }
     }
@@ -520,8 +580,11 @@ bool ReadContainer(CBencodeStream& stream, CBencode& container, char opening, co
     } else if (c == opening) {
         container.Reset();
         return CBencodeTree::Read(stream, container);
+    } else {
+        NoteByteRefused(stream.Buffer());
     }
-    BENCODE_LOG_ERROR_IN("Internalize", "Failed to internalize %s type identifier", kind);
+    BENCODE_READ_ERROR(stream.Buffer(), "Internalize", "Failed to internalize %s type identifier",
+                       kind);
     return false;
 }
 

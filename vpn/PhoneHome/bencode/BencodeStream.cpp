@@ -101,7 +101,7 @@ int CBencodeStream::LoadStream() {
         flock(file.Get(), LOCK_UN);
         return eBencodeFileError;
     }
-    if (status.st_size > static_cast<off_t>(MAX_BENCODE_FILE_SIZE)) {
+    if (static_cast<unsigned long long>(status.st_size) > m_buffer.ReadLimits().maxFileSize) {
         BENCODE_LOG_ERROR("File size exceeds maximum limit");
         flock(file.Get(), LOCK_UN);
         return eBencodeInvalidData;

@@ -1,0 +1,24 @@
+// What the store's commands share: their options read, their store opened.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "store/Store.h"
+
+namespace collector {
+
+// Reads "--name VALUE" pairs of `args` into `options`; every name must be in `allowed`.
+// False (the usage printed on stderr) on anything else.
+bool ReadOptions(const std::vector<std::string>& args, const std::vector<std::string>& allowed,
+                 const char* usage, std::map<std::string, std::string>& options);
+
+// Opens `database`; null (logged and printed on stderr) when it cannot.
+std::unique_ptr<Store> OpenForCommand(const std::string& database);
+
+// Prints on stderr and logs a command's failure.
+void CommandFailed(const std::string& message);
+
+}  // namespace collector

@@ -1,0 +1,236 @@
+// import [--received TIME] PATH...: report files (as a client keeps them in its outbound
+// directory) or bodies as posted ("data=" and the report) from disk, through the same
+// validation, duplicate check and daily figures as reports that arrive over the network.
+// A directory stands for the regular files in it, in name order. Reports go to the store
+// in batches; the store lets this run beside a running service on the same database.
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "AppLog.h"
+#include "Commands.h"
+#include "HostClock.h"
+#include "HostSettings.h"
+#include "report/ReportReader.h"
+#include "report/ReportValidator.h"
+#include "store/Store.h"
+
+namespace collector {
+
+namespace {
+
+const char kPrefix[] = "data=";
+const size_t kPrefixSize = sizeof kPrefix - 1;
+// A batch is stored when it holds this many reports or body bytes.
+const size_t kBatchReports = 1000;
+const size_t kBatchBytes = 64u * 1024 * 1024;
+
+const char kImportUsage[] = "usage: pathweave-collector import [--received TIME] PATH...\n";
+
+class Descriptor {
+public:
+    explicit Descriptor(int fd) : m_fd(fd) {}
+    ~Descriptor() {
+        if (m_fd >= 0) {
+            close(m_fd);
+        }
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int Get() const { return m_fd; }
+
+private:
+    int m_fd;
+};
+
+// The content of the regular file `path`, at most a posted body's size; false with `error`.
+bool ReadBody(const std::string& path, std::string& body, std::string& error) {
+    // Non-blocking, so that a FIFO given by mistake is refused instead of waited on.
+    Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    struct stat status;
+    if (file.Get() < 0 || fstat(file.Get(), &status) != 0) {
+        error = strerror(errno);
+        return false;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        error = "not a regular file";
+        return false;
+    }
+    const size_t limit = kMaxReportBytes + kPrefixSize;
+    if (static_cast<unsigned long long>(status.st_size) > limit) {
+        error = "larger than a report can be (" + std::to_string(limit) + " bytes)";
+        return false;
+    }
+    body.resize(static_cast<size_t>(status.st_size));
+    size_t done = 0;
+    while (done < body.size()) {
+        const ssize_t count = read(file.Get(), &body[done], body.size() - done);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0) {
+            error = count < 0 ? strerror(errno) : "the file shrank while it was read";
+            return false;
+        }
+        done += static_cast<size_t>(count);
+    }
+    return true;
+}
+
+// The files that `path` stands for: itself, or the regular files of a directory by name.
+bool ExpandPath(const std::string& path, std::vector<std::string>& files, std::string& error) {
+    struct stat status;
+    if (stat(path.c_str(), &status) != 0) {
+        error = strerror(errno);
+        return false;
+    }
+    if (!S_ISDIR(status.st_mode)) {
+        files.push_back(path);
+        return true;
+    }
+    std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(path.c_str()), &closedir);
+    if (!directory) {
+        error = strerror(errno);
+        return false;
+    }
+    std::vector<std::string> names;
+    while (const dirent* entry = readdir(directory.get())) {
+        const std::string name = entry->d_name;
+        const std::string full = path + "/" + name;
+        if (name != "." && name != ".." && stat(full.c_str(), &status) == 0 &&
+            S_ISREG(status.st_mode)) {
+            names.push_back(full);
+        }
+    }
+    std::sort(names.begin(), names.end());
+    files.insert(files.end(), names.begin(), names.end());
+    return true;
+}
+
+struct Totals {
+    size_t perKind[4] = {0, 0, 0, 0};
+    size_t duplicates = 0;
+    size_t unreadable = 0;
+};
+
+bool StoreBatch(Store& store, std::vector<ValidatedReport>& batch, Totals& totals) {
+    if (batch.empty()) {
+        return true;
+    }
+    std::vector<InsertOutcome> outcomes;
+    const StoreResult result = store.InsertBatch(batch, outcomes);
+    if (result != StoreResult::Ok) {
+        fprintf(stderr, "pathweave-collector: import: the store refused a batch of %zu reports%s\n",
+                batch.size(),
+                result == StoreResult::Unavailable ? " (storage unavailable; try again)" : "");
+        return false;
+    }
+    for (size_t i = 0; i < batch.size(); ++i) {
+        ++totals.perKind[static_cast<int>(batch[i].kind)];
+        if (i < outcomes.size() && outcomes[i].duplicate) {
+            ++totals.duplicates;
+        }
+    }
+    batch.clear();
+    return true;
+}
+
+}  // namespace
+
+int RunImport(const CollectorSettings& settings, const std::vector<std::string>& args) {
+    bool fixedTime = false;
+    int64_t received = 0;
+    std::vector<std::string> paths;
+    for (size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--received") {
+            if (i + 1 == args.size() || !pwhost::ParseClockStartValue(args[i + 1], received)) {
+                fprintf(stderr,
+                        "pathweave-collector: import: --received needs a time (UNIX seconds, "
+                        "YYYY-MM-DD or YYYY-MM-DDTHH:MM:SSZ)\n%s",
+                        kImportUsage);
+                return 2;
+            }
+            fixedTime = true;
+            ++i;
+        } else if (!args[i].empty() && args[i][0] == '-' && args[i] != "-") {
+            fprintf(stderr, "pathweave-collector: import: unknown option %s\n%s", args[i].c_str(),
+                    kImportUsage);
+            return 2;
+        } else {
+            paths.push_back(args[i]);
+        }
+    }
+    if (paths.empty()) {
+        fprintf(stderr, "pathweave-collector: import: no file named\n%s", kImportUsage);
+        return 2;
+    }
+
+    std::string error;
+    std::unique_ptr<Store> store = Store::Open(settings.database, error);
+    if (!store) {
+        fprintf(stderr, "pathweave-collector: import: cannot open %s: %s\n",
+                settings.database.c_str(), error.c_str());
+        return 1;
+    }
+
+    Totals totals;
+    std::vector<ValidatedReport> batch;
+    size_t batchBytes = 0;
+    for (const std::string& path : paths) {
+        std::vector<std::string> files;
+        if (!ExpandPath(path, files, error)) {
+            fprintf(stderr, "pathweave-collector: import: %s: %s\n", path.c_str(), error.c_str());
+            ++totals.unreadable;
+            continue;
+        }
+        for (const std::string& file : files) {
+            std::string body;
+            if (!ReadBody(file, body, error)) {
+                fprintf(stderr, "pathweave-collector: import: %s: %s\n", file.c_str(),
+                        error.c_str());
+                ++totals.unreadable;
+                continue;
+            }
+            // A report file as the client keeps it is posted behind "data=".
+            if (body.compare(0, kPrefixSize, kPrefix) != 0) {
+                body.insert(0, kPrefix);
+            }
+            ValidatedReport report = ValidateBody(std::move(body), false);
+            report.received = fixedTime ? received : GetCurrentTimeSeconds();
+            batchBytes += report.body.size();
+            batch.push_back(std::move(report));
+            if (batch.size() == kBatchReports || batchBytes >= kBatchBytes) {
+                if (!StoreBatch(*store, batch, totals)) {
+                    return 1;
+                }
+                batchBytes = 0;
+            }
+        }
+    }
+    if (!StoreBatch(*store, batch, totals)) {
+        return 1;
+    }
+    const size_t* kinds = totals.perKind;
+    printf(
+        "imported %zu reports: %zu feedback, %zu crash, %zu threat, %zu damaged; "
+        "%zu duplicates; %zu files not read\n",
+        kinds[0] + kinds[1] + kinds[2] + kinds[3], kinds[0], kinds[1], kinds[2], kinds[3],
+        totals.duplicates, totals.unreadable);
+    CAppLog::LogDebugMessage(
+        __func__, "collector/commands/ImportCommand", __LINE__, CAppLog::Information,
+        "import: %zu reports stored (%zu damaged, %zu duplicates), %zu files "
+        "not read",
+        kinds[0] + kinds[1] + kinds[2] + kinds[3], kinds[3], totals.duplicates, totals.unreadable);
+    return totals.unreadable == 0 ? 0 : 1;
+}
+
+}  // namespace collector

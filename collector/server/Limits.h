@@ -1,0 +1,141 @@
+// What keeps one client, or all of them together, from holding the receiving listener or
+// filling its disk: connection caps (in all and per address), per-address rates and byte
+// quotas, the budget of body bytes in memory at once, and the free-space watermark.
+//
+// Every class here is safe from any thread. Times are passed in (seconds on a monotonic
+// line) so that the accounting does not depend on the wall clock.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <utility>
+
+namespace collector {
+
+// Connections open, in all and per client address. A slot is held by its connection for
+// its lifetime; past either cap the connection is refused.
+class ConnectionLimiter {
+public:
+    class Slot {
+    public:
+        Slot() = default;
+        Slot(ConnectionLimiter* owner, std::string address);
+        Slot(Slot&& other) noexcept;
+        Slot& operator=(Slot&& other) noexcept;
+        Slot(const Slot&) = delete;
+        Slot& operator=(const Slot&) = delete;
+        ~Slot();
+        explicit operator bool() const { return owner_ != nullptr; }
+
+    private:
+        void Release();
+        ConnectionLimiter* owner_ = nullptr;
+        std::string address_;
+    };
+
+    ConnectionLimiter(unsigned int maxTotal, unsigned int maxPerAddress)
+        : maxTotal_(maxTotal), maxPerAddress_(maxPerAddress) {}
+
+    // An empty slot when `address` or the listener as a whole is at its cap.
+    Slot TryAcquire(const std::string& address);
+    unsigned int Open() const;
+
+private:
+    void Release(const std::string& address);
+
+    const unsigned int maxTotal_;
+    const unsigned int maxPerAddress_;
+    mutable std::mutex mutex_;
+    unsigned int total_ = 0;
+    std::unordered_map<std::string, unsigned int> perAddress_;
+};
+
+// Per-address allowances: posts per minute (a token bucket, so that a burst of a minute's
+// posts is allowed), body bytes per hour, and damaged body bytes per day kept in full.
+class AddressQuotas {
+public:
+    struct Limits {
+        unsigned int postsPerMinute;
+        uint64_t bytesPerHour;
+        uint64_t damagedBytesPerDay;
+    };
+    explicit AddressQuotas(Limits limits) : limits_(limits) {}
+
+    // Takes one post of `bytes` from `address`'s allowance at time `now`. False, with the
+    // seconds after which it would be allowed in `retryAfter`, when it is over either.
+    bool AdmitPost(const std::string& address, uint64_t bytes, double now,
+                   unsigned int& retryAfter);
+    // True when `bytes` more damaged bytes from `address` fit in its day's allowance (and
+    // takes them); false when the body should be kept only in part.
+    bool AdmitDamaged(const std::string& address, uint64_t bytes, double now);
+
+private:
+    struct Allowance {
+        double tokens = -1;  // post tokens; negative until first use
+        double tokensAt = 0;
+        double hourStart = 0;
+        uint64_t hourBytes = 0;
+        double dayStart = 0;
+        uint64_t dayDamaged = 0;
+        double lastSeen = 0;
+    };
+    Allowance& Find(const std::string& address, double now);
+
+    const Limits limits_;
+    std::mutex mutex_;
+    std::unordered_map<std::string, Allowance> byAddress_;
+    double lastPrune_ = 0;
+};
+
+// Body bytes held in memory by requests in progress, in all: a request reserves its
+// Content-Length before its body is read, and gives it back when it is answered.
+class BodyBudget {
+public:
+    explicit BodyBudget(uint64_t capacity) : capacity_(capacity) {}
+    bool TryReserve(uint64_t bytes);
+    void Release(uint64_t bytes) { used_ -= bytes; }
+
+private:
+    const uint64_t capacity_;
+    std::atomic<uint64_t> used_{0};
+};
+
+// Free space on the file system of the database, looked at no more than once a second.
+class FreeSpaceWatch {
+public:
+    // `directory` empty: nothing to watch (a remote database), always enough.
+    FreeSpaceWatch(std::string directory, uint64_t minFreeBytes)
+        : directory_(std::move(directory)), minFree_(minFreeBytes) {}
+    bool Enough(double now);
+
+private:
+    const std::string directory_;
+    const uint64_t minFree_;
+    std::mutex mutex_;
+    double checkedAt_ = -1;
+    bool enough_ = true;
+};
+
+// Lets one log line through per interval and counts the ones it held back, so that a flood
+// of bad input cannot flood the log.
+class LogThrottle {
+public:
+    explicit LogThrottle(double intervalSeconds) : interval_(intervalSeconds) {}
+    // True when a line may be written now; `suppressed` gets the number held back since
+    // the last line that was let through.
+    bool Allow(double now, uint64_t& suppressed);
+
+private:
+    const double interval_;
+    std::mutex mutex_;
+    double lastAt_ = -1e18;
+    uint64_t held_ = 0;
+};
+
+// Seconds on the monotonic line the classes above use.
+double MonotonicSeconds();
+
+}  // namespace collector

@@ -1,0 +1,368 @@
+#include "server/ReceiveSession.h"
+
+#include <boost/asio/dispatch.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/beast/core/string.hpp>
+#include <new>
+
+#include "HostClock.h"
+#include "report/ReportValidator.h"
+#include "server/ServerLog.h"
+
+namespace collector {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+using tcp = asio::ip::tcp;
+
+namespace {
+
+constexpr const char kLogSource[] = "ReceiveSession";
+constexpr size_t kHeaderLimit = 16 * 1024;
+// Writing an answer and the TLS goodbye get this long; a client that does not read them
+// loses its connection.
+constexpr auto kWriteTimeout = std::chrono::seconds(30);
+constexpr auto kShutdownTimeout = std::chrono::seconds(2);
+// What is kept of a damaged body past its address's daily allowance.
+constexpr size_t kDamagedKeptBytes = 4096;
+// Retry-After when storage or the body budget cannot take a post now.
+constexpr unsigned int kRetryStorage = 60;
+constexpr unsigned int kRetryBusy = 5;
+constexpr unsigned int kRetryDiskFull = 300;
+
+}  // namespace
+
+ReceiveSession::ReceiveSession(tcp::socket socket, ReceiveContext& context, std::string peerAddress,
+                               ConnectionLimiter::Slot slot)
+    : context_(context),
+      tls_(context.tls.Current()),
+      stream_(std::move(socket), *tls_),
+      address_(std::move(peerAddress)),
+      slot_(std::move(slot)) {
+    context_.metrics.ConnectionOpened();
+}
+
+ReceiveSession::~ReceiveSession() {
+    ReleaseBudget();
+    context_.metrics.ConnectionClosed();
+    if (registryId_ != 0)
+        context_.sessions.Remove(registryId_);
+}
+
+void ReceiveSession::Start() {
+    registryId_ = context_.sessions.Add(shared_from_this());
+    asio::dispatch(stream_.get_executor(), [self = shared_from_this()] {
+        if (self->context_.settings.proxyProtocol) {
+            self->ReadProxyHeader();
+        } else {
+            self->Handshake();
+        }
+    });
+}
+
+void ReceiveSession::Drain() {
+    asio::post(stream_.get_executor(), [self = shared_from_this()] {
+        if (self->state_ == State::Idle || self->state_ == State::Opening) {
+            self->Socket().cancel();
+        }
+    });
+}
+
+// --- Before the first request --------------------------------------------------------
+
+void ReceiveSession::ReadProxyHeader() {
+    Socket().expires_after(std::chrono::seconds(context_.settings.headerTimeoutSeconds));
+    const size_t have = proxyBytes_.size();
+    proxyBytes_.resize(kMaxProxyHeader);
+    Socket().async_read_some(
+        asio::buffer(&proxyBytes_[have], kMaxProxyHeader - have),
+        [self = shared_from_this(), have](beast::error_code error, size_t bytes) {
+            self->proxyBytes_.resize(have + bytes);
+            self->OnProxyBytes(error, bytes);
+        });
+}
+
+void ReceiveSession::OnProxyBytes(beast::error_code error, size_t) {
+    if (error)
+        return Close();
+    ProxyHeader header;
+    switch (ParseProxyHeader(proxyBytes_.data(), proxyBytes_.size(), header)) {
+        case ProxyParse::NeedMore:
+            return ReadProxyHeader();
+        case ProxyParse::Invalid:
+            COLLECTOR_LOG(CAppLog::Warning, "connection from %s without a valid PROXY header",
+                          address_.c_str());
+            return Close();
+        case ProxyParse::Done:
+            break;
+    }
+    if (!header.clientAddress.empty())
+        address_ = header.clientAddress;
+    slot_ = context_.connections.TryAcquire(address_);
+    if (!slot_) {
+        context_.metrics.CountRefusedConnection();
+        return Close();
+    }
+    proxyBytes_.erase(0, header.length);  // the start of the TLS handshake, if any
+    Handshake();
+}
+
+void ReceiveSession::Handshake() {
+    Socket().expires_after(std::chrono::seconds(context_.settings.headerTimeoutSeconds));
+    stream_.async_handshake(asio::ssl::stream_base::server, asio::buffer(proxyBytes_),
+                            [self = shared_from_this()](beast::error_code error, size_t) {
+                                self->proxyBytes_.clear();
+                                self->proxyBytes_.shrink_to_fit();
+                                if (error)
+                                    return self->Close();
+                                self->state_ = State::Idle;
+                                self->ReadRequest();
+                            });
+}
+
+// --- Reading a request ---------------------------------------------------------------
+
+void ReceiveSession::ReadRequest() {
+    if (context_.draining)
+        return Close();
+    if (buffer_.size() > 0)
+        return StartHeader();  // a pipelined request is waiting
+    state_ = State::Idle;
+    buffer_.shrink_to_fit();
+    Socket().expires_after(std::chrono::seconds(context_.settings.idleTimeoutSeconds));
+    stream_.async_read_some(buffer_.prepare(1024),
+                            [self = shared_from_this()](beast::error_code error, size_t bytes) {
+                                if (error)
+                                    return self->Close();
+                                self->buffer_.commit(bytes);
+                                self->StartHeader();
+                            });
+}
+
+void ReceiveSession::StartHeader() {
+    state_ = State::Header;
+    requestStart_ = std::chrono::steady_clock::now();
+    Socket().expires_at(requestStart_ +
+                        std::chrono::seconds(context_.settings.headerTimeoutSeconds));
+    parser_.emplace();
+    parser_->header_limit(kHeaderLimit);
+    parser_->body_limit(kMaxBodyBytes);
+    http::async_read_header(
+        stream_, buffer_, *parser_,
+        [self = shared_from_this()](beast::error_code error, size_t) { self->OnHeader(error); });
+}
+
+void ReceiveSession::OnHeader(beast::error_code error) {
+    if (error == http::error::header_limit)
+        return Answer(431, "header too large\n", true);
+    // Content-Length past the parser's body limit: refused from the header alone.
+    if (error == http::error::body_limit)
+        return Answer(413, "report too large\n", true);
+    if (error == beast::error::timeout || error == http::error::end_of_stream ||
+        error == asio::error::eof || error == asio::ssl::error::stream_truncated ||
+        error == asio::error::operation_aborted || error == asio::error::connection_reset) {
+        return Close();
+    }
+    if (error)
+        return Answer(400, "bad request\n", true);
+
+    const Request& request = parser_->get();
+    keepAlive_ = request.keep_alive();
+    // A body this connection will not read makes the rest of the stream unreadable.
+    const bool unreadBody = !parser_->is_done();
+    const beast::string_view target = request.target();
+    const beast::string_view path = target.substr(0, target.find('?'));
+    const bool readOnly =
+        request.method() == http::verb::get || request.method() == http::verb::head;
+
+    if (path == "/healthz" || path == "/readyz") {
+        if (!readOnly)
+            return Answer(405, "method not allowed\n", unreadBody);
+        if (path == "/healthz")
+            return Answer(200, "alive\n", unreadBody);
+        if (context_.committer.Ready())
+            return Answer(200, "ready\n", unreadBody);
+        return Answer(503, "storage unreachable\n", unreadBody, kRetryStorage);
+    }
+    if (path != "/cef/upload")
+        return Answer(404, "not found\n", unreadBody);
+    if (request.method() != http::verb::post)
+        return Answer(405, "method not allowed\n", unreadBody);
+    if (AdmitUpload(request)) {
+        state_ = State::Body;
+        if (parser_->is_done())
+            return OnBody(beast::error_code());
+        http::async_read(
+            stream_, buffer_, *parser_,
+            [self = shared_from_this()](beast::error_code error, size_t) { self->OnBody(error); });
+    }
+}
+
+bool ReceiveSession::AdmitUpload(const Request& request) {
+    // Any Transfer-Encoding is refused and the connection closed: a proxy in front that
+    // reads the framing differently could otherwise smuggle a request behind this one.
+    if (request.count(http::field::transfer_encoding) > 0) {
+        Answer(400, "Transfer-Encoding is not accepted\n", true);
+        return false;
+    }
+    const auto length = parser_->content_length();
+    if (!length) {
+        Answer(411, "Content-Length required\n", true);
+        return false;
+    }
+    if (*length > kMaxBodyBytes) {
+        Answer(413, "report too large\n", true);
+        return false;
+    }
+    const double now = MonotonicSeconds();
+    unsigned int retryAfter = 0;
+    if (context_.draining) {
+        Answer(503, "shutting down\n", true, kRetryBusy);
+    } else if (!context_.freeSpace.Enough(now)) {
+        Answer(503, "storage full\n", true, kRetryDiskFull);
+    } else if (!context_.quotas.AdmitPost(address_, *length, now, retryAfter)) {
+        Answer(429, "too many reports from this address\n", true, retryAfter);
+    } else if (!context_.budget.TryReserve(*length)) {
+        Answer(503, "busy\n", true, kRetryBusy);
+    } else {
+        reserved_ = *length;
+        const uint64_t rate = context_.settings.minBodyRate > 0 ? context_.settings.minBodyRate : 1;
+        Socket().expires_at(requestStart_ +
+                            std::chrono::seconds(context_.settings.headerTimeoutSeconds) +
+                            std::chrono::seconds(*length / rate));
+        return true;
+    }
+    return false;
+}
+
+void ReceiveSession::OnBody(beast::error_code error) {
+    if (error) {
+        // Cut short, too slow or gone: nothing of it is kept.
+        ReleaseBudget();
+        return Close();
+    }
+    state_ = State::Working;
+    const Request& request = parser_->get();
+    const bool zipped = beast::iequals(request["Zip"], "True");
+    std::string body = parser_->release().body();
+    parser_.reset();
+    context_.metrics.CountBytesReceived(body.size());
+    asio::post(context_.validators,
+               [self = shared_from_this(), body = std::move(body), zipped]() mutable {
+                   self->Validate(std::move(body), zipped);
+               });
+}
+
+// --- Validating and storing (on a validator thread) ----------------------------------
+
+void ReceiveSession::Validate(std::string body, bool zipped) {
+    ValidatedReport report;
+    try {
+        report = ValidateBody(std::move(body), zipped);
+    } catch (const std::bad_alloc&) {
+        COLLECTOR_LOG(CAppLog::Error, "out of memory validating a report from %s",
+                      address_.c_str());
+        asio::post(stream_.get_executor(), [self = shared_from_this()] {
+            self->OnStored(StoreResult::Unavailable, InsertOutcome());
+        });
+        return;
+    }
+    report.received = static_cast<int64_t>(GetCurrentTimeSeconds());
+    if (context_.settings.keepClientAddress)
+        report.clientAddress = address_;
+    if (report.kind == ReportKind::Damaged) {
+        const double now = MonotonicSeconds();
+        uint64_t suppressed = 0;
+        if (context_.damagedLog.Allow(now, suppressed)) {
+            COLLECTOR_LOG(CAppLog::Warning,
+                          "damaged report from %s (%zu bytes): %s (%llu more since the last "
+                          "one logged)",
+                          address_.c_str(), report.body.size(), report.damagedReason.c_str(),
+                          static_cast<unsigned long long>(suppressed));
+        }
+        // Past its address's daily allowance, a damaged body is kept only in part (with its
+        // hash and size), so that a broken or hostile client cannot fill the disk with it.
+        if (report.body.size() > kDamagedKeptBytes &&
+            !context_.quotas.AdmitDamaged(address_, report.body.size(), now)) {
+            report.damagedReason +=
+                "; over the address's daily allowance of damaged bytes, first " +
+                std::to_string(kDamagedKeptBytes) + " of " + std::to_string(report.body.size()) +
+                " bytes kept";
+            report.body.resize(kDamagedKeptBytes);
+            report.body.shrink_to_fit();
+        }
+    }
+    // The committer's answer must come back to this connection even while the listeners
+    // drain: the work guard keeps the connection's executor running until then.
+    auto work = asio::make_work_guard(stream_.get_executor());
+    context_.committer.Submit(
+        std::move(report),
+        [self = shared_from_this(), work](StoreResult result, const InsertOutcome& outcome) {
+            asio::post(self->stream_.get_executor(),
+                       [self, result, outcome] { self->OnStored(result, outcome); });
+        });
+}
+
+void ReceiveSession::OnStored(StoreResult result, const InsertOutcome& outcome) {
+    ReleaseBudget();
+    if (result == StoreResult::Ok) {
+        return Answer(200, outcome.duplicate ? "already stored\n" : "stored\n", false);
+    }
+    Answer(503, "could not store the report, try again later\n", false, kRetryStorage);
+}
+
+// --- Answering -------------------------------------------------------------------------
+
+void ReceiveSession::Answer(unsigned int status, const std::string& text, bool close,
+                            unsigned int retryAfter) {
+    state_ = State::Writing;
+    if (close)
+        keepAlive_ = false;
+    response_ = Response(static_cast<http::status>(status), 11);
+    response_.set(http::field::server, "pathweave-collector");
+    response_.set(http::field::content_type, "text/plain; charset=utf-8");
+    if (retryAfter > 0)
+        response_.set(http::field::retry_after, std::to_string(retryAfter));
+    if (status == 405)
+        response_.set(http::field::allow, "POST");
+    response_.body() = text;
+    response_.keep_alive(keepAlive_ && !context_.draining);
+    response_.prepare_payload();
+    Socket().expires_after(kWriteTimeout);
+    http::async_write(stream_, response_,
+                      [self = shared_from_this(), status](beast::error_code error, size_t) {
+                          self->OnWritten(error, status);
+                      });
+}
+
+void ReceiveSession::OnWritten(beast::error_code error, unsigned int status) {
+    context_.metrics.CountRequest(status);
+    if (error || !response_.keep_alive())
+        return Close();
+    ReadRequest();
+}
+
+void ReceiveSession::Close() {
+    if (state_ == State::Closing)
+        return;
+    const bool secured = state_ != State::Opening;
+    state_ = State::Closing;
+    ReleaseBudget();
+    if (!secured)
+        return Socket().close();  // no TLS session to end
+    Socket().expires_after(kShutdownTimeout);
+    stream_.async_shutdown([self = shared_from_this()](beast::error_code) {
+        beast::error_code ignored;
+        self->Socket().socket().shutdown(tcp::socket::shutdown_both, ignored);
+        self->Socket().close();
+    });
+}
+
+void ReceiveSession::ReleaseBudget() {
+    if (reserved_ > 0)
+        context_.budget.Release(reserved_);
+    reserved_ = 0;
+}
+
+}  // namespace collector

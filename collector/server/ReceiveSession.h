@@ -1,0 +1,88 @@
+// One connection of a receiving listener: the PROXY header (when the listener expects
+// one), the TLS handshake, then requests one after another (keep-alive, pipelining) until
+// the client closes, a limit closes it, or the collector drains.
+//
+// A request's limits are checked as soon as its header is read, before any of its body:
+// the path and method, Content-Length (present, not over the largest report),
+// Transfer-Encoding (refused outright), draining, free space, the client address's
+// allowance and the body budget. The header must arrive within header_timeout of the
+// request's first byte and the body at min_body_rate after that; an idle connection is
+// closed after idle_timeout. A body that arrives whole is validated on the validators'
+// pool, handed to the committer and answered when its batch is durable (200) or could
+// not be stored (503 with Retry-After); a body cut short stores nothing.
+//
+// Threads: everything runs on the connection's strand; the validators and the committer
+// hand their results back to it.
+#pragma once
+
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+#include <boost/beast/ssl.hpp>
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "server/Limits.h"
+#include "server/ProxyHeader.h"
+#include "server/ReceiveContext.h"
+#include "server/SessionRegistry.h"
+
+namespace collector {
+
+class ReceiveSession : public Drainable, public std::enable_shared_from_this<ReceiveSession> {
+public:
+    // `slot` is empty when the listener expects a PROXY header: the slot is taken for the
+    // address that the header names.
+    ReceiveSession(boost::asio::ip::tcp::socket socket, ReceiveContext& context,
+                   std::string peerAddress, ConnectionLimiter::Slot slot);
+    ~ReceiveSession() override;
+
+    void Start();
+    void Drain() override;
+
+private:
+    using Request = boost::beast::http::request<boost::beast::http::string_body>;
+    using Response = boost::beast::http::response<boost::beast::http::string_body>;
+    enum class State { Opening, Idle, Header, Body, Working, Writing, Closing };
+
+    void ReadProxyHeader();
+    void OnProxyBytes(boost::beast::error_code error, size_t bytes);
+    void Handshake();
+    void ReadRequest();
+    void StartHeader();
+    void OnHeader(boost::beast::error_code error);
+    // Checks a POST /cef/upload header and starts reading its body; false when it was
+    // answered instead.
+    bool AdmitUpload(const Request& request);
+    void OnBody(boost::beast::error_code error);
+    void Validate(std::string body, bool zipped);
+    void OnStored(StoreResult result, const InsertOutcome& outcome);
+    // Answers `status` with a short text; `close` ends the connection after it.
+    void Answer(unsigned int status, const std::string& text, bool close,
+                unsigned int retryAfter = 0);
+    void OnWritten(boost::beast::error_code error, unsigned int status);
+    void Close();
+    void ReleaseBudget();
+
+    boost::beast::tcp_stream& Socket() { return boost::beast::get_lowest_layer(stream_); }
+
+    ReceiveContext& context_;
+    std::shared_ptr<boost::asio::ssl::context> tls_;  // kept for the stream's lifetime
+    boost::beast::ssl_stream<boost::beast::tcp_stream> stream_;
+    std::string address_;
+    ConnectionLimiter::Slot slot_;
+    uint64_t registryId_ = 0;
+
+    State state_ = State::Opening;
+    std::string proxyBytes_;
+    boost::beast::flat_buffer buffer_;
+    std::optional<boost::beast::http::request_parser<boost::beast::http::string_body>> parser_;
+    Response response_;
+    std::chrono::steady_clock::time_point requestStart_;
+    bool keepAlive_ = true;
+    uint64_t reserved_ = 0;  // body bytes taken from the budget
+};
+
+}  // namespace collector

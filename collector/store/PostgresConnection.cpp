@@ -1,0 +1,244 @@
+// PostgreSQL behind SqlConnection, through libpq: statements prepared once per
+// connection, integers sent as int8 text and byte strings as binary bytea (so that any
+// byte, NUL and invalid UTF-8 included, round-trips), a lost connection re-established
+// before the next statement outside a transaction.
+#include <libpq-fe.h>
+
+#include <map>
+
+#include "store/SqlConnection.h"
+#include "store/StoreLog.h"
+
+namespace collector {
+
+namespace {
+
+constexpr Oid kInt8Oid = 20;
+constexpr Oid kByteaOid = 17;
+// Taken by every node before it looks at the schema version (pg_advisory_lock).
+constexpr long long kSchemaLockKey = 0x70770c01;
+
+struct ResultDeleter {
+    void operator()(PGresult* result) const { PQclear(result); }
+};
+using ResultPtr = std::unique_ptr<PGresult, ResultDeleter>;
+
+std::string Head(const std::string& sql) {
+    return sql.substr(0, std::min<size_t>(sql.size(), 60));
+}
+
+int HexDigit(char c) {
+    if (c >= '0' && c <= '9') {
+        return c - '0';
+    }
+    return (c | 0x20) - 'a' + 10;
+}
+
+// bytea's text output "\x0a1b..." as bytes.
+std::string FromHex(const char* text, int length) {
+    std::string bytes;
+    if (length < 2 || text[0] != '\\' || text[1] != 'x') {
+        return std::string(text, length);
+    }
+    bytes.reserve((length - 2) / 2);
+    for (int i = 2; i + 1 < length; i += 2) {
+        bytes.push_back(static_cast<char>(HexDigit(text[i]) << 4 | HexDigit(text[i + 1])));
+    }
+    return bytes;
+}
+
+void IgnoreNotice(void*, const char*) {}
+
+class PostgresConnection : public SqlConnection {
+public:
+    explicit PostgresConnection(PGconn* connection) : m_connection(connection) {
+        PQsetNoticeProcessor(m_connection, IgnoreNotice, nullptr);
+    }
+    ~PostgresConnection() override { PQfinish(m_connection); }
+
+    SqlDialect Dialect() const override { return SqlDialect::Postgres; }
+
+    StoreResult Exec(const std::string& sql, const std::vector<SqlValue>& params,
+                     std::vector<SqlRow>* rows) override {
+        StoreResult ready = Reconnect();
+        if (ready != StoreResult::Ok) {
+            return ready;
+        }
+        std::string name;
+        auto found = m_prepared.find(sql);
+        std::vector<Oid> types;
+        for (const SqlValue& value : params) {
+            types.push_back(value.type == SqlValue::Type::Integer ? kInt8Oid
+                            : value.type == SqlValue::Type::Null  ? 0
+                                                                  : kByteaOid);
+        }
+        if (found == m_prepared.end()) {
+            name = "s" + std::to_string(m_prepared.size());
+            ResultPtr prepared(PQprepare(m_connection, name.c_str(), sql.c_str(),
+                                         static_cast<int>(types.size()), types.data()));
+            if (PQresultStatus(prepared.get()) != PGRES_COMMAND_OK) {
+                return Fail(prepared.get(), sql);
+            }
+            m_prepared.emplace(sql, name);
+        } else {
+            name = found->second;
+        }
+        std::vector<std::string> integers(params.size());
+        std::vector<const char*> values(params.size());
+        std::vector<int> lengths(params.size()), formats(params.size());
+        for (size_t i = 0; i < params.size(); ++i) {
+            const SqlValue& value = params[i];
+            switch (value.type) {
+                case SqlValue::Type::Null:
+                    values[i] = nullptr;
+                    break;
+                case SqlValue::Type::Integer:
+                    integers[i] = std::to_string(value.integer);
+                    values[i] = integers[i].c_str();
+                    break;
+                case SqlValue::Type::Text:
+                case SqlValue::Type::Blob:
+                    values[i] = value.text.data();
+                    lengths[i] = static_cast<int>(value.text.size());
+                    formats[i] = 1;
+                    break;
+            }
+        }
+        ResultPtr result(PQexecPrepared(m_connection, name.c_str(), static_cast<int>(params.size()),
+                                        values.data(), lengths.data(), formats.data(), 0));
+        ExecStatusType status = PQresultStatus(result.get());
+        if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
+            return Fail(result.get(), sql);
+        }
+        if (rows != nullptr && status == PGRES_TUPLES_OK) {
+            int count = PQntuples(result.get());
+            int columns = PQnfields(result.get());
+            for (int r = 0; r < count; ++r) {
+                SqlRow row(columns);
+                for (int c = 0; c < columns; ++c) {
+                    if (PQgetisnull(result.get(), r, c)) {
+                        continue;
+                    }
+                    row[c].null = false;
+                    const char* text = PQgetvalue(result.get(), r, c);
+                    int length = PQgetlength(result.get(), r, c);
+                    row[c].bytes = PQftype(result.get(), c) == kByteaOid
+                                       ? FromHex(text, length)
+                                       : std::string(text, length);
+                }
+                rows->push_back(std::move(row));
+            }
+        }
+        return StoreResult::Ok;
+    }
+
+    StoreResult ExecScript(const std::string& sql) override {
+        StoreResult ready = Reconnect();
+        if (ready != StoreResult::Ok) {
+            return ready;
+        }
+        ResultPtr result(PQexec(m_connection, sql.c_str()));
+        ExecStatusType status = PQresultStatus(result.get());
+        if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
+            return Fail(result.get(), sql);
+        }
+        // COMMIT of a transaction that failed answers ROLLBACK, not an error.
+        if (sql == "COMMIT" && std::string(PQcmdStatus(result.get())) != "COMMIT") {
+            STORE_LOG(CAppLog::Error, "PostgreSQL rolled the transaction back");
+            return StoreResult::Error;
+        }
+        return StoreResult::Ok;
+    }
+
+    StoreResult Begin() override {
+        m_retryable = false;
+        m_inTransaction = false;
+        StoreResult result = ExecScript("BEGIN");
+        m_inTransaction = result == StoreResult::Ok;
+        return result;
+    }
+    StoreResult Commit() override {
+        StoreResult result = ExecScript("COMMIT");
+        m_inTransaction = false;
+        return result;
+    }
+    void Rollback() override {
+        m_inTransaction = false;
+        if (PQstatus(m_connection) == CONNECTION_OK &&
+            PQtransactionStatus(m_connection) != PQTRANS_IDLE) {
+            ResultPtr result(PQexec(m_connection, "ROLLBACK"));
+        }
+    }
+    bool LastFailureRetryable() const override { return m_retryable; }
+
+    StoreResult LockSchema() override {
+        return Exec("SELECT pg_advisory_lock($1)", {static_cast<int64_t>(kSchemaLockKey)}, nullptr);
+    }
+    void UnlockSchema() override {
+        Exec("SELECT pg_advisory_unlock($1)", {static_cast<int64_t>(kSchemaLockKey)}, nullptr);
+    }
+
+    // Plain VACUUM: the space becomes free for new rows at once and trailing pages go
+    // back to the file system, without the exclusive lock of VACUUM FULL.
+    StoreResult Reclaim() override { return ExecScript("VACUUM"); }
+
+private:
+    // A connection that broke is made again, but never inside a transaction: the
+    // transaction is lost and the caller's retry starts a new one.
+    StoreResult Reconnect() {
+        if (PQstatus(m_connection) == CONNECTION_OK) {
+            return StoreResult::Ok;
+        }
+        if (m_inTransaction) {
+            return StoreResult::Unavailable;
+        }
+        PQreset(m_connection);
+        m_prepared.clear();
+        if (PQstatus(m_connection) != CONNECTION_OK) {
+            if (!m_reportedDown) {
+                STORE_LOG(CAppLog::Error, "PostgreSQL unreachable: %s",
+                          PQerrorMessage(m_connection));
+                m_reportedDown = true;
+            }
+            return StoreResult::Unavailable;
+        }
+        STORE_LOG(CAppLog::Information, "PostgreSQL reachable again");
+        m_reportedDown = false;
+        return StoreResult::Ok;
+    }
+
+    StoreResult Fail(const PGresult* result, const std::string& sql) {
+        const char* state = result ? PQresultErrorField(result, PG_DIAG_SQLSTATE) : nullptr;
+        std::string code = state ? state : "";
+        m_retryable = code == "40P01" || code == "40001";
+        if (!m_retryable) {
+            STORE_LOG(CAppLog::Error, "PostgreSQL %s: %s in \"%s\"", code.c_str(),
+                      PQerrorMessage(m_connection), Head(sql).c_str());
+        }
+        if (PQstatus(m_connection) != CONNECTION_OK || code.compare(0, 2, "08") == 0 ||
+            code.compare(0, 2, "53") == 0 || code.compare(0, 2, "57") == 0 || code.empty()) {
+            return StoreResult::Unavailable;
+        }
+        return StoreResult::Error;
+    }
+
+    PGconn* m_connection;
+    std::map<std::string, std::string> m_prepared;
+    bool m_retryable = false;
+    bool m_inTransaction = false;
+    bool m_reportedDown = false;
+};
+
+}  // namespace
+
+std::unique_ptr<SqlConnection> OpenPostgres(const std::string& uri, std::string& error) {
+    PGconn* connection = PQconnectdb(uri.c_str());
+    if (PQstatus(connection) != CONNECTION_OK) {
+        error = std::string("cannot connect to PostgreSQL: ") + PQerrorMessage(connection);
+        PQfinish(connection);
+        return nullptr;
+    }
+    return std::make_unique<PostgresConnection>(connection);
+}
+
+}  // namespace collector

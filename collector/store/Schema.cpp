@@ -1,0 +1,234 @@
+#include "store/Schema.h"
+
+#include <vector>
+
+#include "store/StoreLog.h"
+
+namespace collector {
+
+namespace {
+
+// Statements are written once for both back ends; these words differ:
+//   {ID}   the report id column    {T} a text column    {B} a byte column
+//   {KEY}  "PRIMARY KEY" for a rollup's key in SQLite, where rollups are updated in
+//          place (one writer at a time anyway); nothing in PostgreSQL, where every batch
+//          adds its own rows (summed on read, compacted by the daily purge), so that no
+//          row is updated by every node's every batch.
+//   {JSON} PostgreSQL's queryable copy of the module data (null when jsonb cannot hold it)
+const char* const kVersion1 = R"(
+CREATE TABLE reports (
+    id {ID},
+    received BIGINT NOT NULL,
+    kind INTEGER NOT NULL,
+    machine_id {T} NOT NULL,
+    customer_id {T} NOT NULL,
+    version {T} NOT NULL,
+    os_type {T} NOT NULL, os_name {T} NOT NULL, os_version_details {T} NOT NULL,
+    os_locale {T} NOT NULL,
+    os_major BIGINT NOT NULL, os_minor BIGINT NOT NULL, os_build BIGINT NOT NULL,
+    has_period INTEGER NOT NULL, period_start BIGINT NOT NULL, period_end BIGINT NOT NULL,
+    modules {B} NOT NULL,
+    size BIGINT NOT NULL,
+    sha256 {T} NOT NULL,
+    body {B} NOT NULL,
+    client_address {T} NOT NULL,
+    damaged_reason {T} NOT NULL,
+    module_data {B} NOT NULL{JSON},
+    has_threat INTEGER NOT NULL,
+    threat_incident {T} NOT NULL,
+    UNIQUE (machine_id, period_start, period_end, sha256)
+);
+CREATE INDEX reports_by_time ON reports (received, id);
+CREATE INDEX reports_by_machine ON reports (machine_id, received, id);
+CREATE INDEX reports_by_kind ON reports (kind, received, id);
+CREATE INDEX reports_by_version ON reports (version, received, id);
+CREATE INDEX reports_by_customer ON reports (customer_id, received, id);
+CREATE TABLE report_modules (
+    report_id BIGINT NOT NULL REFERENCES reports (id) ON DELETE CASCADE,
+    module {T} NOT NULL,
+    received BIGINT NOT NULL,
+    PRIMARY KEY (report_id, module)
+);
+CREATE INDEX report_modules_by_module ON report_modules (module, received, report_id);
+CREATE TABLE dumps (
+    machine_id {T} NOT NULL, module {T} NOT NULL, sha256 {T} NOT NULL,
+    size BIGINT NOT NULL,
+    bytes {B} NOT NULL,
+    PRIMARY KEY (machine_id, module, sha256)
+);
+CREATE TABLE report_dumps (
+    report_id BIGINT NOT NULL REFERENCES reports (id) ON DELETE CASCADE,
+    machine_id {T} NOT NULL, module {T} NOT NULL, sha256 {T} NOT NULL,
+    size BIGINT NOT NULL,
+    repeat INTEGER NOT NULL,
+    PRIMARY KEY (report_id, module)
+);
+CREATE INDEX report_dumps_by_dump ON report_dumps (machine_id, module, sha256);
+CREATE TABLE duplicates (
+    report_id BIGINT NOT NULL REFERENCES reports (id) ON DELETE CASCADE,
+    received BIGINT NOT NULL
+);
+CREATE INDEX duplicates_by_report ON duplicates (report_id);
+CREATE TABLE machine_days (
+    day BIGINT NOT NULL, machine_id {T} NOT NULL,
+    PRIMARY KEY (day, machine_id)
+);
+CREATE INDEX machine_days_by_machine ON machine_days (machine_id);
+CREATE TABLE daily (
+    day BIGINT NOT NULL {KEY},
+    feedback BIGINT NOT NULL, crash BIGINT NOT NULL, threat BIGINT NOT NULL,
+    damaged BIGINT NOT NULL, duplicates BIGINT NOT NULL, machines BIGINT NOT NULL,
+    bytes BIGINT NOT NULL
+);
+CREATE INDEX daily_by_day ON daily (day);
+CREATE TABLE module_fields (
+    module {T} NOT NULL, path {T} NOT NULL, kind INTEGER NOT NULL,
+    PRIMARY KEY (module, path)
+);
+CREATE TABLE module_values (
+    module {T} NOT NULL, path {T} NOT NULL, value {T} NOT NULL,
+    PRIMARY KEY (module, path, value)
+);
+CREATE TABLE field_days (
+    module {T} NOT NULL, day BIGINT NOT NULL, path {T} NOT NULL,
+    count BIGINT NOT NULL, sum BIGINT NOT NULL, min BIGINT, max BIGINT
+    {FIELDKEY}
+);
+CREATE INDEX field_days_by_module ON field_days (module, day);
+CREATE TABLE value_days (
+    module {T} NOT NULL, day BIGINT NOT NULL, path {T} NOT NULL, value {T} NOT NULL,
+    count BIGINT NOT NULL
+    {VALUEKEY}
+);
+CREATE INDEX value_days_by_module ON value_days (module, day);
+)";
+
+// Version 2: breakdowns (by version, OS, locale, customer, crashing module, module),
+// filled from the reports already kept.
+const char* const kVersion2 = R"(
+CREATE TABLE breakdown (
+    dim INTEGER NOT NULL, day BIGINT NOT NULL, value {T} NOT NULL,
+    count BIGINT NOT NULL, repeats BIGINT NOT NULL
+    {BREAKDOWNKEY}
+);
+CREATE INDEX breakdown_by_dim ON breakdown (dim, day);
+INSERT INTO breakdown (dim, day, value, count, repeats)
+    SELECT 0, received / 86400, version, count(*), 0 FROM reports WHERE kind <> 3
+    GROUP BY received / 86400, version;
+INSERT INTO breakdown (dim, day, value, count, repeats)
+    SELECT 1, received / 86400, os_name, count(*), 0 FROM reports WHERE kind <> 3
+    GROUP BY received / 86400, os_name;
+INSERT INTO breakdown (dim, day, value, count, repeats)
+    SELECT 2, received / 86400, os_locale, count(*), 0 FROM reports WHERE kind <> 3
+    GROUP BY received / 86400, os_locale;
+INSERT INTO breakdown (dim, day, value, count, repeats)
+    SELECT 3, received / 86400, customer_id, count(*), 0 FROM reports WHERE kind <> 3
+    GROUP BY received / 86400, customer_id;
+INSERT INTO breakdown (dim, day, value, count, repeats)
+    SELECT 4, r.received / 86400, d.module, sum(1 - d.repeat), sum(d.repeat)
+    FROM report_dumps d JOIN reports r ON r.id = d.report_id
+    GROUP BY r.received / 86400, d.module;
+INSERT INTO breakdown (dim, day, value, count, repeats)
+    SELECT 5, received / 86400, module, count(*), 0 FROM report_modules
+    GROUP BY received / 86400, module;
+)";
+
+void ReplaceAll(std::string& text, const std::string& word, const std::string& with) {
+    for (size_t at = text.find(word); at != std::string::npos;
+         at = text.find(word, at + with.size())) {
+        text.replace(at, word.size(), with);
+    }
+}
+
+std::string ForDialect(const char* statements, SqlDialect dialect) {
+    std::string text = statements;
+    bool sqlite = dialect == SqlDialect::Sqlite;
+    ReplaceAll(
+        text, "{ID}",
+        sqlite ? "INTEGER PRIMARY KEY" : "BIGINT GENERATED BY DEFAULT AS IDENTITY PRIMARY KEY");
+    ReplaceAll(text, "{T}", sqlite ? "TEXT" : "BYTEA");
+    ReplaceAll(text, "{B}", sqlite ? "BLOB" : "BYTEA");
+    ReplaceAll(text, "{KEY}", sqlite ? "PRIMARY KEY" : "");
+    ReplaceAll(text, "{FIELDKEY}", sqlite ? ", PRIMARY KEY (module, day, path)" : "");
+    ReplaceAll(text, "{VALUEKEY}", sqlite ? ", PRIMARY KEY (module, day, path, value)" : "");
+    ReplaceAll(text, "{BREAKDOWNKEY}", sqlite ? ", PRIMARY KEY (dim, day, value)" : "");
+    ReplaceAll(text, "{JSON}", sqlite ? "" : ",\n    module_json JSONB");
+    return text;
+}
+
+// PostgreSQL: the module data as jsonb when jsonb can hold it (it cannot hold \u0000, a
+// lone surrogate or bytes that are not UTF-8), else null; the bytes are kept either way.
+const char* const kPostgresFunctions = R"(
+CREATE OR REPLACE FUNCTION pw_jsonb(data BYTEA) RETURNS JSONB AS $$
+BEGIN
+    IF length(data) = 0 THEN
+        RETURN NULL;
+    END IF;
+    RETURN convert_from(data, 'UTF8')::jsonb;
+EXCEPTION WHEN others THEN
+    RETURN NULL;
+END
+$$ LANGUAGE plpgsql IMMUTABLE;
+)";
+
+StoreResult ReadVersion(SqlConnection& connection, int& version) {
+    std::vector<SqlRow> rows;
+    StoreResult result = connection.Exec("SELECT max(version) FROM schema_version", {}, &rows);
+    version = result == StoreResult::Ok && !rows.empty() ? static_cast<int>(rows[0][0].Int()) : 0;
+    return result;
+}
+
+StoreResult Migrate(SqlConnection& connection, int target, int& version, std::string& error) {
+    StoreResult result = connection.ExecScript(
+        "CREATE TABLE IF NOT EXISTS schema_version (version INTEGER NOT NULL)");
+    if (result != StoreResult::Ok) {
+        error = "cannot create the schema version table";
+        return result;
+    }
+    if ((result = ReadVersion(connection, version)) != StoreResult::Ok) {
+        error = "cannot read the schema version";
+        return result;
+    }
+    if (version > kSchemaVersion) {
+        error = "the database's schema (version " + std::to_string(version) +
+                ") is newer than this collector's (" + std::to_string(kSchemaVersion) + ")";
+        return StoreResult::Error;
+    }
+    const char* const steps[] = {kVersion1, kVersion2};
+    while (version < target) {
+        if ((result = connection.Begin()) != StoreResult::Ok) {
+            error = "cannot begin a schema change";
+            return result;
+        }
+        int next = version + 1;
+        std::string script = ForDialect(steps[version], connection.Dialect());
+        if (next == 1 && connection.Dialect() == SqlDialect::Postgres) {
+            script = kPostgresFunctions + script;
+        }
+        script += "INSERT INTO schema_version (version) VALUES (" + std::to_string(next) + ");";
+        if ((result = connection.ExecScript(script)) != StoreResult::Ok ||
+            (result = connection.Commit()) != StoreResult::Ok) {
+            connection.Rollback();
+            error = "cannot bring the schema to version " + std::to_string(next);
+            return result;
+        }
+        STORE_LOG(CAppLog::Information, "Store schema brought to version %d", next);
+        version = next;
+    }
+    return StoreResult::Ok;
+}
+
+}  // namespace
+
+StoreResult MigrateSchema(SqlConnection& connection, int target, int& version, std::string& error) {
+    StoreResult result = connection.LockSchema();
+    if (result != StoreResult::Ok) {
+        error = "cannot take the schema lock";
+        return result;
+    }
+    result = Migrate(connection, target, version, error);
+    connection.UnlockSchema();
+    return result;
+}
+
+}  // namespace collector

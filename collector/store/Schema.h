@@ -1,0 +1,21 @@
+// The store's tables, and the migrations that bring an older database up to date.
+//
+// Versions only grow; each migration runs in one transaction with the version it sets,
+// so a database is always at exactly one version. Several processes starting at once
+// take the back end's schema lock first, so that only one of them migrates.
+#pragma once
+
+#include <string>
+
+#include "store/SqlConnection.h"
+
+namespace collector {
+
+// The version this collector writes.
+constexpr int kSchemaVersion = 2;
+
+// Brings the database behind `connection` to `target` (at most kSchemaVersion); `version`
+// gets the version it is at afterwards. A database newer than this collector is refused.
+StoreResult MigrateSchema(SqlConnection& connection, int target, int& version, std::string& error);
+
+}  // namespace collector

@@ -1,0 +1,80 @@
+// The little the store needs from a database client: statements with numbered parameters
+// ($1, $2, ...), rows of byte strings back, and transactions. One implementation per
+// back end (SqliteConnection, PostgresConnection); the store's logic (SqlStore) is
+// written once over this.
+//
+// Text parameters are bytes: any byte sequence, NUL and invalid UTF-8 included, comes
+// back exactly as it went in. Threads: one thread at a time, like the Store that owns it.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "store/Store.h"
+
+namespace collector {
+
+struct SqlValue {
+    enum class Type { Null, Integer, Text, Blob } type = Type::Null;
+    int64_t integer = 0;
+    std::string text;
+
+    SqlValue() = default;
+    SqlValue(int64_t value) : type(Type::Integer), integer(value) {}
+    SqlValue(int value) : type(Type::Integer), integer(value) {}
+    SqlValue(const std::string& value) : type(Type::Text), text(value) {}
+    SqlValue(const char* value) : type(Type::Text), text(value) {}
+    static SqlValue Blob(const std::string& bytes) {
+        SqlValue value(bytes);
+        value.type = Type::Blob;
+        return value;
+    }
+};
+
+// A result cell: bytes, or null.
+struct SqlCell {
+    bool null = true;
+    std::string bytes;
+    int64_t Int() const;
+};
+using SqlRow = std::vector<SqlCell>;
+
+enum class SqlDialect { Sqlite, Postgres };
+
+class SqlConnection {
+public:
+    virtual ~SqlConnection() = default;
+    virtual SqlDialect Dialect() const = 0;
+
+    // Runs one statement; its rows are appended to `rows` when not null. A failure is
+    // logged with the statement's first words and mapped to Unavailable (storage gone,
+    // full, busy past the timeout) or Error.
+    virtual StoreResult Exec(const std::string& sql, const std::vector<SqlValue>& params,
+                             std::vector<SqlRow>* rows) = 0;
+    // Runs several statements without parameters (schema).
+    virtual StoreResult ExecScript(const std::string& sql) = 0;
+
+    // BEGIN (write intent: SQLite takes its lock at once), COMMIT, ROLLBACK.
+    virtual StoreResult Begin() = 0;
+    virtual StoreResult Commit() = 0;
+    virtual void Rollback() = 0;
+    // True when the last failure was a conflict that a retry of the whole transaction
+    // resolves (PostgreSQL deadlock or serialization failure).
+    virtual bool LastFailureRetryable() const = 0;
+
+    // Serialises schema changes between processes starting at once; released by Unlock.
+    virtual StoreResult LockSchema() = 0;
+    virtual void UnlockSchema() = 0;
+
+    // Gives the space of deleted rows back (after a purge); outside a transaction.
+    virtual StoreResult Reclaim() = 0;
+};
+
+// `path`: a SQLite file, made 0600 in a directory made 0700 when missing.
+std::unique_ptr<SqlConnection> OpenSqlite(const std::string& path, std::string& error);
+// `uri`: a postgresql:// connection URI.
+std::unique_ptr<SqlConnection> OpenPostgres(const std::string& uri, std::string& error);
+
+}  // namespace collector

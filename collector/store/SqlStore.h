@@ -1,0 +1,102 @@
+// The store's logic, written once over SqlConnection for both back ends.
+//
+// A batch is written in one transaction: the reports (a duplicate caught by the unique
+// key on machine id, period and SHA-256), their modules and dumps (a dump kept once per
+// machine, module and dump SHA-256; a later copy marked as a repeat), and the rollups
+// that the daily figures, breakdowns and module fields are read from. The rollups of a
+// batch are summed in memory first and written as one row per key.
+#pragma once
+
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "store/ModuleFields.h"
+#include "store/SqlConnection.h"
+
+namespace collector {
+
+// Breakdown dimensions kept in the rollups: BreakdownBy's values, then the report count
+// per module that Modules() reads.
+constexpr int kModuleDimension = 5;
+
+class SqlStore : public Store {
+public:
+    SqlStore(std::unique_ptr<SqlConnection> connection, int schemaVersion);
+
+    StoreResult InsertBatch(const std::vector<ValidatedReport>& batch,
+                            std::vector<InsertOutcome>& outcomes) override;
+    StoreResult Ping() override;
+    StoreResult CopyBatch(const std::vector<ValidatedReport>& batch,
+                          const std::vector<std::vector<int64_t>>& duplicateTimes,
+                          std::vector<InsertOutcome>& outcomes) override;
+
+    StoreResult ListReports(const ReportFilter& filter, const ReportCursor& after, int limit,
+                            std::vector<ReportSummary>& reports, ReportCursor& next) override;
+    StoreResult ScanReports(const ReportFilter& filter, int64_t afterId, int limit,
+                            std::vector<StoredReport>& reports) override;
+    StoreResult GetReport(int64_t id, StoredReport& report) override;
+    StoreResult GetDump(int64_t id, const std::string& module, std::string& bytes) override;
+    StoreResult MachineReports(const std::string& machineId,
+                               std::vector<ReportSummary>& reports) override;
+    StoreResult Daily(int64_t firstDay, int64_t lastDay, std::vector<DailyFigures>& days) override;
+    StoreResult Breakdown(BreakdownBy by, int64_t firstDay, int64_t lastDay,
+                          std::vector<BreakdownRow>& rows) override;
+    StoreResult Modules(std::vector<ModuleSummary>& modules) override;
+    StoreResult ModuleFields(const std::string& module, int64_t firstDay, int64_t lastDay,
+                             std::vector<ModuleField>& fields) override;
+    StoreResult Totals(StoreTotals& totals) override;
+    StoreResult PurgeOlderThan(int64_t before, int64_t& removed) override;
+    StoreResult PurgeMachine(const std::string& machineId, int64_t& removed) override;
+
+private:
+    // One report to write: what was validated, and (when copied from another store) the
+    // dumps' bytes and the arrivals of its duplicates.
+    struct Pending {
+        const ValidatedReport* report;
+        const std::vector<int64_t>* duplicateTimes;
+    };
+
+    StoreResult Insert(const std::vector<Pending>& batch, std::vector<InsertOutcome>& outcomes);
+    // The report's row; a duplicate is counted and gets the earlier row's id.
+    StoreResult InsertRow(const Pending& pending, InsertOutcome& outcome, Rollup& rollup);
+    // What a new report adds besides its row: modules, figures, module fields.
+    StoreResult InsertDetails(const Pending& pending, int64_t id, Rollup& rollup);
+    // The dumps of the batch's new reports, in the order of their keys.
+    StoreResult InsertDumps(const std::vector<Pending>& batch,
+                            const std::vector<InsertOutcome>& outcomes, Rollup& rollup);
+    StoreResult InsertMachineDays(const std::vector<Pending>& batch,
+                                  const std::vector<InsertOutcome>& outcomes, Rollup& rollup);
+    StoreResult WriteRollup(const Rollup& rollup);
+    // Adds the fields of `moduleDataJson` on `day` to `rollup` (sign -1 takes them away),
+    // within the caps on distinct fields and values.
+    StoreResult AddModuleFields(const std::string& moduleDataJson, int64_t day, int sign,
+                                Rollup& rollup);
+    StoreResult FieldKindOf(const std::string& module, const std::string& path, FieldKind kind,
+                            bool& accepted);
+    StoreResult ValueKept(const std::string& module, const std::string& path,
+                          const std::string& value, bool& kept);
+    // Runs `work` in a transaction, again when the back end asks for a retry.
+    template <typename Work>
+    StoreResult InTransaction(Work work);
+    StoreResult Purge(const std::string& where, const std::vector<SqlValue>& params,
+                      int64_t& removed);
+    StoreResult Compact();
+    StoreResult Summaries(const std::string& sql, const std::vector<SqlValue>& params,
+                          std::vector<ReportSummary>& reports);
+
+    std::unique_ptr<SqlConnection> m_db;
+    bool m_sqlite;
+    int m_schemaVersion;
+    // Known fields per module and values per field, so that a batch asks the database
+    // only about new ones. Cleared when a transaction fails.
+    std::map<std::string, std::map<std::string, FieldKind>> m_fields;
+    std::map<std::pair<std::string, std::string>, std::set<std::string>> m_values;
+};
+
+// Opens `database` and brings its schema to `schemaVersion` (tests open older ones).
+std::unique_ptr<Store> OpenStoreAtVersion(const std::string& database, int schemaVersion,
+                                          std::string& error);
+
+}  // namespace collector

@@ -1,0 +1,427 @@
+// SqlStore: listings, one report, dumps, and the figures read from the rollups.
+#include <algorithm>
+
+#include "store/Schema.h"
+#include "store/SqlStore.h"
+
+namespace collector {
+
+namespace {
+
+const char* const kSummaryColumns =
+    "r.id, r.received, r.machine_id, r.customer_id, r.version, r.kind, r.has_period, "
+    "r.period_start, r.period_end, r.modules, r.size, r.sha256, r.os_name, r.os_major, "
+    "r.os_minor, r.os_build";
+constexpr int kSummaryColumnCount = 16;
+
+std::vector<std::string> SplitModules(const std::string& joined) {
+    std::vector<std::string> modules;
+    if (joined.empty()) {
+        return modules;
+    }
+    size_t start = 0;
+    for (;;) {
+        size_t end = joined.find('\0', start);
+        modules.push_back(joined.substr(start, end - start));
+        if (end == std::string::npos) {
+            return modules;
+        }
+        start = end + 1;
+    }
+}
+
+ReportSummary ToSummary(const SqlRow& row) {
+    ReportSummary s;
+    s.id = row[0].Int();
+    s.received = row[1].Int();
+    s.machineId = row[2].bytes;
+    s.customerId = row[3].bytes;
+    s.version = row[4].bytes;
+    s.kind = static_cast<ReportKind>(row[5].Int());
+    s.hasPeriod = row[6].Int() != 0;
+    s.periodStart = row[7].Int();
+    s.periodEnd = row[8].Int();
+    s.modules = SplitModules(row[9].bytes);
+    s.size = static_cast<uint64_t>(row[10].Int());
+    s.sha256 = row[11].bytes;
+    s.osName = row[12].bytes;
+    s.osVersion = row[13].bytes + "." + row[14].bytes + "." + row[15].bytes;
+    return s;
+}
+
+// The filter as SQL conditions on reports r, its values appended to `params`.
+std::string Conditions(const ReportFilter& filter, std::vector<SqlValue>& params) {
+    std::string where;
+    auto add = [&](const std::string& condition, SqlValue value) {
+        params.push_back(std::move(value));
+        where += (where.empty() ? " WHERE " : " AND ") + condition + " $" +
+                 std::to_string(params.size());
+    };
+    if (filter.hasKind) {
+        add("r.kind =", static_cast<int>(filter.kind));
+    }
+    if (!filter.machineId.empty()) {
+        add("r.machine_id =", filter.machineId);
+    }
+    if (!filter.customerId.empty()) {
+        add("r.customer_id =", filter.customerId);
+    }
+    if (!filter.version.empty()) {
+        add("r.version =", filter.version);
+    }
+    if (filter.since != 0) {
+        add("r.received >=", filter.since);
+    }
+    if (filter.until != 0) {
+        add("r.received <", filter.until);
+    }
+    return where;
+}
+
+}  // namespace
+
+bool ParseBreakdownBy(const std::string& text, BreakdownBy& by) {
+    const char* const names[] = {"version", "os", "locale", "customer", "crash_module"};
+    for (int i = 0; i < 5; ++i) {
+        if (text == names[i]) {
+            by = static_cast<BreakdownBy>(i);
+            return true;
+        }
+    }
+    return false;
+}
+
+StoreResult SqlStore::Summaries(const std::string& sql, const std::vector<SqlValue>& params,
+                                std::vector<ReportSummary>& reports) {
+    std::vector<SqlRow> rows;
+    StoreResult result = m_db->Exec(sql, params, &rows);
+    for (const SqlRow& row : rows) {
+        reports.push_back(ToSummary(row));
+    }
+    return result;
+}
+
+StoreResult SqlStore::ListReports(const ReportFilter& filter, const ReportCursor& after, int limit,
+                                  std::vector<ReportSummary>& reports, ReportCursor& next) {
+    reports.clear();
+    next = ReportCursor();
+    std::vector<SqlValue> params;
+    std::string where = Conditions(filter, params);
+    // With a module, the walk goes along that module's index and joins each report.
+    std::string order = "r.received";
+    std::string idColumn = "r.id";
+    std::string from = " FROM reports r";
+    if (!filter.module.empty()) {
+        params.push_back(filter.module);
+        from = " FROM report_modules m JOIN reports r ON r.id = m.report_id";
+        where += (where.empty() ? " WHERE " : " AND ") + std::string("m.module = $") +
+                 std::to_string(params.size());
+        order = "m.received";
+        idColumn = "m.report_id";
+    }
+    if (after.valid) {
+        params.push_back(after.received);
+        params.push_back(after.id);
+        where += (where.empty() ? " WHERE " : " AND ") + std::string("(") + order + ", " +
+                 idColumn + ") < ($" + std::to_string(params.size() - 1) + ", $" +
+                 std::to_string(params.size()) + ")";
+    }
+    params.push_back(static_cast<int64_t>(limit) + 1);
+    std::string sql = std::string("SELECT ") + kSummaryColumns + from + where + " ORDER BY " +
+                      order + " DESC, " + idColumn + " DESC LIMIT $" +
+                      std::to_string(params.size());
+    StoreResult result = Summaries(sql, params, reports);
+    if (result == StoreResult::Ok && reports.size() > static_cast<size_t>(limit)) {
+        reports.resize(limit);
+        next.valid = true;
+        next.received = reports.back().received;
+        next.id = reports.back().id;
+    }
+    return result;
+}
+
+StoreResult SqlStore::ScanReports(const ReportFilter& filter, int64_t afterId, int limit,
+                                  std::vector<StoredReport>& reports) {
+    reports.clear();
+    std::vector<SqlValue> params;
+    std::string where = Conditions(filter, params);
+    params.push_back(afterId);
+    where += (where.empty() ? " WHERE " : " AND ") + std::string("r.id > $") +
+             std::to_string(params.size());
+    params.push_back(static_cast<int64_t>(limit));
+    std::string sql = std::string("SELECT ") + kSummaryColumns +
+                      ", r.body, r.client_address, r.damaged_reason, r.os_type, "
+                      "r.os_version_details, r.os_locale, r.module_data, r.has_threat, "
+                      "r.threat_incident FROM reports r" +
+                      where + " ORDER BY r.id LIMIT $" + std::to_string(params.size());
+    std::vector<SqlRow> rows;
+    StoreResult result = m_db->Exec(sql, params, &rows);
+    if (result != StoreResult::Ok || rows.empty()) {
+        return result;
+    }
+    for (const SqlRow& row : rows) {
+        StoredReport r;
+        r.summary = ToSummary(row);
+        const int c = kSummaryColumnCount;
+        r.body = row[c].bytes;
+        r.clientAddress = row[c + 1].bytes;
+        r.damagedReason = row[c + 2].bytes;
+        r.osType = row[c + 3].bytes;
+        r.osName = r.summary.osName;
+        r.osVersionDetails = row[c + 4].bytes;
+        r.osLocale = row[c + 5].bytes;
+        r.osMajor = row[13].Int();
+        r.osMinor = row[14].Int();
+        r.osBuild = row[15].Int();
+        r.moduleDataJson = row[c + 6].bytes;
+        r.hasThreat = row[c + 7].Int() != 0;
+        r.threatIncident = row[c + 8].bytes;
+        reports.push_back(std::move(r));
+    }
+    // Dumps and duplicate arrivals of the whole page, two statements.
+    std::vector<SqlValue> range = {reports.front().summary.id, reports.back().summary.id};
+    std::map<int64_t, StoredReport*> byId;
+    for (StoredReport& r : reports) {
+        byId[r.summary.id] = &r;
+    }
+    rows.clear();
+    result = m_db->Exec(
+        "SELECT report_id, module, size, sha256, repeat FROM report_dumps WHERE report_id "
+        "BETWEEN $1 AND $2 ORDER BY report_id, module",
+        range, &rows);
+    for (const SqlRow& row : rows) {
+        auto found = byId.find(row[0].Int());
+        if (found != byId.end()) {
+            found->second->dumps.push_back({row[1].bytes, static_cast<uint64_t>(row[2].Int()),
+                                            row[3].bytes, row[4].Int() != 0});
+        }
+    }
+    rows.clear();
+    if (result == StoreResult::Ok) {
+        result = m_db->Exec(
+            "SELECT report_id, received FROM duplicates WHERE report_id BETWEEN $1 AND $2 "
+            "ORDER BY report_id, received",
+            range, &rows);
+    }
+    for (const SqlRow& row : rows) {
+        auto found = byId.find(row[0].Int());
+        if (found != byId.end()) {
+            found->second->duplicateTimes.push_back(row[1].Int());
+        }
+    }
+    return result;
+}
+
+StoreResult SqlStore::GetReport(int64_t id, StoredReport& report) {
+    std::vector<StoredReport> reports;
+    StoreResult result = ScanReports(ReportFilter(), id - 1, 1, reports);
+    if (result != StoreResult::Ok) {
+        return result;
+    }
+    if (reports.empty() || reports[0].summary.id != id) {
+        return StoreResult::NotFound;
+    }
+    report = std::move(reports[0]);
+    return StoreResult::Ok;
+}
+
+StoreResult SqlStore::GetDump(int64_t id, const std::string& module, std::string& bytes) {
+    std::vector<SqlRow> rows;
+    StoreResult result = m_db->Exec(
+        "SELECT d.bytes FROM report_dumps r JOIN dumps d ON d.machine_id = r.machine_id AND "
+        "d.module = r.module AND d.sha256 = r.sha256 WHERE r.report_id = $1 AND r.module = $2",
+        {id, module}, &rows);
+    if (result != StoreResult::Ok) {
+        return result;
+    }
+    if (rows.empty()) {
+        return StoreResult::NotFound;
+    }
+    bytes = std::move(rows[0][0].bytes);
+    return StoreResult::Ok;
+}
+
+StoreResult SqlStore::MachineReports(const std::string& machineId,
+                                     std::vector<ReportSummary>& reports) {
+    reports.clear();
+    // The newest kMachineReports, oldest first: the unknown machine has many.
+    StoreResult result = Summaries(std::string("SELECT ") + kSummaryColumns +
+                                       " FROM reports r WHERE r.machine_id = $1 "
+                                       "ORDER BY r.received DESC, r.id DESC LIMIT $2",
+                                   {machineId, static_cast<int64_t>(kMachineReports)}, reports);
+    std::reverse(reports.begin(), reports.end());
+    if (result == StoreResult::Ok && reports.empty()) {
+        return StoreResult::NotFound;
+    }
+    return result;
+}
+
+StoreResult SqlStore::Daily(int64_t firstDay, int64_t lastDay, std::vector<DailyFigures>& days) {
+    days.clear();
+    for (int64_t day = firstDay; day <= lastDay; ++day) {
+        DailyFigures figures;
+        figures.day = day;
+        days.push_back(figures);
+    }
+    std::vector<SqlRow> rows;
+    StoreResult result = m_db->Exec(
+        "SELECT day, sum(feedback), sum(crash), sum(threat), sum(damaged), sum(duplicates), "
+        "sum(machines), sum(bytes) FROM daily WHERE day BETWEEN $1 AND $2 GROUP BY day",
+        {firstDay, lastDay}, &rows);
+    for (const SqlRow& row : rows) {
+        int64_t day = row[0].Int();
+        if (day < firstDay || day > lastDay) {
+            continue;
+        }
+        DailyFigures& figures = days[day - firstDay];
+        for (int kind = 0; kind < 4; ++kind) {
+            figures.perKind[kind] = row[1 + kind].Int();
+        }
+        figures.duplicates = row[5].Int();
+        figures.machines = row[6].Int();
+        figures.bytes = row[7].Int();
+    }
+    return result;
+}
+
+StoreResult SqlStore::Breakdown(BreakdownBy by, int64_t firstDay, int64_t lastDay,
+                                std::vector<BreakdownRow>& out) {
+    out.clear();
+    if (m_schemaVersion < 2) {
+        return StoreResult::Ok;
+    }
+    std::vector<SqlRow> rows;
+    StoreResult result = m_db->Exec(
+        "SELECT value, sum(count), sum(repeats) FROM breakdown WHERE dim = $1 AND day BETWEEN "
+        "$2 AND $3 GROUP BY value",
+        {static_cast<int>(by), firstDay, lastDay}, &rows);
+    for (const SqlRow& row : rows) {
+        BreakdownRow item{row[0].bytes, row[1].Int(), row[2].Int()};
+        if (item.count != 0 || item.repeats != 0) {
+            out.push_back(std::move(item));
+        }
+    }
+    std::sort(out.begin(), out.end(), [](const BreakdownRow& a, const BreakdownRow& b) {
+        return a.count != b.count ? a.count > b.count : a.value < b.value;
+    });
+    return result;
+}
+
+StoreResult SqlStore::Modules(std::vector<ModuleSummary>& modules) {
+    modules.clear();
+    std::vector<SqlRow> rows;
+    StoreResult result =
+        m_schemaVersion < 2
+            ? m_db->Exec("SELECT DISTINCT module, 0 FROM module_fields ORDER BY module", {}, &rows)
+            : m_db->Exec(
+                  "SELECT value, sum(count) FROM breakdown WHERE dim = $1 GROUP BY value "
+                  "ORDER BY value",
+                  {kModuleDimension}, &rows);
+    for (const SqlRow& row : rows) {
+        if (row[1].Int() != 0 || m_schemaVersion < 2) {
+            modules.push_back({row[0].bytes, row[1].Int()});
+        }
+    }
+    return result;
+}
+
+StoreResult SqlStore::ModuleFields(const std::string& module, int64_t firstDay, int64_t lastDay,
+                                   std::vector<ModuleField>& fields) {
+    fields.clear();
+    std::vector<SqlRow> rows;
+    StoreResult result = m_db->Exec(
+        "SELECT path, kind FROM module_fields WHERE module = $1 ORDER BY path", {module}, &rows);
+    if (result != StoreResult::Ok) {
+        return result;
+    }
+    if (rows.empty()) {
+        return StoreResult::NotFound;
+    }
+    std::map<std::string, size_t> index;
+    for (const SqlRow& row : rows) {
+        index[row[0].bytes] = fields.size();
+        fields.push_back({row[0].bytes, static_cast<FieldKind>(row[1].Int()), {}});
+    }
+    rows.clear();
+    result = m_db->Exec(
+        "SELECT path, day, sum(count), sum(sum), min(min), max(max) FROM field_days "
+        "WHERE module = $1 AND day BETWEEN $2 AND $3 GROUP BY path, day ORDER BY path, day",
+        {module, firstDay, lastDay}, &rows);
+    // (field, day) -> its entry, for the text values below
+    std::map<std::pair<size_t, int64_t>, ModuleFieldDay*> dayOf;
+    for (const SqlRow& row : rows) {
+        auto found = index.find(row[0].bytes);
+        if (found == index.end() || row[2].Int() == 0) {
+            continue;
+        }
+        ModuleField& field = fields[found->second];
+        ModuleFieldDay day;
+        day.day = row[1].Int();
+        day.count = row[2].Int();
+        day.sum = row[3].Int();
+        day.min = row[4].Int();
+        day.max = row[5].Int();
+        field.days.push_back(day);
+    }
+    for (size_t i = 0; i < fields.size(); ++i) {
+        for (ModuleFieldDay& day : fields[i].days) {
+            dayOf[std::make_pair(i, day.day)] = &day;
+        }
+    }
+    rows.clear();
+    if (result == StoreResult::Ok) {
+        result = m_db->Exec(
+            "SELECT path, day, value, sum(count) FROM value_days WHERE module = $1 AND day "
+            "BETWEEN $2 AND $3 GROUP BY path, day, value",
+            {module, firstDay, lastDay}, &rows);
+    }
+    for (const SqlRow& row : rows) {
+        auto found = index.find(row[0].bytes);
+        if (found == index.end() || row[3].Int() <= 0) {
+            continue;
+        }
+        auto day = dayOf.find(std::make_pair(found->second, row[1].Int()));
+        if (day != dayOf.end()) {
+            day->second->top.emplace_back(row[2].bytes, row[3].Int());
+        }
+    }
+    for (auto& entry : dayOf) {
+        auto& top = entry.second->top;
+        std::sort(top.begin(), top.end(), [](const auto& a, const auto& b) {
+            return a.second != b.second ? a.second > b.second : a.first < b.first;
+        });
+        if (top.size() > 10) {
+            top.resize(10);
+        }
+    }
+    return result;
+}
+
+StoreResult SqlStore::Totals(StoreTotals& totals) {
+    totals = StoreTotals();
+    std::vector<SqlRow> rows;
+    StoreResult result = m_db->Exec(
+        "SELECT sum(feedback), sum(crash), sum(threat), sum(damaged), sum(duplicates), "
+        "sum(bytes), min(day), max(day) FROM daily",
+        {}, &rows);
+    if (result != StoreResult::Ok || rows.empty()) {
+        return result;
+    }
+    for (int kind = 0; kind < 4; ++kind) {
+        totals.perKind[kind] = rows[0][kind].Int();
+        totals.reports += totals.perKind[kind];
+    }
+    totals.damaged = totals.perKind[static_cast<int>(ReportKind::Damaged)];
+    totals.duplicates = rows[0][4].Int();
+    totals.bytes = rows[0][5].Int();
+    if (!rows[0][6].null) {
+        totals.firstDay = rows[0][6].Int();
+        totals.lastDay = rows[0][7].Int();
+    }
+    rows.clear();
+    result = m_db->Exec("SELECT count(DISTINCT machine_id) FROM machine_days", {}, &rows);
+    totals.machines = rows.empty() ? 0 : rows[0][0].Int();
+    return result;
+}
+
+}  // namespace collector

@@ -1,0 +1,639 @@
+// SqlStore: writing batches, rollups and purges.
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+#include "store/Schema.h"
+#include "store/SqlStore.h"
+#include "store/StoreLog.h"
+
+namespace collector {
+
+namespace {
+
+constexpr int kTransactionAttempts = 8;
+
+std::string JoinModules(const std::vector<std::string>& modules) {
+    std::string joined;
+    for (const std::string& module : modules) {
+        if (!joined.empty()) {
+            joined.push_back('\0');
+        }
+        joined += module;
+    }
+    return joined;
+}
+
+bool CountsAsMachine(const std::string& machineId) {
+    return !machineId.empty() && machineId != kUnknownMachineId;
+}
+
+}  // namespace
+
+SqlStore::SqlStore(std::unique_ptr<SqlConnection> connection, int schemaVersion)
+    : m_db(std::move(connection)),
+      m_sqlite(m_db->Dialect() == SqlDialect::Sqlite),
+      m_schemaVersion(schemaVersion) {}
+
+StoreResult SqlStore::Ping() {
+    return m_db->Exec("SELECT 1", {}, nullptr);
+}
+
+template <typename Work>
+StoreResult SqlStore::InTransaction(Work work) {
+    StoreResult result = StoreResult::Error;
+    for (int attempt = 0; attempt < kTransactionAttempts; ++attempt) {
+        result = m_db->Begin();
+        if (result == StoreResult::Ok) {
+            result = work();
+        }
+        if (result == StoreResult::Ok) {
+            result = m_db->Commit();
+        }
+        if (result == StoreResult::Ok) {
+            return result;
+        }
+        m_db->Rollback();
+        m_fields.clear();
+        m_values.clear();
+        if (!m_db->LastFailureRetryable()) {
+            break;
+        }
+        // Another node's transaction won a conflict; start again a little later, at a
+        // time of our own, so that the two do not meet again at once.
+        std::this_thread::sleep_for(
+            std::chrono::milliseconds(5 + std::rand() % 20 * (attempt + 1)));
+    }
+    return result;
+}
+
+StoreResult SqlStore::InsertBatch(const std::vector<ValidatedReport>& batch,
+                                  std::vector<InsertOutcome>& outcomes) {
+    std::vector<Pending> pending;
+    pending.reserve(batch.size());
+    for (const ValidatedReport& report : batch) {
+        pending.push_back({&report, nullptr});
+    }
+    return Insert(pending, outcomes);
+}
+
+StoreResult SqlStore::CopyBatch(const std::vector<ValidatedReport>& batch,
+                                const std::vector<std::vector<int64_t>>& duplicateTimes,
+                                std::vector<InsertOutcome>& outcomes) {
+    std::vector<Pending> pending;
+    pending.reserve(batch.size());
+    for (size_t i = 0; i < batch.size(); ++i) {
+        pending.push_back({&batch[i], i < duplicateTimes.size() ? &duplicateTimes[i] : nullptr});
+    }
+    return Insert(pending, outcomes);
+}
+
+StoreResult SqlStore::Insert(const std::vector<Pending>& batch,
+                             std::vector<InsertOutcome>& outcomes) {
+    // Every transaction takes its row locks in one global order (reports by their unique
+    // key, then dumps by theirs, then machine days), so that nodes inserting overlapping
+    // batches wait for each other instead of deadlocking.
+    std::vector<size_t> order(batch.size());
+    for (size_t i = 0; i < order.size(); ++i) {
+        order[i] = i;
+    }
+    auto key = [&batch](size_t i) {
+        const ValidatedReport& r = *batch[i].report;
+        return std::tie(r.machineId, r.hasPeriod, r.periodStart, r.periodEnd, r.sha256);
+    };
+    std::stable_sort(order.begin(), order.end(),
+                     [&key](size_t a, size_t b) { return key(a) < key(b); });
+    return InTransaction([&]() {
+        outcomes.assign(batch.size(), InsertOutcome());
+        Rollup rollup;
+        StoreResult result = StoreResult::Ok;
+        for (size_t i : order) {
+            if ((result = InsertRow(batch[i], outcomes[i], rollup)) != StoreResult::Ok) {
+                return result;
+            }
+        }
+        if ((result = InsertDumps(batch, outcomes, rollup)) != StoreResult::Ok ||
+            (result = InsertMachineDays(batch, outcomes, rollup)) != StoreResult::Ok) {
+            return result;
+        }
+        for (size_t i = 0; i < batch.size(); ++i) {
+            if (!outcomes[i].duplicate &&
+                (result = InsertDetails(batch[i], outcomes[i].id, rollup)) != StoreResult::Ok) {
+                return result;
+            }
+        }
+        return WriteRollup(rollup);
+    });
+}
+
+StoreResult SqlStore::InsertRow(const Pending& pending, InsertOutcome& outcome, Rollup& rollup) {
+    const ValidatedReport& r = *pending.report;
+    const int64_t day = DayOf(r.received);
+    std::string sql =
+        "INSERT INTO reports (received, kind, machine_id, customer_id, version, os_type, "
+        "os_name, os_version_details, os_locale, os_major, os_minor, os_build, has_period, "
+        "period_start, period_end, modules, size, sha256, body, client_address, "
+        "damaged_reason, module_data, has_threat, threat_incident";
+    sql += m_sqlite ? ") VALUES ($1, $2, $3, $4, $5, $6, $7, $8, $9, $10, $11, $12, $13, $14, "
+                      "$15, $16, $17, $18, $19, $20, $21, $22, $23, $24)"
+                    : ", module_json) VALUES ($1, $2, $3, $4, $5, $6, $7, $8, $9, $10, $11, $12, "
+                      "$13, $14, $15, $16, $17, $18, $19, $20, $21, $22, $23, $24, pw_jsonb($22))";
+    sql += " ON CONFLICT (machine_id, period_start, period_end, sha256) DO NOTHING RETURNING id";
+    int64_t periodStart = r.hasPeriod ? r.periodStart : 0;
+    int64_t periodEnd = r.hasPeriod ? r.periodEnd : 0;
+    std::vector<SqlRow> rows;
+    StoreResult result = m_db->Exec(sql,
+                                    {r.received,
+                                     static_cast<int>(r.kind),
+                                     r.machineId,
+                                     r.customerId,
+                                     r.version,
+                                     r.osType,
+                                     r.osName,
+                                     r.osVersionDetails,
+                                     r.osLocale,
+                                     r.osMajor,
+                                     r.osMinor,
+                                     r.osBuild,
+                                     r.hasPeriod ? 1 : 0,
+                                     periodStart,
+                                     periodEnd,
+                                     SqlValue::Blob(JoinModules(r.modules)),
+                                     static_cast<int64_t>(r.body.size()),
+                                     r.sha256,
+                                     SqlValue::Blob(r.body),
+                                     r.clientAddress,
+                                     r.damagedReason,
+                                     SqlValue::Blob(r.moduleDataJson),
+                                     r.hasThreat ? 1 : 0,
+                                     r.threatIncident},
+                                    &rows);
+    if (result != StoreResult::Ok) {
+        return result;
+    }
+    if (!rows.empty()) {
+        outcome.id = rows[0][0].Int();
+        return StoreResult::Ok;
+    }
+    // A duplicate: the same machine, period and content is kept already.
+    result = m_db->Exec(
+        "SELECT id FROM reports WHERE machine_id = $1 AND period_start = $2 AND "
+        "period_end = $3 AND sha256 = $4",
+        {r.machineId, periodStart, periodEnd, r.sha256}, &rows);
+    if (result != StoreResult::Ok || rows.empty()) {
+        return result == StoreResult::Ok ? StoreResult::Error : result;
+    }
+    outcome.id = rows[0][0].Int();
+    outcome.duplicate = true;
+    rollup.daily[day].duplicates += 1;
+    return m_db->Exec("INSERT INTO duplicates (report_id, received) VALUES ($1, $2)",
+                      {outcome.id, r.received}, nullptr);
+}
+
+StoreResult SqlStore::InsertDetails(const Pending& pending, int64_t id, Rollup& rollup) {
+    const ValidatedReport& r = *pending.report;
+    const int64_t day = DayOf(r.received);
+    DailyDelta& daily = rollup.daily[day];
+    daily.perKind[static_cast<int>(r.kind)] += 1;
+    daily.bytes += static_cast<int64_t>(r.body.size());
+    StoreResult result = StoreResult::Ok;
+    if (pending.duplicateTimes != nullptr) {
+        for (int64_t time : *pending.duplicateTimes) {
+            rollup.daily[DayOf(time)].duplicates += 1;
+            result = m_db->Exec("INSERT INTO duplicates (report_id, received) VALUES ($1, $2)",
+                                {id, time}, nullptr);
+            if (result != StoreResult::Ok) {
+                return result;
+            }
+        }
+    }
+    for (const std::string& module : r.modules) {
+        result = m_db->Exec(
+            "INSERT INTO report_modules (report_id, module, received) VALUES ($1, $2, $3) "
+            "ON CONFLICT DO NOTHING",
+            {id, module, r.received}, nullptr);
+        if (result != StoreResult::Ok) {
+            return result;
+        }
+        rollup.breakdown[std::make_tuple(kModuleDimension, day, module)].first += 1;
+    }
+    if (r.kind != ReportKind::Damaged) {
+        const std::string* values[] = {&r.version, &r.osName, &r.osLocale, &r.customerId};
+        for (int dimension = 0; dimension < 4; ++dimension) {
+            rollup.breakdown[std::make_tuple(dimension, day, *values[dimension])].first += 1;
+        }
+    }
+    return r.moduleDataJson.empty() ? StoreResult::Ok
+                                    : AddModuleFields(r.moduleDataJson, day, 1, rollup);
+}
+
+StoreResult SqlStore::InsertMachineDays(const std::vector<Pending>& batch,
+                                        const std::vector<InsertOutcome>& outcomes,
+                                        Rollup& rollup) {
+    std::set<std::pair<int64_t, std::string>> machineDays;
+    for (size_t i = 0; i < batch.size(); ++i) {
+        const ValidatedReport& r = *batch[i].report;
+        if (!outcomes[i].duplicate && CountsAsMachine(r.machineId)) {
+            machineDays.emplace(DayOf(r.received), r.machineId);
+        }
+    }
+    for (const auto& machineDay : machineDays) {
+        std::vector<SqlRow> rows;
+        StoreResult result = m_db->Exec(
+            "INSERT INTO machine_days (day, machine_id) VALUES ($1, $2) ON CONFLICT DO NOTHING "
+            "RETURNING day",
+            {machineDay.first, machineDay.second}, &rows);
+        if (result != StoreResult::Ok) {
+            return result;
+        }
+        rollup.daily[machineDay.first].machines += static_cast<int64_t>(rows.size());
+    }
+    return StoreResult::Ok;
+}
+
+StoreResult SqlStore::InsertDumps(const std::vector<Pending>& batch,
+                                  const std::vector<InsertOutcome>& outcomes, Rollup& rollup) {
+    // (machine, module, dump SHA-256, report id) -> the dump and its report
+    std::map<std::tuple<std::string, std::string, std::string, int64_t>,
+             std::pair<const CrashDump*, const ValidatedReport*>>
+        dumps;
+    for (size_t i = 0; i < batch.size(); ++i) {
+        const ValidatedReport& r = *batch[i].report;
+        if (outcomes[i].duplicate) {
+            continue;
+        }
+        for (const CrashDump& dump : r.crashDumps) {
+            dumps.emplace(std::make_tuple(r.machineId, dump.module, dump.sha256, outcomes[i].id),
+                          std::make_pair(&dump, &r));
+        }
+    }
+    for (const auto& entry : dumps) {
+        const CrashDump& dump = *entry.second.first;
+        const ValidatedReport& r = *entry.second.second;
+        const int64_t id = std::get<3>(entry.first);
+        std::vector<SqlRow> rows;
+        StoreResult result = m_db->Exec(
+            "INSERT INTO dumps (machine_id, module, sha256, size, bytes) VALUES ($1, $2, $3, "
+            "$4, $5) ON CONFLICT DO NOTHING RETURNING size",
+            {r.machineId, dump.module, dump.sha256, static_cast<int64_t>(dump.size),
+             SqlValue::Blob(dump.bytes)},
+            &rows);
+        if (result != StoreResult::Ok) {
+            return result;
+        }
+        bool repeat = rows.empty();
+        rows.clear();
+        result = m_db->Exec(
+            "INSERT INTO report_dumps (report_id, machine_id, module, sha256, size, repeat) "
+            "VALUES ($1, $2, $3, $4, $5, $6) ON CONFLICT DO NOTHING RETURNING repeat",
+            {id, r.machineId, dump.module, dump.sha256, static_cast<int64_t>(dump.size),
+             repeat ? 1 : 0},
+            &rows);
+        if (result != StoreResult::Ok) {
+            return result;
+        }
+        if (!rows.empty()) {
+            auto& counts = rollup.breakdown[std::make_tuple(
+                static_cast<int>(BreakdownBy::CrashModule), DayOf(r.received), dump.module)];
+            (repeat ? counts.second : counts.first) += 1;
+        }
+    }
+    return StoreResult::Ok;
+}
+
+StoreResult SqlStore::FieldKindOf(const std::string& module, const std::string& path,
+                                  FieldKind kind, bool& accepted) {
+    auto& known = m_fields[module];
+    auto found = known.find(path);
+    if (found == known.end()) {
+        // Loaded once per module and Store; a field new to this Store is registered
+        // unless the module has its share of fields already.
+        std::vector<SqlRow> rows;
+        StoreResult result =
+            m_db->Exec("SELECT path, kind FROM module_fields WHERE module = $1", {module}, &rows);
+        if (result != StoreResult::Ok) {
+            return result;
+        }
+        for (const SqlRow& row : rows) {
+            known[row[0].bytes] = static_cast<FieldKind>(row[1].Int());
+        }
+        found = known.find(path);
+        if (found == known.end()) {
+            if (known.size() >= static_cast<size_t>(kMaxFieldsPerModule)) {
+                accepted = false;
+                return StoreResult::Ok;
+            }
+            result = m_db->Exec(
+                "INSERT INTO module_fields (module, path, kind) VALUES ($1, $2, $3) "
+                "ON CONFLICT DO NOTHING",
+                {module, path, static_cast<int>(kind)}, nullptr);
+            if (result != StoreResult::Ok) {
+                return result;
+            }
+            found = known.emplace(path, kind).first;
+        }
+    }
+    accepted = found->second == kind;
+    return StoreResult::Ok;
+}
+
+StoreResult SqlStore::ValueKept(const std::string& module, const std::string& path,
+                                const std::string& value, bool& kept) {
+    auto key = std::make_pair(module, path);
+    auto found = m_values.find(key);
+    if (found == m_values.end()) {
+        std::vector<SqlRow> rows;
+        StoreResult result =
+            m_db->Exec("SELECT value FROM module_values WHERE module = $1 AND path = $2",
+                       {module, path}, &rows);
+        if (result != StoreResult::Ok) {
+            return result;
+        }
+        found = m_values.emplace(key, std::set<std::string>()).first;
+        for (const SqlRow& row : rows) {
+            found->second.insert(row[0].bytes);
+        }
+    }
+    kept = found->second.count(value) != 0;
+    if (kept || found->second.size() >= static_cast<size_t>(kMaxValuesPerField)) {
+        return StoreResult::Ok;
+    }
+    StoreResult result = m_db->Exec(
+        "INSERT INTO module_values (module, path, value) VALUES ($1, $2, $3) "
+        "ON CONFLICT DO NOTHING",
+        {module, path, value}, nullptr);
+    if (result == StoreResult::Ok) {
+        found->second.insert(value);
+        kept = true;
+    }
+    return result;
+}
+
+StoreResult SqlStore::AddModuleFields(const std::string& moduleDataJson, int64_t day, int sign,
+                                      Rollup& rollup) {
+    StoreResult result = StoreResult::Ok;
+    ForEachModuleField(moduleDataJson, [&](const FieldValue& field) {
+        bool accepted = false;
+        if (result != StoreResult::Ok ||
+            (result = FieldKindOf(field.module, field.path, field.kind, accepted)) !=
+                StoreResult::Ok ||
+            !accepted) {
+            return;
+        }
+        if (field.kind == FieldKind::Integer) {
+            rollup.AddField(field.module, day, field.path, field.integer, sign);
+            return;
+        }
+        rollup.AddField(field.module, day, field.path, 0, sign);
+        bool kept = false;
+        if ((result = ValueKept(field.module, field.path, field.text, kept)) == StoreResult::Ok) {
+            rollup.values[std::make_tuple(field.module, day, field.path,
+                                          kept ? field.text : std::string(kOtherValue))] += sign;
+        }
+    });
+    return result;
+}
+
+StoreResult SqlStore::WriteRollup(const Rollup& rollup) {
+    // SQLite adds to one row per key; PostgreSQL inserts the batch's own rows (see Schema).
+    auto upsert = [this](const char* conflict, const char* update) {
+        return m_sqlite ? std::string(" ON CONFLICT ") + conflict + " DO UPDATE SET " + update
+                        : std::string();
+    };
+    StoreResult result = StoreResult::Ok;
+    const std::string dailySql =
+        "INSERT INTO daily (day, feedback, crash, threat, damaged, duplicates, machines, bytes) "
+        "VALUES ($1, $2, $3, $4, $5, $6, $7, $8)" +
+        upsert("(day)",
+               "feedback = feedback + excluded.feedback, crash = crash + excluded.crash, "
+               "threat = threat + excluded.threat, damaged = damaged + excluded.damaged, "
+               "duplicates = duplicates + excluded.duplicates, "
+               "machines = machines + excluded.machines, bytes = bytes + excluded.bytes");
+    for (const auto& entry : rollup.daily) {
+        const DailyDelta& d = entry.second;
+        if ((result = m_db->Exec(dailySql,
+                                 {entry.first, d.perKind[0], d.perKind[1], d.perKind[2],
+                                  d.perKind[3], d.duplicates, d.machines, d.bytes},
+                                 nullptr)) != StoreResult::Ok) {
+            return result;
+        }
+    }
+    if (m_schemaVersion >= 2) {
+        const std::string sql =
+            "INSERT INTO breakdown (dim, day, value, count, repeats) VALUES ($1, $2, $3, $4, "
+            "$5)" +
+            upsert("(dim, day, value)",
+                   "count = count + excluded.count, repeats = repeats + excluded.repeats");
+        for (const auto& entry : rollup.breakdown) {
+            if ((result =
+                     m_db->Exec(sql,
+                                {std::get<0>(entry.first), std::get<1>(entry.first),
+                                 std::get<2>(entry.first), entry.second.first, entry.second.second},
+                                nullptr)) != StoreResult::Ok) {
+                return result;
+            }
+        }
+    }
+    const std::string fieldSql =
+        "INSERT INTO field_days (module, day, path, count, sum, min, max) VALUES ($1, $2, $3, "
+        "$4, $5, $6, $7)" +
+        upsert("(module, day, path)",
+               "count = count + excluded.count, sum = sum + excluded.sum, "
+               "min = coalesce(min(min, excluded.min), min, excluded.min), "
+               "max = coalesce(max(max, excluded.max), max, excluded.max)");
+    for (const auto& entry : rollup.fields) {
+        const FieldDelta& f = entry.second;
+        if ((result = m_db->Exec(
+                 fieldSql,
+                 {std::get<0>(entry.first), std::get<1>(entry.first), std::get<2>(entry.first),
+                  f.count, f.sum, f.hasRange ? SqlValue(f.min) : SqlValue(),
+                  f.hasRange ? SqlValue(f.max) : SqlValue()},
+                 nullptr)) != StoreResult::Ok) {
+            return result;
+        }
+    }
+    const std::string valueSql =
+        "INSERT INTO value_days (module, day, path, value, count) VALUES ($1, $2, $3, $4, $5)" +
+        upsert("(module, day, path, value)", "count = count + excluded.count");
+    for (const auto& entry : rollup.values) {
+        if ((result = m_db->Exec(valueSql,
+                                 {std::get<0>(entry.first), std::get<1>(entry.first),
+                                  std::get<2>(entry.first), std::get<3>(entry.first), entry.second},
+                                 nullptr)) != StoreResult::Ok) {
+            return result;
+        }
+    }
+    return result;
+}
+
+StoreResult SqlStore::PurgeOlderThan(int64_t before, int64_t& removed) {
+    // Whole days go, so their rollup rows go with them instead of being corrected.
+    const int64_t firstKeptDay = DayOf(before);
+    removed = 0;
+    StoreResult result = InTransaction([&]() {
+        std::vector<SqlRow> rows;
+        StoreResult step = m_db->Exec("SELECT count(*) FROM reports WHERE received < $1",
+                                      {firstKeptDay * 86400}, &rows);
+        if (step != StoreResult::Ok) {
+            return step;
+        }
+        removed = rows.empty() ? 0 : rows[0][0].Int();
+        std::vector<std::string> statements = {
+            "DELETE FROM reports WHERE received < $1", "DELETE FROM daily WHERE day < $2",
+            "DELETE FROM machine_days WHERE day < $2", "DELETE FROM field_days WHERE day < $2",
+            "DELETE FROM value_days WHERE day < $2",
+        };
+        if (m_schemaVersion >= 2) {
+            statements.push_back("DELETE FROM breakdown WHERE day < $2");
+        }
+        statements.push_back(
+            "DELETE FROM dumps WHERE NOT EXISTS (SELECT 1 FROM report_dumps r WHERE "
+            "r.machine_id = dumps.machine_id AND r.module = dumps.module AND "
+            "r.sha256 = dumps.sha256)");
+        for (const std::string& sql : statements) {
+            if ((step = m_db->Exec(sql, {firstKeptDay * 86400, firstKeptDay}, nullptr)) !=
+                StoreResult::Ok) {
+                return step;
+            }
+        }
+        return StoreResult::Ok;
+    });
+    if (result == StoreResult::Ok) {
+        result = Compact();
+    }
+    if (result == StoreResult::Ok) {
+        result = m_db->Reclaim();
+    }
+    return result;
+}
+
+StoreResult SqlStore::PurgeMachine(const std::string& machineId, int64_t& removed) {
+    removed = 0;
+    StoreResult result = InTransaction([&]() {
+        // The machine's share of every rollup is taken away, report by report.
+        Rollup rollup;
+        int64_t afterId = 0;
+        ReportFilter filter;
+        filter.machineId = machineId;
+        removed = 0;
+        for (;;) {
+            std::vector<StoredReport> reports;
+            StoreResult step = ScanReports(filter, afterId, 500, reports);
+            if (step != StoreResult::Ok) {
+                return step;
+            }
+            if (reports.empty()) {
+                break;
+            }
+            for (const StoredReport& r : reports) {
+                const int64_t day = DayOf(r.summary.received);
+                DailyDelta& daily = rollup.daily[day];
+                daily.perKind[static_cast<int>(r.summary.kind)] -= 1;
+                daily.bytes -= static_cast<int64_t>(r.summary.size);
+                for (int64_t time : r.duplicateTimes) {
+                    rollup.daily[DayOf(time)].duplicates -= 1;
+                }
+                for (const std::string& module : r.summary.modules) {
+                    rollup.breakdown[std::make_tuple(kModuleDimension, day, module)].first -= 1;
+                }
+                if (r.summary.kind != ReportKind::Damaged) {
+                    const std::string* values[] = {&r.summary.version, &r.osName, &r.osLocale,
+                                                   &r.summary.customerId};
+                    for (int dimension = 0; dimension < 4; ++dimension) {
+                        rollup.breakdown[std::make_tuple(dimension, day, *values[dimension])]
+                            .first -= 1;
+                    }
+                }
+                for (const StoredDump& dump : r.dumps) {
+                    auto& counts = rollup.breakdown[std::make_tuple(
+                        static_cast<int>(BreakdownBy::CrashModule), day, dump.module)];
+                    (dump.repeat ? counts.second : counts.first) -= 1;
+                }
+                if (!r.moduleDataJson.empty() &&
+                    (step = AddModuleFields(r.moduleDataJson, day, -1, rollup)) !=
+                        StoreResult::Ok) {
+                    return step;
+                }
+                afterId = r.summary.id;
+                ++removed;
+            }
+        }
+        std::vector<SqlRow> rows;
+        StoreResult step = m_db->Exec(
+            "DELETE FROM machine_days WHERE machine_id = $1 RETURNING day", {machineId}, &rows);
+        if (step != StoreResult::Ok) {
+            return step;
+        }
+        for (const SqlRow& row : rows) {
+            rollup.daily[row[0].Int()].machines -= 1;
+        }
+        if ((step = WriteRollup(rollup)) != StoreResult::Ok) {
+            return step;
+        }
+        for (const char* sql : {"DELETE FROM reports WHERE machine_id = $1",
+                                "DELETE FROM dumps WHERE machine_id = $1"}) {
+            if ((step = m_db->Exec(sql, {machineId}, nullptr)) != StoreResult::Ok) {
+                return step;
+            }
+        }
+        return StoreResult::Ok;
+    });
+    if (result == StoreResult::Ok) {
+        result = Compact();
+    }
+    if (result == StoreResult::Ok) {
+        result = m_db->Reclaim();
+    }
+    return result;
+}
+
+StoreResult SqlStore::Compact() {
+    // SQLite keeps one row per key already; rows a purge emptied are dropped.
+    if (m_sqlite) {
+        std::vector<std::string> statements = {
+            "DELETE FROM value_days WHERE count = 0",
+            "DELETE FROM field_days WHERE count = 0",
+        };
+        if (m_schemaVersion >= 2) {
+            statements.push_back("DELETE FROM breakdown WHERE count = 0 AND repeats = 0");
+        }
+        for (const std::string& sql : statements) {
+            StoreResult result = m_db->Exec(sql, {}, nullptr);
+            if (result != StoreResult::Ok) {
+                return result;
+            }
+        }
+        return StoreResult::Ok;
+    }
+    // PostgreSQL: each table's rows are replaced by their sums in one statement, so rows
+    // that other nodes add meanwhile are either summed or left as they are, never lost.
+    std::vector<std::string> statements = {
+        "WITH moved AS (DELETE FROM daily RETURNING *) INSERT INTO daily "
+        "SELECT day, sum(feedback), sum(crash), sum(threat), sum(damaged), sum(duplicates), "
+        "sum(machines), sum(bytes) FROM moved GROUP BY day",
+        "WITH moved AS (DELETE FROM field_days RETURNING *) INSERT INTO field_days "
+        "SELECT module, day, path, sum(count), sum(sum), min(min), max(max) FROM moved "
+        "GROUP BY module, day, path HAVING sum(count) <> 0",
+        "WITH moved AS (DELETE FROM value_days RETURNING *) INSERT INTO value_days "
+        "SELECT module, day, path, value, sum(count) FROM moved "
+        "GROUP BY module, day, path, value HAVING sum(count) <> 0",
+    };
+    if (m_schemaVersion >= 2) {
+        statements.push_back(
+            "WITH moved AS (DELETE FROM breakdown RETURNING *) INSERT INTO breakdown "
+            "SELECT dim, day, value, sum(count), sum(repeats) FROM moved "
+            "GROUP BY dim, day, value HAVING sum(count) <> 0 OR sum(repeats) <> 0");
+    }
+    return InTransaction([&]() {
+        for (const std::string& sql : statements) {
+            StoreResult result = m_db->Exec(sql, {}, nullptr);
+            if (result != StoreResult::Ok) {
+                return result;
+            }
+        }
+        return StoreResult::Ok;
+    });
+}
+
+}  // namespace collector

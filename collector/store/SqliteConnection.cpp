@@ -1,0 +1,253 @@
+// SQLite behind SqlConnection: WAL, synchronous=FULL (a commit is on disk when it
+// returns), prepared statements kept and reused, a busy timeout so that a command run
+// beside the service waits for the service's transaction instead of failing.
+#include <errno.h>
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <map>
+
+#include "store/SqlConnection.h"
+#include "store/StoreLog.h"
+
+namespace collector {
+
+namespace {
+
+constexpr int kBusyTimeoutMs = 30000;
+
+struct StatementDeleter {
+    void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+};
+using StatementPtr = std::unique_ptr<sqlite3_stmt, StatementDeleter>;
+
+struct CachedStatement {
+    StatementPtr statement;
+    std::vector<int> slots;  // slots[i]: the bind index of $(i+1), 0 when unused
+};
+
+// The first words of a statement, enough to find it in the source from a log line.
+std::string Head(const std::string& sql) {
+    return sql.substr(0, std::min<size_t>(sql.size(), 60));
+}
+
+StoreResult MapCode(int code) {
+    switch (code & 0xff) {
+        case SQLITE_FULL:
+        case SQLITE_IOERR:
+        case SQLITE_BUSY:
+        case SQLITE_LOCKED:
+        case SQLITE_CANTOPEN:
+        case SQLITE_READONLY:
+        case SQLITE_PROTOCOL:
+            return StoreResult::Unavailable;
+        default:
+            return StoreResult::Error;
+    }
+}
+
+// Makes `directory` and its missing parents, each new one 0700.
+bool MakePrivateDirectories(const std::string& directory) {
+    if (directory.empty()) {
+        return true;
+    }
+    struct stat status;
+    if (stat(directory.c_str(), &status) == 0) {
+        return S_ISDIR(status.st_mode);
+    }
+    size_t slash = directory.find_last_of('/');
+    if (slash != std::string::npos && slash > 0 &&
+        !MakePrivateDirectories(directory.substr(0, slash))) {
+        return false;
+    }
+    return mkdir(directory.c_str(), 0700) == 0 || errno == EEXIST;
+}
+
+class SqliteConnection : public SqlConnection {
+public:
+    explicit SqliteConnection(sqlite3* db) : m_db(db) {}
+    ~SqliteConnection() override {
+        m_statements.clear();
+        sqlite3_close_v2(m_db);
+    }
+
+    SqlDialect Dialect() const override { return SqlDialect::Sqlite; }
+
+    StoreResult Exec(const std::string& sql, const std::vector<SqlValue>& params,
+                     std::vector<SqlRow>* rows) override {
+        CachedStatement* cached = Prepare(sql);
+        if (cached == nullptr) {
+            return StoreResult::Error;
+        }
+        sqlite3_stmt* statement = cached->statement.get();
+        sqlite3_reset(statement);
+        sqlite3_clear_bindings(statement);
+        for (size_t i = 0; i < params.size() && i < cached->slots.size(); ++i) {
+            int slot = cached->slots[i];
+            if (slot == 0) {
+                continue;
+            }
+            const SqlValue& value = params[i];
+            switch (value.type) {
+                case SqlValue::Type::Null:
+                    sqlite3_bind_null(statement, slot);
+                    break;
+                case SqlValue::Type::Integer:
+                    sqlite3_bind_int64(statement, slot, value.integer);
+                    break;
+                case SqlValue::Type::Text:
+                    sqlite3_bind_text64(statement, slot, value.text.data(), value.text.size(),
+                                        SQLITE_STATIC, SQLITE_UTF8);
+                    break;
+                case SqlValue::Type::Blob:
+                    sqlite3_bind_blob64(statement, slot, value.text.data(), value.text.size(),
+                                        SQLITE_STATIC);
+                    break;
+            }
+        }
+        for (;;) {
+            int code = sqlite3_step(statement);
+            if (code == SQLITE_DONE) {
+                break;
+            }
+            if (code != SQLITE_ROW) {
+                return Fail("sqlite3_step", code, sql);
+            }
+            if (rows == nullptr) {
+                continue;
+            }
+            int columns = sqlite3_column_count(statement);
+            SqlRow row(columns);
+            for (int c = 0; c < columns; ++c) {
+                if (sqlite3_column_type(statement, c) == SQLITE_NULL) {
+                    continue;
+                }
+                const void* data = sqlite3_column_blob(statement, c);
+                int size = sqlite3_column_bytes(statement, c);
+                row[c].null = false;
+                if (size > 0) {
+                    row[c].bytes.assign(static_cast<const char*>(data), size);
+                }
+            }
+            rows->push_back(std::move(row));
+        }
+        sqlite3_reset(statement);
+        return StoreResult::Ok;
+    }
+
+    StoreResult ExecScript(const std::string& sql) override {
+        char* message = nullptr;
+        int code = sqlite3_exec(m_db, sql.c_str(), nullptr, nullptr, &message);
+        if (code != SQLITE_OK) {
+            STORE_LOG(CAppLog::Error, "SQLite: %s (%s)", message ? message : "?",
+                      Head(sql).c_str());
+            sqlite3_free(message);
+            return MapCode(code);
+        }
+        return StoreResult::Ok;
+    }
+
+    // BEGIN IMMEDIATE takes the write lock at once, so a transaction never fails half-way
+    // for want of it; the busy timeout waits for another process's transaction.
+    StoreResult Begin() override { return ExecScript("BEGIN IMMEDIATE"); }
+    StoreResult Commit() override { return ExecScript("COMMIT"); }
+    void Rollback() override {
+        if (!sqlite3_get_autocommit(m_db)) {
+            sqlite3_exec(m_db, "ROLLBACK", nullptr, nullptr, nullptr);
+        }
+    }
+    bool LastFailureRetryable() const override { return false; }
+
+    // One writer at a time already: the schema is changed inside BEGIN IMMEDIATE.
+    StoreResult LockSchema() override { return StoreResult::Ok; }
+    void UnlockSchema() override {}
+
+    StoreResult Reclaim() override {
+        return ExecScript("PRAGMA incremental_vacuum; PRAGMA wal_checkpoint(TRUNCATE);");
+    }
+
+private:
+    CachedStatement* Prepare(const std::string& sql) {
+        auto found = m_statements.find(sql);
+        if (found != m_statements.end()) {
+            return &found->second;
+        }
+        sqlite3_stmt* raw = nullptr;
+        int code = sqlite3_prepare_v3(m_db, sql.c_str(), static_cast<int>(sql.size()),
+                                      SQLITE_PREPARE_PERSISTENT, &raw, nullptr);
+        if (code != SQLITE_OK) {
+            Fail("sqlite3_prepare_v3", code, sql);
+            return nullptr;
+        }
+        CachedStatement cached;
+        cached.statement.reset(raw);
+        // SQLite numbers "$N" parameters in the order they first appear, whatever N is.
+        int count = sqlite3_bind_parameter_count(raw);
+        for (int slot = 1; slot <= count; ++slot) {
+            const char* name = sqlite3_bind_parameter_name(raw, slot);
+            int number = name != nullptr && name[0] == '$' ? std::atoi(name + 1) : 0;
+            if (number > 0) {
+                if (cached.slots.size() < static_cast<size_t>(number)) {
+                    cached.slots.resize(number, 0);
+                }
+                cached.slots[number - 1] = slot;
+            }
+        }
+        return &m_statements.emplace(sql, std::move(cached)).first->second;
+    }
+
+    StoreResult Fail(const char* call, int code, const std::string& sql) {
+        STORE_LOG(CAppLog::Error, "%s: %s (%d) in \"%s\"", call, sqlite3_errmsg(m_db), code,
+                  Head(sql).c_str());
+        return MapCode(code);
+    }
+
+    sqlite3* m_db;
+    std::map<std::string, CachedStatement> m_statements;
+};
+
+}  // namespace
+
+int64_t SqlCell::Int() const {
+    return null ? 0 : std::strtoll(bytes.c_str(), nullptr, 10);
+}
+
+std::unique_ptr<SqlConnection> OpenSqlite(const std::string& path, std::string& error) {
+    size_t slash = path.find_last_of('/');
+    if (slash != std::string::npos && !MakePrivateDirectories(path.substr(0, slash))) {
+        error = "cannot make the directory of " + path + ": " + std::strerror(errno);
+        return nullptr;
+    }
+    // Made here with mode 0600 so that SQLite, which gives its WAL and shared-memory files
+    // the mode of the database file, keeps all three private.
+    int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        error = "cannot open " + path + ": " + std::strerror(errno);
+        return nullptr;
+    }
+    close(fd);
+    sqlite3* db = nullptr;
+    int code =
+        sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+    if (code != SQLITE_OK) {
+        error = std::string("cannot open ") + path + ": " + sqlite3_errstr(code);
+        sqlite3_close_v2(db);
+        return nullptr;
+    }
+    sqlite3_busy_timeout(db, kBusyTimeoutMs);
+    auto connection = std::make_unique<SqliteConnection>(db);
+    // auto_vacuum only takes effect before the first table exists: a purge can then give
+    // pages back with incremental_vacuum instead of a full VACUUM.
+    if (connection->ExecScript("PRAGMA auto_vacuum=INCREMENTAL; PRAGMA journal_mode=WAL; "
+                               "PRAGMA synchronous=FULL; PRAGMA foreign_keys=ON;") !=
+        StoreResult::Ok) {
+        error = "cannot set up " + path + ": " + sqlite3_errmsg(db);
+        return nullptr;
+    }
+    return connection;
+}
+
+}  // namespace collector

@@ -1,0 +1,162 @@
+#!/usr/bin/env python3
+"""Hostile requests against a running collector, one table: each gets its stated answer,
+the collector keeps serving others, stays within its memory, and loses nothing stored."""
+import base64
+import hashlib
+import os
+import socket
+import ssl
+import threading
+import time
+import unittest
+import zlib
+
+from collector_harness import Collector, read_answers, report, upload
+
+MACHINE = "0123456789abcdef0123456789abcdef01234567"
+MAX_BODY = 16 * 1024 * 1024 + 5
+
+
+def crash(data):
+    return report(quality={b"CrashReports": {b"VpnModule": {b"CrashData": data}}})
+
+
+def text_field_variants():
+    """Every text field of a report with a NUL, and with invalid UTF-8."""
+    fields = ["CustomerId", "PWVersion", "PhoneHomeFormatVersion", "OSType", "OSVersionDetails",
+              "OSName", "OSLocale"]
+    for field in fields:
+        for bad in (b"a\x00b", b"\xff\xfe\xc3"):
+            yield "%s %r" % (field, bad), report(**{field: bad})
+    yield "module text NUL", report(quality={b"ModuleData": {b"VpnModule": {b"p": b"\x00\xff"}}})
+    yield "threat text NUL", report(quality={b"ThreatReports": {b"ThreatIncident": b"x\x00\xff"}})
+
+
+class Hostile(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.collector = Collector("hostile", extra={"header_timeout": "2", "idle_timeout": "5"})
+        cls.collector.start()
+        cls.kept = []  # SHA-256 of every body answered 200
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.collector.stop()
+
+    def exchange(self, steps, answers, closing):
+        """Sends each step (bytes, or a pause in seconds) on one connection; the answers,
+        and whether the server closed the connection after them (when `closing`)."""
+        with self.collector.connect(timeout=30) as tls:
+            for step in steps:
+                if isinstance(step, float):
+                    time.sleep(step)
+                else:
+                    try:
+                        tls.sendall(step)
+                    except (ConnectionError, ssl.SSLError):
+                        break
+            got, closed = read_answers(tls, answers), False
+            if closing:
+                tls.settimeout(10)
+                try:
+                    closed = tls.recv(1) == b""
+                except (ConnectionError, ssl.SSLError):
+                    closed = True
+                except socket.timeout:
+                    pass
+            return [status for status, _, _ in got], closed
+
+    def keep(self, *bodies):
+        self.kept.extend(hashlib.sha256(body).hexdigest() for body in bodies)
+
+    def bystander(self):
+        """An ordinary client is answered while hostile ones are at work."""
+        body = report(machine=MACHINE, period=(1, time.monotonic_ns()))
+        self.assertEqual(200, self.collector.post(b"data=" + body)[0])
+        self.keep(body)
+
+    def test_hostile_requests(self):
+        self.bystander()
+        deep = b"l" * 1000000 + b"e" * 1000000
+        huge = b"16777200:" + b"x" * 16777200
+        bomb = zlib.compress(b"\0" * (64 << 20), 9)
+        rows = [
+            # name, steps, answers expected, closed after them, bodies kept
+            ("truncated report", [upload(b"data=" + report()[:-7])], [200], False,
+             [report()[:-7]]),
+            ("a million levels", [upload(b"data=" + deep)], [200], False, [deep]),
+            ("integer past 64 bits", [upload(b"data=" + report(PWVersion=2**70))], [200], False,
+             [report(PWVersion=2**70)]),
+            ("16 MiB string", [upload(b"data=" + huge)], [200], False, [huge]),
+            ("invalid base64 crash", [upload(b"data=" + crash(b"@@not base64@@"))], [200], False,
+             [crash(b"@@not base64@@")]),
+            ("zip bomb", [upload(b"data=" + bomb, b"Zip: True\r\n")], [200], False, []),
+            ("no data= prefix", [upload(report())], [200], False, []),
+            ("body cut short", [upload(b"data=" + report(), length=5000)], [], True, []),
+            ("Content-Length short of the body",
+             [upload(b"data=" + report(period=(5, 6)), length=60)], [200, 400], True, []),
+            ("chunked", [b"POST /cef/upload HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked"
+                         b"\r\n\r\n5\r\ndata=\r\n0\r\n\r\n"], [400], True, []),
+            ("Content-Length and Transfer-Encoding",
+             [b"POST /cef/upload HTTP/1.1\r\nHost: x\r\nContent-Length: 5\r\n"
+              b"Transfer-Encoding: chunked\r\n\r\n0\r\n\r\n"], [400], True, []),
+            ("no Content-Length", [b"POST /cef/upload HTTP/1.1\r\nHost: x\r\n\r\n"], [411], True,
+             []),
+            ("over 16 MiB, refused before its body", [upload(b"", length=MAX_BODY + 1)], [413],
+             True, []),
+            ("other path", [b"GET /cef/other HTTP/1.1\r\nHost: x\r\n\r\n"], [404], False, []),
+            ("other method", [b"GET /cef/upload HTTP/1.1\r\nHost: x\r\n\r\n"], [405], False, []),
+            ("pipelined", [upload(b"data=" + report(period=(1, 2))) +
+                           upload(b"data=" + report(period=(2, 3))) +
+                           b"GET /healthz HTTP/1.1\r\nHost: x\r\n\r\n"], [200, 200, 200], False,
+             [report(period=(1, 2)), report(period=(2, 3))]),
+        ]
+        # A slowloris client dribbles its header while the rows run: it is closed at the
+        # header deadline, and nobody else waits for it.
+        slow = []
+        slowloris = threading.Thread(target=lambda: slow.append(self.exchange(
+            [step for byte in b"POST /cef/upload HTTP/1.1\r\nHost: x\r\n"
+             for step in (bytes([byte]), 0.25)], 1, True)))
+        slowloris.start()
+        for name, steps, expected, closed, kept in rows:
+            with self.subTest(name):
+                statuses, was_closed = self.exchange(steps, len(expected) + closed, closed)
+                self.assertEqual(expected, statuses)
+                if closed:
+                    self.assertTrue(was_closed, "the connection stays open")
+                self.keep(*kept)
+                self.assertIsNone(self.collector.process.poll(), self.collector.log())
+                self.bystander()
+        slowloris.join()
+        self.assertEqual([([], True)], slow, "slowloris")
+        for name, body in text_field_variants():
+            with self.subTest(name):
+                self.assertEqual(200, self.collector.post(b"data=" + body)[0])
+                self.keep(body)
+        again = self.collector.post(b"data=" + report(period=(1, 2)))
+        self.assertEqual((200, b"already stored\n"), (again[0], again[2]))
+        with open("/proc/%d/status" % self.collector.process.pid) as status:
+            peak = [int(line.split()[1]) for line in status if line.startswith("VmHWM")][0]
+        self.assertLess(peak, 1024 * 1024, "peak resident kB")
+        self.assertEqual(set(), set(self.kept) - set(self.collector.stored()))
+
+    def test_crowd_and_slow_clients_are_capped_per_address(self):
+        """Past the per-address cap a connection is closed at once, without TLS."""
+        per_address = 8
+        capped = Collector("capped", extra={"max_connections_per_address": str(per_address)})
+        capped.start()
+        try:
+            held = [socket.create_connection(("127.0.0.1", capped.port)) for _ in range(per_address)]
+            time.sleep(0.2)
+            extra = socket.create_connection(("127.0.0.1", capped.port), timeout=10)
+            self.assertEqual(b"", extra.recv(1))
+            extra.close()
+            for sock in held:
+                sock.close()
+            self.assertTrue(capped.healthy())
+        finally:
+            capped.stop()
+
+
+if __name__ == "__main__":
+    unittest.main()

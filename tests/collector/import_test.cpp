@@ -1,0 +1,76 @@
+// The import command: what it stores of report files, posted bodies, directories and files
+// it cannot read, and its usage errors.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "AppLog.h"
+#include "Commands.h"
+#include "ScratchFiles.h"
+#include "store/Store.h"
+
+namespace {
+
+using pwsupport::ScratchDir;
+
+std::string Seed(const std::string& name) {
+    return pwsupport::ReadFileOrEmpty(std::string(PW_REPORT_FUZZ_REGRESSIONS) + "/" + name);
+}
+
+TEST(ImportCommand, StoresFilesAndBodiesOnceAtTheGivenTime) {
+    CAppLog::ConfigureSinks(0);
+    ScratchDir dir("/tmp", "pw-import-");
+    const std::string feedback = Seed("seed-feedback");
+    const std::string crash = Seed("seed-crash");
+    const std::string threat = crash.substr(0, crash.find("12:CrashReports")) +
+                               "13:ThreatReportsd14:ThreatIncident2:hieeeee";
+    ASSERT_FALSE(feedback.empty() || crash.empty());
+    ASSERT_EQ(mkdir((dir / "more").c_str(), 0700), 0);
+    ASSERT_TRUE(pwsupport::WriteFile(dir / "a.cef", feedback));
+    ASSERT_TRUE(pwsupport::WriteFile(dir / "b.body", "data=" + crash));
+    ASSERT_TRUE(pwsupport::WriteFile(dir / "c.cef", feedback));  // sent again
+    ASSERT_TRUE(pwsupport::WriteFile(dir / "d.cef", "not a report"));
+    ASSERT_TRUE(pwsupport::WriteFile(dir / "more/e.cef", threat));
+    ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);  // refused, never waited on
+
+    collector::CollectorSettings settings;
+    settings.database = dir / "collector.db";
+    testing::internal::CaptureStdout();
+    const int status = collector::RunImport(
+        settings, {"--received", "2027-01-01", dir / "a.cef", dir / "b.body", dir / "c.cef",
+                   dir / "d.cef", dir / "more", dir / "fifo", dir / "missing"});
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "imported 5 reports: 2 feedback, 1 crash, 1 threat, 1 damaged; 1 duplicates; "
+              "2 files not read\n");
+    EXPECT_EQ(status, 1);
+
+    std::string error;
+    std::unique_ptr<collector::Store> store = collector::Store::Open(settings.database, error);
+    ASSERT_TRUE(store) << error;
+    std::vector<collector::StoredReport> stored;
+    ASSERT_EQ(store->ScanReports({}, 0, 100, stored), collector::StoreResult::Ok);
+    std::vector<std::string> bodies = {feedback, crash, "not a report", threat};
+    std::vector<std::string> kept;
+    for (const collector::StoredReport& report : stored) {
+        kept.push_back(report.body);
+        EXPECT_EQ(report.summary.received, 1798761600);
+        EXPECT_EQ(report.summary.kind == collector::ReportKind::Crash, report.body == crash);
+    }
+    std::sort(bodies.begin(), bodies.end());
+    std::sort(kept.begin(), kept.end());
+    EXPECT_EQ(kept, bodies);
+}
+
+TEST(ImportCommand, UsageErrorsExit2) {
+    const collector::CollectorSettings settings;
+    const std::vector<std::vector<std::string>> cases = {
+        {}, {"--received"}, {"--received", "soon", "a.cef"}, {"--since", "a.cef"}};
+    for (const std::vector<std::string>& args : cases) {
+        EXPECT_EQ(collector::RunImport(settings, args), 2) << args.size();
+    }
+}
+
+}  // namespace

@@ -1,0 +1,339 @@
+// The store's contract, run against both back ends. Where a figure can be computed two
+// ways, the oracle is a second store that only ever received the reports that should
+// remain: rollups after a purge or a migration must equal the fresh store's.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <random>
+#include <thread>
+
+#include "StoreFixture.h"
+#include "store/SqlStore.h"
+
+using namespace collector;
+using pwsupport::AddDump;
+using pwsupport::Figures;
+using pwsupport::MakeReport;
+using pwsupport::TestDatabase;
+
+namespace {
+
+const std::string kA(40, 'a'), kB(40, 'b');
+constexpr int64_t kDay = 86400;
+constexpr int64_t kT0 = 20000 * kDay;
+
+class StoreContract : public ::testing::TestWithParam<std::string> {
+protected:
+    std::vector<InsertOutcome> Insert(Store& store, const std::vector<ValidatedReport>& batch) {
+        std::vector<InsertOutcome> outcomes;
+        EXPECT_EQ(StoreResult::Ok, store.InsertBatch(batch, outcomes));
+        return outcomes;
+    }
+};
+
+TEST_P(StoreContract, DuplicatesRepeatsAndTheUnknownMachine) {
+    TestDatabase db(GetParam());
+    auto store = db.Open();
+    ASSERT_TRUE(store);
+    const std::string unknown = kUnknownMachineId;
+    struct Row {
+        std::string machine;
+        int64_t period;
+        std::string content;
+        std::string dump;  // a crash dump of module "Core" when not empty
+        int sameAs;        // index of the earlier row it duplicates, -1 when new
+        bool repeat;       // its dump was seen before from that machine
+    };
+    const std::vector<Row> rows = {
+        {kA, 100, "x", "", -1, false},
+        {kA, 100, "x", "", 0, false},   // same machine, period and content
+        {kA, 200, "x", "", -1, false},  // another period
+        {kB, 100, "x", "", -1, false},  // another machine
+        {kA, 100, "y", "", -1, false},  // other content
+        {kA, 300, "c", "DUMP1", -1, false},
+        {kA, 400, "d", "DUMP1", -1, true},   // the same dump in a new report
+        {kB, 400, "d", "DUMP1", -1, false},  // ... from another machine is new
+        {unknown, 100, "u", "", -1, false},
+        {unknown, 100, "v", "", -1, false},
+    };
+    std::vector<ValidatedReport> batch;
+    for (const Row& row : rows) {
+        batch.push_back(MakeReport(row.machine, row.period, kT0, row.content));
+        if (!row.dump.empty()) {
+            AddDump(batch.back(), "Core", row.dump);
+        }
+    }
+    // The first half in one batch and the rest in another: duplicates are caught within
+    // a batch and across batches alike.
+    auto first = Insert(*store, {batch.begin(), batch.begin() + 5});
+    auto second = Insert(*store, {batch.begin() + 5, batch.end()});
+    first.insert(first.end(), second.begin(), second.end());
+    for (size_t i = 0; i < rows.size(); ++i) {
+        SCOPED_TRACE(i);
+        EXPECT_EQ(rows[i].sameAs >= 0, first[i].duplicate);
+        if (rows[i].sameAs >= 0) {
+            EXPECT_EQ(first[rows[i].sameAs].id, first[i].id);
+        }
+        StoredReport stored;
+        ASSERT_EQ(StoreResult::Ok, store->GetReport(first[i].id, stored));
+        EXPECT_EQ(batch[i].body, stored.body);
+        if (!rows[i].dump.empty()) {
+            ASSERT_EQ(1u, stored.dumps.size());
+            EXPECT_EQ(rows[i].repeat, stored.dumps[0].repeat);
+            std::string bytes;
+            ASSERT_EQ(StoreResult::Ok, store->GetDump(first[i].id, "Core", bytes));
+            EXPECT_EQ(rows[i].dump, bytes);
+        }
+    }
+    std::vector<DailyFigures> days;
+    ASSERT_EQ(StoreResult::Ok, store->Daily(kT0 / kDay, kT0 / kDay, days));
+    EXPECT_EQ(6, days[0].perKind[0]);
+    EXPECT_EQ(3, days[0].perKind[1]);
+    EXPECT_EQ(1, days[0].duplicates);
+    EXPECT_EQ(2, days[0].machines);  // kA and kB; the unknown machine is none
+    std::vector<BreakdownRow> crashes;
+    ASSERT_EQ(StoreResult::Ok,
+              store->Breakdown(BreakdownBy::CrashModule, kT0 / kDay, kT0 / kDay, crashes));
+    ASSERT_EQ(1u, crashes.size());
+    EXPECT_EQ(2, crashes[0].count);
+    EXPECT_EQ(1, crashes[0].repeats);
+}
+
+TEST_P(StoreContract, HostileTextRoundTrips) {
+    TestDatabase db(GetParam());
+    auto store = db.Open();
+    ASSERT_TRUE(store);
+    ValidatedReport r = MakeReport(kA, 1, kT0, "h");
+    r.customerId = std::string("bad\xff\xfe utf-8", 12);
+    r.version = std::string("nul\0inside", 10);
+    r.threatIncident = "\xed\xa0\x80 a lone surrogate, encoded";
+    r.hasThreat = true;
+    // jsonb holds neither \u0000 nor a lone surrogate; the store keeps them anyway.
+    r.moduleDataJson = "{\"Tunnel\":{\"k\\u0000\":\"\\ud800\",\"n\":1}}";
+    r.damagedReason = "\x01\x02";
+    auto outcomes = Insert(*store, {r});
+    StoredReport stored;
+    ASSERT_EQ(StoreResult::Ok, store->GetReport(outcomes[0].id, stored));
+    EXPECT_EQ(r.customerId, stored.summary.customerId);
+    EXPECT_EQ(r.version, stored.summary.version);
+    EXPECT_EQ(r.threatIncident, stored.threatIncident);
+    EXPECT_EQ(r.moduleDataJson, stored.moduleDataJson);
+    EXPECT_EQ(r.damagedReason, stored.damagedReason);
+    ReportFilter filter;
+    filter.version = r.version;
+    std::vector<ReportSummary> listed;
+    ReportCursor next;
+    ASSERT_EQ(StoreResult::Ok, store->ListReports(filter, ReportCursor(), 10, listed, next));
+    EXPECT_EQ(1u, listed.size());
+}
+
+TEST_P(StoreContract, KeysetPagesMatchTheSortedOrder) {
+    TestDatabase db(GetParam());
+    auto store = db.Open();
+    ASSERT_TRUE(store);
+    std::mt19937 random(7);
+    std::vector<ValidatedReport> batch;
+    for (int i = 0; i < 120; ++i) {
+        // Few distinct times, so that pages end in the middle of equal times.
+        ValidatedReport r = MakeReport(i % 3 ? kA : kB, i, kT0 + random() % 7 * 1000,
+                                       std::string(1 + i % 4, 'a' + i % 5));
+        if (i % 4 == 0) {
+            AddDump(r, "Core", "dump" + std::to_string(i));
+        }
+        batch.push_back(r);
+    }
+    auto outcomes = Insert(*store, batch);
+    struct Case {
+        const char* name;
+        ReportFilter filter;
+        std::function<bool(const ValidatedReport&)> keep;
+        int limit;
+    };
+    ReportFilter byMachine, byModule, byKindAndTime, all;
+    byMachine.machineId = kB;
+    byModule.module = "Core";
+    byKindAndTime.hasKind = true;
+    byKindAndTime.kind = ReportKind::Feedback;
+    byKindAndTime.since = kT0 + 2000;
+    byKindAndTime.until = kT0 + 5000;
+    const std::vector<Case> cases = {
+        {"all", all, [](const ValidatedReport&) { return true; }, 7},
+        {"machine", byMachine, [](const ValidatedReport& r) { return r.machineId == kB; }, 5},
+        {"module", byModule, [](const ValidatedReport& r) { return !r.crashDumps.empty(); }, 4},
+        {"kind+time", byKindAndTime,
+         [](const ValidatedReport& r) {
+             return r.kind == ReportKind::Feedback && r.received >= kT0 + 2000 &&
+                    r.received < kT0 + 5000;
+         },
+         6},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::vector<std::pair<int64_t, int64_t>> expected, got;
+        for (size_t i = 0; i < batch.size(); ++i) {
+            if (c.keep(batch[i])) {
+                expected.emplace_back(batch[i].received, outcomes[i].id);
+            }
+        }
+        std::sort(expected.rbegin(), expected.rend());
+        ReportCursor cursor;
+        do {
+            std::vector<ReportSummary> page;
+            ReportCursor next;
+            ASSERT_EQ(StoreResult::Ok, store->ListReports(c.filter, cursor, c.limit, page, next));
+            ASSERT_LE(page.size(), static_cast<size_t>(c.limit));
+            for (const ReportSummary& s : page) {
+                got.emplace_back(s.received, s.id);
+            }
+            cursor = next;
+        } while (cursor.valid && got.size() <= batch.size());
+        EXPECT_EQ(expected, got);
+    }
+}
+
+TEST_P(StoreContract, RollupsAfterPurgeEqualAStoreThatNeverHadThePurged) {
+    struct Case {
+        const char* name;
+        bool byMachine;
+        std::function<bool(const ValidatedReport&)> remains;
+    };
+    const std::vector<Case> cases = {
+        {"machine", true, [](const ValidatedReport& r) { return r.machineId != kB; }},
+        {"age", false, [](const ValidatedReport& r) { return r.received >= kT0 + 2 * kDay; }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        TestDatabase purged(GetParam()), fresh(GetParam());
+        auto store = purged.Open();
+        auto oracle = fresh.Open();
+        ASSERT_TRUE(store && oracle);
+        std::vector<ValidatedReport> all, kept;
+        for (int i = 0; i < 40; ++i) {
+            ValidatedReport r = MakeReport(i % 3 ? kA : kB, i % 17, kT0 + (i % 5) * kDay,
+                                           std::string(1 + i % 3, 'a' + i % 4));
+            // A dump repeats only within its day, so that purging whole days leaves no
+            // report whose dump was first seen in a purged one.
+            if (i % 4 == 0) {
+                AddDump(r, i % 8 ? "Core" : "Ui", "dump" + std::to_string(i % 5));
+            }
+            all.push_back(r);
+            if (c.remains(r)) {
+                kept.push_back(r);
+            }
+        }
+        Insert(*store, all);
+        Insert(*oracle, kept);
+        int64_t removed = 0;
+        ASSERT_EQ(StoreResult::Ok, c.byMachine
+                                       ? store->PurgeMachine(kB, removed)
+                                       : store->PurgeOlderThan(kT0 + 2 * kDay + 5, removed));
+        EXPECT_EQ(Figures(*oracle, kT0 / kDay, kT0 / kDay + 5),
+                  Figures(*store, kT0 / kDay, kT0 / kDay + 5));
+        // Dumps the remaining reports share with purged ones are still there.
+        for (const ValidatedReport& r : kept) {
+            for (const CrashDump& dump : r.crashDumps) {
+                ReportFilter filter;
+                filter.machineId = r.machineId;
+                std::vector<StoredReport> left;
+                ASSERT_EQ(StoreResult::Ok, store->ScanReports(filter, 0, 1000, left));
+                for (const StoredReport& s : left) {
+                    std::string bytes;
+                    if (s.summary.sha256 == r.sha256 && s.summary.periodStart == r.periodStart) {
+                        EXPECT_EQ(StoreResult::Ok,
+                                  store->GetDump(s.summary.id, dump.module, bytes));
+                        EXPECT_EQ(dump.bytes, bytes);
+                    }
+                }
+            }
+        }
+    }
+}
+
+TEST_P(StoreContract, AnOlderSchemaIsBroughtUpToDate) {
+    TestDatabase older(GetParam()), fresh(GetParam());
+    std::vector<ValidatedReport> batch;
+    for (int i = 0; i < 12; ++i) {
+        batch.push_back(
+            MakeReport(i % 2 ? kA : kB, i, kT0 + (i % 3) * kDay, std::string(i % 4 + 1, 'q')));
+        if (i % 5 == 0) {
+            AddDump(batch.back(), "Core", "d" + std::to_string(i % 2));
+        }
+    }
+    {
+        std::string error;
+        auto version1 = OpenStoreAtVersion(older.location(), 1, error);
+        ASSERT_TRUE(version1) << error;
+        Insert(*version1, batch);
+    }
+    auto upgraded = older.Open();
+    auto oracle = fresh.Open();
+    ASSERT_TRUE(upgraded && oracle);
+    Insert(*oracle, batch);
+    EXPECT_EQ(Figures(*oracle, kT0 / kDay, kT0 / kDay + 3),
+              Figures(*upgraded, kT0 / kDay, kT0 / kDay + 3));
+}
+
+TEST_P(StoreContract, ConcurrentStoresKeepEveryReportOnce) {
+    TestDatabase db(GetParam());
+    auto one = db.Open();
+    auto two = db.Open();
+    ASSERT_TRUE(one && two);
+    // Both writers send the same 200 reports in batches of 10, in opposite orders.
+    std::vector<ValidatedReport> reports;
+    for (int i = 0; i < 200; ++i) {
+        reports.push_back(MakeReport(i % 7 ? kA : kB, i, kT0 + i, std::to_string(i)));
+        if (i % 9 == 0) {
+            AddDump(reports.back(), "Core", "same dump");
+        }
+    }
+    auto write = [&reports](Store* store, bool reversed, int* failures) {
+        std::vector<ValidatedReport> order(reports);
+        if (reversed) {
+            std::reverse(order.begin(), order.end());
+        }
+        for (size_t at = 0; at < order.size(); at += 10) {
+            std::vector<InsertOutcome> outcomes;
+            if (store->InsertBatch({order.begin() + at, order.begin() + at + 10}, outcomes) !=
+                StoreResult::Ok) {
+                ++*failures;
+            }
+        }
+    };
+    int failuresOne = 0, failuresTwo = 0;
+    std::thread first(write, one.get(), false, &failuresOne);
+    std::thread second(write, two.get(), true, &failuresTwo);
+    first.join();
+    second.join();
+    EXPECT_EQ(0, failuresOne + failuresTwo);
+    std::vector<StoredReport> stored;
+    ASSERT_EQ(StoreResult::Ok, one->ScanReports(ReportFilter(), 0, 1000, stored));
+    EXPECT_EQ(reports.size(), stored.size());
+    std::vector<DailyFigures> days;
+    ASSERT_EQ(StoreResult::Ok, one->Daily(kT0 / kDay, kT0 / kDay, days));
+    EXPECT_EQ(200, days[0].perKind[0] + days[0].perKind[1]);
+    EXPECT_EQ(200, days[0].duplicates);
+    EXPECT_EQ(2, days[0].machines);
+}
+
+TEST(SqliteStore, FilesArePrivate) {
+    TestDatabase db("sqlite");
+    auto store = db.Open();
+    ASSERT_TRUE(store);
+    std::vector<InsertOutcome> outcomes;
+    ASSERT_EQ(StoreResult::Ok, store->InsertBatch({MakeReport(kA, 1, kT0, "p")}, outcomes));
+    const std::string& path = db.location();
+    for (const std::string& file : {path, path + "-wal", path + "-shm"}) {
+        struct stat status;
+        ASSERT_EQ(0, stat(file.c_str(), &status)) << file;
+        EXPECT_EQ(0600u, status.st_mode & 0777) << file;
+    }
+    struct stat directory;
+    ASSERT_EQ(0, stat(path.substr(0, path.rfind('/')).c_str(), &directory));
+    EXPECT_EQ(0700u, directory.st_mode & 0777);
+}
+
+INSTANTIATE_TEST_SUITE_P(Backends, StoreContract, ::testing::Values("sqlite", "postgres"),
+                         [](const auto& info) { return info.param; });
+
+}  // namespace
