@@ -114,10 +114,11 @@ export function dayOf(value) {
     return String(value ?? '').slice(0, 10);
 }
 
-// An ISO day `days` - 1 days before today (UTC): the first day of a range of `days` days.
-export function rangeStart(days) {
-    const start = new Date(Date.now() - (days - 1) * 86400000);
-    return start.toISOString().slice(0, 10) + 'T00:00:00Z';
+// The first moment of a range, from the daily figures' first day: the days are the
+// collector's (its clock may run apart from the browser's, as in a demonstration).
+export function rangeStart(daily) {
+    const first = daily?.days?.[0]?.day;
+    return first ? dayOf(first) + 'T00:00:00Z' : undefined;
 }
 
 // Versions ordered as versions: "5.10.2" after "5.9.7", numeric parts as numbers.
@@ -256,7 +257,7 @@ export async function mapLimited(items, width, worker) {
 
 // The rows of a breakdown answer, largest first: [{value, count, repeats}].
 export function breakdownRows(body) {
-    const rows = Array.isArray(body?.rows) ? body.rows : [];
+    const rows = Array.isArray(body?.values) ? body.values : [];
     return rows.map((row) => ({ value: row.value ?? '', count: Number(row.count ?? 0), repeats: Number(row.repeats ?? 0) }));
 }
 

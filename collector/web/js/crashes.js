@@ -56,11 +56,13 @@ function dumpLinks(report) {
 run(async () => {
     const params = pageParams();
     const days = rangeDays(params, 30);
-    const since = rangeStart(days);
     fill('range', rangePicker('crashes.html', params, days));
-    const [daily, byModule, scan, listing] = await Promise.all([
+    const [daily, byModule] = await Promise.all([
         getJson(apiPath(['stats', 'daily'], { days })),
         getJson(apiPath(['stats', 'breakdown'], { by: 'crash_module', days })),
+    ]);
+    const since = rangeStart(daily);
+    const [scan, listing] = await Promise.all([
         scanCrashReports(since),
         getJson(apiPath(['reports'], { kind: 'crash', since, limit: kListSize, after: params.after })),
     ]);
@@ -68,11 +70,12 @@ run(async () => {
 
     const dayRows = daily.days ?? [];
     const moduleRows = breakdownRows(byModule);
-    const dumps = moduleRows.reduce((sum, row) => sum + row.count, 0);
+    // A crash module's count is its new dumps; its repeats are dumps that had arrived before.
+    const fresh = moduleRows.reduce((sum, row) => sum + row.count, 0);
     const repeats = moduleRows.reduce((sum, row) => sum + row.repeats, 0);
     fill('tiles',
         tile('total-crash', 'crash reports in ' + days + ' days', dayRows.reduce((sum, d) => sum + Number(d.crash ?? 0), 0)),
-        tile('total-new', 'new dumps', dumps - repeats),
+        tile('total-new', 'new dumps', fresh),
         tile('total-repeats', 'repeated dumps', repeats),
         tile('total-modules', 'modules that crashed', moduleRows.length));
 
@@ -87,8 +90,8 @@ run(async () => {
 
     const moduleTable = table([
         ['Module', (r) => untrusted(r.value, 60)],
-        ['Crash dumps', (r) => formatCount(r.count)],
-        ['New', (r) => formatCount(r.count - r.repeats)],
+        ['Crash dumps', (r) => formatCount(r.count + r.repeats)],
+        ['New', (r) => formatCount(r.count)],
         ['Repeats', (r) => formatCount(r.repeats)],
     ], moduleRows, { id: 'module-table' });
     fill('by-module', moduleTable,

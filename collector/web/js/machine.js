@@ -6,34 +6,13 @@ import {
     untrusted, formatCount,
 } from './common.js';
 
-// Runs of equal values in time order: [{value, first, last, reports}].
-function spans(reports, valueOf) {
-    const result = [];
-    for (const report of reports) {
-        const value = valueOf(report);
-        const current = result[result.length - 1];
-        if (current && current.value === value) {
-            current.last = report.received;
-            current.reports += 1;
-        } else {
-            result.push({ value, first: report.received, last: report.received, reports: 1 });
-        }
-    }
-    return result;
-}
-
-function spanTable(rows, heading) {
+// The runs of one value in time order that the API hands out: {KEY, first, last}.
+function runTable(runs, key, heading, id) {
     return table([
-        [heading, (r) => untrusted(r.value, 80)],
+        [heading, (r) => untrusted(r[key], 80)],
         ['From (UTC)', (r) => formatTime(r.first)],
         ['To (UTC)', (r) => formatTime(r.last)],
-        ['Reports', (r) => formatCount(r.reports)],
-    ], rows);
-}
-
-function osText(report) {
-    if (typeof report.os === 'string') return report.os;
-    return [report.os_name, report.os_version].filter((part) => part).join(' ');
+    ], runs ?? [], { id });
 }
 
 run(async () => {
@@ -58,7 +37,7 @@ run(async () => {
             data: labels.map((label) => reports.filter((r) => r.kind === kind && dayOf(r.received) === label).length),
         })),
     });
-    fill('versions', spanTable(spans(reports, (r) => r.version ?? ''), 'Version'));
-    fill('systems', spanTable(spans(reports, osText), 'Operating system'));
+    fill('versions', runTable(answer.versions, 'version', 'Version', 'version-runs'));
+    fill('systems', runTable(answer.os, 'os', 'Operating system', 'os-runs'));
     fill('list', table(reportColumns({ withMachine: false }), [...reports].reverse(), { id: 'machine-table' }));
 });

@@ -14,12 +14,6 @@ function option(value, selected) {
     return node;
 }
 
-// Every day of the range, oldest first, as "YYYY-MM-DD".
-function rangeLabels(days) {
-    const today = Math.floor(Date.now() / 86400000);
-    return Array.from({ length: days }, (_, i) => dayOf(today - days + 1 + i));
-}
-
 function fieldPath(field) {
     return field.path ?? field.field ?? '';
 }
@@ -99,7 +93,10 @@ run(async () => {
         form.submit();
     });
 
-    const answer = await getJson(apiPath(['modules', module, 'fields'], { days }));
+    const [answer, daily] = await Promise.all([
+        getJson(apiPath(['modules', module, 'fields'], { days })),
+        getJson(apiPath(['stats', 'daily'], { days })),
+    ]);
     const fields = answer.fields ?? [];
     const field = fields.find((f) => fieldPath(f) === params.field) ?? fields[0];
     fill('field', fields.map((f) => option(fieldPath(f), f === field)));
@@ -110,7 +107,7 @@ run(async () => {
     }
     fill('field-note', 'Field ', untrusted(fieldPath(field), 120), ' of ', untrusted(module, 80),
         ': ' + (field.kind === 'text' ? 'text, its most frequent values per day' : 'integer, its sum and mean per day') + '.');
-    const labels = rangeLabels(days);
+    const labels = (daily.days ?? []).map((d) => dayOf(d.day));
     if (field.kind === 'text') showTexts(field, labels);
     else showIntegers(field, labels);
 });

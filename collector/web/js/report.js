@@ -79,6 +79,10 @@ run(async () => {
         ['Version', untrusted(report.version)],
         ['Collection period', period],
         ['Modules', listCell(report.modules, 50)],
+        ['Operating system', report.os ? untrusted([report.os.name, report.os.details].filter((part) => part).join(' ')) : undefined],
+        ['Locale', report.os ? untrusted(report.os.locale) : undefined],
+        ['Client address', report.client_address ? untrusted(report.client_address) : undefined],
+        ['Arrived again', report.duplicates?.length ? report.duplicates.map(formatTime).join(', ') : undefined],
         ['Size', formatBytes(report.size)],
         ['SHA-256', el('code', { text: report.sha256 ?? '' })],
     ]));
@@ -95,7 +99,9 @@ run(async () => {
         fill('threat', untrusted(report.threat_incident, 2000));
     }
     document.getElementById('raw').href = apiPath(['reports', id, 'raw']);
-    fill('tree', report.report === undefined || report.report === null
-        ? el('p', { class: 'muted', text: 'The report could not be read.' })
-        : treeNode(undefined, report.report, kLevelsOpen));
+    // The report as the client wrote it when the collector hands it out, else everything
+    // the collector keeps of it.
+    const whole = report.report !== undefined && report.report !== null;
+    fill('tree', whole ? [] : el('p', { class: 'muted', text: 'As the collector keeps it:' }),
+        treeNode(undefined, whole ? report.report : report, kLevelsOpen));
 });

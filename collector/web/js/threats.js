@@ -34,13 +34,13 @@ async function search(since, needle) {
 run(async () => {
     const params = pageParams();
     const days = rangeDays(params, 30);
-    const since = rangeStart(days);
     fill('range', rangePicker('threats.html', params, days));
     document.querySelector('form.filters input[name=days]').value = String(days);
     fillForm(document.querySelector('form.filters'), params);
     const needle = (params.q ?? '').toLowerCase();
 
     const daily = await getJson(apiPath(['stats', 'daily'], { days }));
+    const since = rangeStart(daily);
     let shown;
     let next = null;
     if (needle !== '') {
