@@ -303,7 +303,8 @@ class DashboardTest(unittest.TestCase):
         self.assertEqual((headers['X-Content-Type-Options'], headers['Referrer-Policy']), ('nosniff', 'no-referrer'))
         for path, wanted in [('/', 200), ('/js/common.js', 200), ('/vendor/chart.js/chart.esm.js', 200),
                              ('/vendor/chart.js/chunks/helpers.segment.js', 200), ('/js/', 404), ('/js', 404),
-                             ('/../../../../etc/passwd', 404), ('/js/..%2f..%2fCMakeLists.txt', 404),
+                             ('/../../../../../../../usr/share/javascript/chart.js/chart.js', 404),
+                             ('/css/../js/common.js', 404), ('/js/..%2f..%2fCMakeLists.txt', 404),
                              ('/vendor/chart.js/../chart.js/chart.js', 404), ('/vendor/index.html', 404),
                              ('/.git', 404), ('/CMakeLists.txt', 404), ('/vendor/chart.js/Chart.min.js', 404)]:
             try:
