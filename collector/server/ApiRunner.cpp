@@ -14,6 +14,11 @@ constexpr const char kLogSource[] = "ApiRunner";
 ApiRunner::ApiRunner(std::string database) : database_(std::move(database)) {}
 
 ApiRunner::~ApiRunner() {
+    Stop();
+}
+
+void ApiRunner::Stop() {
+    thread_.stop();
     thread_.join();
 }
 
