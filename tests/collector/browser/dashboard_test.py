@@ -11,6 +11,7 @@ import base64
 import hashlib
 import json
 import os
+import shutil
 import socket
 import subprocess
 import sys
@@ -146,6 +147,7 @@ class Collector:
                 break
             except (OSError, urllib.error.URLError):
                 if time.time() > deadline or self.process.poll() is not None:
+                    self.process.kill()
                     raise RuntimeError('the collector did not start; see ' + self.log.name)
                 time.sleep(0.2)
         stored = {r['sha256']: r['id'] for r in self.api('/api/reports?limit=1000')['reports']}
@@ -170,12 +172,12 @@ class Collector:
         self.log.close()
 
 
-def start_browser():
+def start_browser(directory):
     options = webdriver.ChromeOptions()
     options.binary_location = '/usr/bin/chromium'
     for argument in ['--headless', '--no-sandbox', '--disable-gpu', '--disable-background-networking',
                      '--disable-component-update', '--disable-sync', '--no-first-run', '--window-size=1280,900',
-                     '--user-data-dir=' + tempfile.mkdtemp(prefix='pw-chromium-')]:
+                     '--user-data-dir=' + directory + '/chromium']:
         options.add_argument(argument)
     options.set_capability('goog:loggingPrefs', {'browser': 'ALL'})
     driver = webdriver.Chrome(service=Service('/usr/bin/chromedriver'), options=options)
@@ -213,12 +215,17 @@ class DashboardTest(unittest.TestCase):
     def setUpClass(cls):
         cls.directory = tempfile.mkdtemp(prefix='pw-dashboard-')
         cls.collector = Collector(cls.directory)
-        cls.driver = start_browser()
+        try:
+            cls.driver = start_browser(cls.directory)
+        except Exception:
+            cls.collector.stop()
+            raise
 
     @classmethod
     def tearDownClass(cls):
         cls.driver.quit()
         cls.collector.stop()
+        shutil.rmtree(cls.directory, ignore_errors=True)
 
     def open(self, page, expected_texts=(), tables=()):
         # Loads a page, waits for its marker, and reads it; the console must hold no errors.
