@@ -14,6 +14,11 @@ constexpr const char kLogSource[] = "ApiRunner";
 ApiRunner::ApiRunner(std::string database) : database_(std::move(database)) {}
 
 ApiRunner::~ApiRunner() {
+    Stop();
+}
+
+void ApiRunner::Stop() {
+    thread_.stop();
     thread_.join();
 }
 
@@ -45,16 +50,19 @@ void ApiRunner::Run(ApiRequest request, std::function<void(ApiAnswer)> done) {
 
 void ApiRunner::Purge(unsigned int days, int64_t now) {
     boost::asio::post(thread_, [this, days, now] {
-        if (OpenStore() == nullptr)
+        Store* store = days > 0 ? OpenStore() : nullptr;  // 0 keeps reports for ever
+        if (store == nullptr)
             return;
-        const int64_t cutoff = now - static_cast<int64_t>(days) * 86400;
-        // RETENTION PURGE CALL SITE: the store's purge of reports received before `cutoff`
-        // (daily figures kept consistent, space given back) is called here.
-        (void)cutoff;
-        COLLECTOR_LOG(CAppLog::Information,
-                      "retention: reports older than %u days are kept "
-                      "until the store can purge them",
-                      days);
+        int64_t removed = 0;
+        const StoreResult result =
+            store->PurgeOlderThan(now - static_cast<int64_t>(days) * 86400, removed);
+        if (result != StoreResult::Ok) {
+            store_.reset();  // logged by the store; tried again the next day
+        } else if (removed > 0) {
+            COLLECTOR_LOG(CAppLog::Information,
+                          "retention: %lld reports received more than %u days ago purged",
+                          static_cast<long long>(removed), days);
+        }
     });
 }
 

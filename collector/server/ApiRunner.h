@@ -20,7 +20,9 @@ class Store;
 class ApiRunner {
 public:
     explicit ApiRunner(std::string database);
-    ~ApiRunner();  // waits for the request in progress
+    ~ApiRunner();  // Stop()s
+    // Waits for the request (or purge) in progress; nothing runs afterwards.
+    void Stop();
 
     void Run(ApiRequest request, std::function<void(ApiAnswer)> done);
     // Removes reports received more than `days` days before `now` (UNIX seconds).

@@ -8,6 +8,8 @@
 #include <cctype>
 #include <optional>
 
+#include "api/PageHandler.h"
+
 namespace collector {
 
 namespace asio = boost::asio;
@@ -196,7 +198,14 @@ private:
             });
             return;
         }
-        Plain(404, "not found\n", false);
+        // Everything else is the dashboard's pages, styles and scripts (small files).
+        static const PageRoots kPageRoots = DefaultPageRoots();
+        ApiAnswer page =
+            HandlePageRequest({std::string(request.method_string()), target}, kPageRoots);
+        Response response = Make(page.status, page.contentType, std::move(page.body));
+        for (auto& header : page.headers)
+            response.set(header.first, header.second);
+        Send(std::move(response));
     }
 
     std::string Cookie(const std::string& value, const std::string& extra) const {

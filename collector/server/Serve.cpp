@@ -243,6 +243,9 @@ int Service::Run() {
     io_.run();
     for (auto& thread : threads)
         thread.join();
+    // Nothing may hand a result to the network threads' handlers after this point but
+    // into the stopped io_context, which drops them with their connections.
+    api_.Stop();
     validators_.join();
     committer_.Stop();
     COLLECTOR_LOG(CAppLog::Information, "stopped");
@@ -252,9 +255,6 @@ int Service::Run() {
 }  // namespace
 
 int RunServe(const CollectorSettings& settings) {
-    if (settings.timeScale != 1.0 || settings.clockStart >= 0) {
-        pwhost::UseScaledClock(settings.timeScale, settings.clockStart);
-    }
     Service service(settings);
     return service.Run();
 }

@@ -77,7 +77,7 @@ def report(machine="f7767a46386a76c454df13f192200202c13d6887", period=(179547406
 class Collector:
     """One collector process on its own ports and store."""
 
-    def __init__(self, name, database=None, extra=None, env=None):
+    def __init__(self, name, database=None, extra=None):
         self.dir = os.path.join(WORK, name)
         shutil.rmtree(self.dir, ignore_errors=True)
         os.makedirs(self.dir)
@@ -95,7 +95,6 @@ class Collector:
         self.conf = os.path.join(self.dir, "collector.conf")
         with open(self.conf, "w") as out:
             out.writelines("%s=%s\n" % item for item in settings.items())
-        self.env = env
         self.process = None
         self.context = ssl.create_default_context(cafile=os.path.join(certs, "ca.pem"))
 
@@ -103,7 +102,7 @@ class Collector:
         return [PROGRAM, "--config", self.conf] + list(args)
 
     def start(self, prefix=()):
-        self.process = subprocess.Popen(list(prefix) + self.command("serve"), env=self.env)
+        self.process = subprocess.Popen(list(prefix) + self.command("serve"))
         if not wait_for(lambda: self.process.poll() is not None or self.healthy()):
             raise AssertionError("the collector did not come up\n" + self.log())
         if self.process.poll() is not None:
@@ -121,16 +120,13 @@ class Collector:
         except OSError:
             return False
 
-    def stop(self, sig=signal.SIGTERM, timeout=30):
-        """Ends the process; its exit code (-9 after a kill)."""
-        if self.process is None or self.process.poll() is not None:
-            return self.process.returncode if self.process else None
-        os.kill(self.pid, sig)
-        return self.process.wait(timeout)
+    def stop(self):
+        """SIGTERM: drains and exits; the exit status."""
+        if self.process.poll() is None:
+            os.kill(self.pid, signal.SIGTERM)
+        return self.process.wait(30)
 
     def log(self):
-        if not os.path.exists(self.log_path):
-            return ""
         with open(self.log_path, errors="replace") as log:
             return log.read()
 
@@ -151,7 +147,7 @@ class Collector:
 
     def exported(self):
         """Every stored report as `export` prints it."""
-        out = subprocess.run(self.command("export"), check=True, capture_output=True, env=self.env,
+        out = subprocess.run(self.command("export"), check=True, capture_output=True,
                              timeout=120).stdout
         return [json.loads(line) for line in out.splitlines() if line.strip()]
 

@@ -82,7 +82,7 @@ class Durability(unittest.TestCase):
         for thread in post_many(collector, 64, 4, acknowledged, together=True):
             thread.join()
         self.assertEqual(64 * 4, len(acknowledged))
-        collector.stop()
+        self.assertEqual(0, collector.stop())
         with open(trace_path) as trace:
             events = calls(trace)
         syncs = [call for call in events if call[0] in SYNCS]

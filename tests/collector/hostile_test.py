@@ -133,6 +133,8 @@ class Hostile(unittest.TestCase):
             with self.subTest(name):
                 self.assertEqual(200, self.collector.post(b"data=" + body)[0])
                 self.keep(body)
+        again = self.collector.post(b"data=" + report(period=(1, 2)))
+        self.assertEqual((200, b"already stored\n"), (again[0], again[2]))
         with open("/proc/%d/status" % self.collector.process.pid) as status:
             peak = [int(line.split()[1]) for line in status if line.startswith("VmHWM")][0]
         self.assertLess(peak, 1024 * 1024, "peak resident kB")

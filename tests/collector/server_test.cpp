@@ -1,25 +1,17 @@
 // The collector's network side below its sockets, each against the behaviour an operator
 // relies on: caps that free their slots, allowances that refill with time, PROXY headers as
-// a load balancer sends them, listen addresses as written in the settings, the committer's
-// group commit and storage failures, and the dashboard token.
+// a load balancer sends them, and the dashboard token. (The committer is tested on the running
+// program: durability_test.py.)
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <atomic>
-#include <condition_variable>
 #include <cstdlib>
 #include <fstream>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "HostTestControl.h"
-#include "server/Committer.h"
 #include "server/DashboardAccess.h"
 #include "server/Limits.h"
-#include "server/Metrics.h"
-#include "server/Listener.h"
 #include "server/ProxyHeader.h"
 
 namespace collector {
@@ -64,15 +56,6 @@ TEST(AddressQuotas, DamagedBytesPerDay) {
     EXPECT_FALSE(quotas.AdmitDamaged("a", 60, 10.0));
     EXPECT_TRUE(quotas.AdmitDamaged("b", 60, 10.0));
     EXPECT_TRUE(quotas.AdmitDamaged("a", 60, 86400.0));
-}
-
-TEST(BodyBudget, NeverHandsOutMoreThanItHas) {
-    BodyBudget budget(100);
-    EXPECT_TRUE(budget.TryReserve(60));
-    EXPECT_FALSE(budget.TryReserve(41));
-    EXPECT_FALSE(budget.TryReserve(UINT64_MAX)) << "no wrap-around";
-    budget.Release(60);
-    EXPECT_TRUE(budget.TryReserve(100));
 }
 
 std::string V2(unsigned char command, unsigned char family,
@@ -122,161 +105,6 @@ TEST(ProxyHeader, VersionsOneAndTwo) {
             EXPECT_EQ(row.length, header.length) << row.name;
         }
     }
-}
-
-TEST(ListenAddress, AsWrittenInTheSettings) {
-    struct Row {
-        const char* text;
-        bool valid;
-        const char* address;
-        unsigned short port;
-    } rows[] = {
-        {"127.0.0.1:8443", true, "127.0.0.1", 8443},
-        {"[::1]:443", true, "::1", 443},
-        {"*:443", true, "0.0.0.0", 443},
-        {"::1:443", false, "", 0},
-        {"127.0.0.1:65536", false, "", 0},
-        {"127.0.0.1:", false, "", 0},
-        {"host.example:443", false, "", 0},
-        {"127.0.0.1:+44", false, "", 0},
-    };
-    for (const Row& row : rows) {
-        boost::asio::ip::tcp::endpoint endpoint;
-        ASSERT_EQ(row.valid, ParseListenAddress(row.text, endpoint)) << row.text;
-        if (row.valid) {
-            EXPECT_EQ(row.address, endpoint.address().to_string()) << row.text;
-            EXPECT_EQ(row.port, endpoint.port()) << row.text;
-        }
-    }
-    EXPECT_EQ("192.0.2.7", ClientAddressText(boost::asio::ip::make_address("::ffff:192.0.2.7")));
-}
-
-// A store whose batches the test holds, fails or lets through.
-struct FakeStore : Store {
-    struct Shared {
-        std::mutex mutex;
-        std::condition_variable changed;
-        std::vector<size_t> batches;  // sizes of the batches committed
-        bool hold = false;            // InsertBatch waits while set
-        bool inside = false;          // InsertBatch is waiting
-        int failures = 0;             // the next batches answer Unavailable
-        int opens = 0;
-    };
-    explicit FakeStore(Shared& shared) : shared(shared) {}
-    StoreResult InsertBatch(const std::vector<ValidatedReport>& batch,
-                            std::vector<InsertOutcome>& outcomes) override {
-        std::unique_lock<std::mutex> lock(shared.mutex);
-        shared.inside = true;
-        shared.changed.notify_all();
-        shared.changed.wait(lock, [this] { return !shared.hold; });
-        shared.inside = false;
-        if (shared.failures > 0) {
-            --shared.failures;
-            return StoreResult::Unavailable;
-        }
-        shared.batches.push_back(batch.size());
-        for (const ValidatedReport& report : batch) {
-            outcomes.push_back(InsertOutcome{std::stoll(report.body), report.body == "7"});
-        }
-        return StoreResult::Ok;
-    }
-    StoreResult Ping() override { return StoreResult::Ok; }
-    Shared& shared;
-};
-
-struct Answers {
-    std::mutex mutex;
-    std::condition_variable done;
-    std::vector<std::pair<StoreResult, int64_t>> byPost =
-        std::vector<std::pair<StoreResult, int64_t>>(64);
-    int count = 0;
-    void Submit(Committer& committer, int post) {
-        ValidatedReport report;
-        report.body = std::to_string(post);
-        committer.Submit(std::move(report),
-                         [this, post](StoreResult result, const InsertOutcome& outcome) {
-                             std::lock_guard<std::mutex> lock(mutex);
-                             byPost[post] = {result, outcome.id};
-                             ++count;
-                             done.notify_all();
-                         });
-    }
-    void WaitFor(int total) {
-        std::unique_lock<std::mutex> lock(mutex);
-        done.wait(lock, [&] { return count >= total; });
-    }
-};
-
-TEST(Committer, PostsWaitingDuringACommitShareTheNextAndEachGetsItsOwnOutcome) {
-    FakeStore::Shared shared;
-    Metrics metrics;
-    Committer committer(
-        [&](std::string&) {
-            ++shared.opens;
-            return std::make_unique<FakeStore>(shared);
-        },
-        metrics);
-    committer.Start();
-    Answers answers;
-    shared.hold = true;
-    answers.Submit(committer, 0);
-    {
-        std::unique_lock<std::mutex> lock(shared.mutex);
-        shared.changed.wait(lock, [&] { return shared.inside; });
-    }
-    std::vector<std::thread> posters;
-    for (int t = 0; t < 4; ++t) {
-        posters.emplace_back([&, t] {
-            for (int i = 1 + t * 10; i <= 10 + t * 10; ++i)
-                answers.Submit(committer, i);
-        });
-    }
-    for (auto& poster : posters)
-        poster.join();
-    {
-        std::lock_guard<std::mutex> lock(shared.mutex);
-        EXPECT_EQ(0, answers.count) << "answered before its batch was committed";
-        shared.hold = false;
-    }
-    shared.changed.notify_all();
-    answers.WaitFor(41);
-    EXPECT_EQ((std::vector<size_t>{1, 40}), shared.batches);
-    for (int post = 0; post <= 40; ++post) {
-        EXPECT_EQ(StoreResult::Ok, answers.byPost[post].first);
-        EXPECT_EQ(post, answers.byPost[post].second) << "outcome of another post";
-    }
-    EXPECT_NE(std::string::npos, metrics.Render().find("pathweave_collector_duplicates_total 1\n"));
-}
-
-TEST(Committer, AStorageFailureAnswersUnavailableLogsOnceAndRecoversByItself) {
-    pwtest::StartLogCapture();
-    pwtest::ClearCapturedLogs();
-    FakeStore::Shared shared;
-    shared.failures = 3;
-    Metrics metrics;
-    Committer committer(
-        [&](std::string&) {
-            ++shared.opens;
-            return std::make_unique<FakeStore>(shared);
-        },
-        metrics);
-    committer.Start();
-    Answers answers;
-    for (int post = 0; post < 3; ++post) {
-        answers.Submit(committer, post);
-        answers.WaitFor(post + 1);
-        EXPECT_EQ(StoreResult::Unavailable, answers.byPost[post].first);
-        EXPECT_FALSE(committer.Ready());
-    }
-    answers.Submit(committer, 3);
-    answers.WaitFor(4);
-    EXPECT_EQ(StoreResult::Ok, answers.byPost[3].first);
-    EXPECT_TRUE(committer.Ready());
-    committer.Stop();
-    pwtest::StopLogCapture();
-    EXPECT_EQ(1u, pwtest::CountLogText(
-                      "storage unavailable (InsertBatch failed), answering 503 until it is back"));
-    EXPECT_EQ(1u, pwtest::CountLogText("storage is back, ingesting again"));
 }
 
 TEST(DashboardAccess, TokenFromSettingsStateFileOrOff) {
