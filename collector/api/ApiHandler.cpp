@@ -8,6 +8,7 @@
 
 #include "HostClock.h"
 #include "api/ApiParams.h"
+#include "report/ReportReader.h"
 #include "store/Store.h"
 #include "store/StoreLog.h"
 
@@ -210,7 +211,15 @@ ApiAnswer OneReport(Store& store, const ApiTarget& target) {
         duplicates.push_back(IsoTime(time));
     }
     body["duplicates"] = duplicates;
-    return JsonAnswer(200, body);
+    ApiAnswer answer = JsonAnswer(200, body);
+    // The whole report in the shared JSON form, which keeps bytes that are not UTF-8 (as
+    // \udcXX keys and base64 objects): its text goes in as written. Null when damaged.
+    std::string json, reason;
+    answer.body.pop_back();
+    answer.body += ",\"report\":";
+    answer.body += ReportToJson(report.body, json, reason) ? json : "null";
+    answer.body += "}";
+    return answer;
 }
 
 ApiAnswer Daily(Store& store, const ApiTarget& target) {

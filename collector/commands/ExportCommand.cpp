@@ -6,6 +6,7 @@
 #include "Commands.h"
 #include "api/ApiParams.h"
 #include "commands/CommandSupport.h"
+#include "report/ReportReader.h"
 
 namespace collector {
 
@@ -96,7 +97,7 @@ int RunExport(const CollectorSettings& settings, const std::vector<std::string>&
     static char buffer[1 << 20];
     setvbuf(stdout, buffer, _IOFBF, sizeof(buffer));
     int64_t afterId = 0;
-    std::string line;
+    std::string line, json, reason;
     for (;;) {
         std::vector<StoredReport> page;
         StoreResult result = store->ScanReports(filter, afterId, kPage, page);
@@ -109,7 +110,11 @@ int RunExport(const CollectorSettings& settings, const std::vector<std::string>&
         }
         for (const StoredReport& report : page) {
             line = ExportObject(report).dump(-1, ' ', false, Json::error_handler_t::replace);
-            line.push_back('\n');
+            // The report in the shared JSON form goes in as that writer wrote it.
+            line.pop_back();
+            line += ",\"report\":";
+            line += ReportToJson(report.body, json, reason) ? json : "null";
+            line += "}\n";
             if (fwrite(line.data(), 1, line.size(), stdout) != line.size()) {
                 CommandFailed("export stopped: cannot write");
                 return 1;

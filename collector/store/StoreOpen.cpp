@@ -4,6 +4,10 @@
 
 namespace collector {
 
+namespace {
+constexpr int64_t kStatisticsAfterReports = 10000;
+}
+
 std::unique_ptr<Store> OpenStoreAtVersion(const std::string& database, int schemaVersion,
                                           std::string& error) {
     const bool postgres =
@@ -16,6 +20,17 @@ std::unique_ptr<Store> OpenStoreAtVersion(const std::string& database, int schem
     int version = 0;
     if (MigrateSchema(*connection, schemaVersion, version, error) != StoreResult::Ok) {
         return nullptr;
+    }
+    // A SQLite database that grew without a purge yet has no planner statistics.
+    if (!postgres) {
+        std::vector<SqlRow> rows;
+        connection->Exec(
+            "SELECT max(id), (SELECT count(*) FROM sqlite_master WHERE name = "
+            "'sqlite_stat1') FROM reports",
+            {}, &rows);
+        if (!rows.empty() && rows[0][0].Int() > kStatisticsAfterReports && rows[0][1].Int() == 0) {
+            connection->Reclaim();
+        }
     }
     return std::make_unique<SqlStore>(std::move(connection), version);
 }

@@ -7,6 +7,7 @@
 #include "HostClock.h"
 #include "StoreFixture.h"
 #include "api/ApiHandler.h"
+#include "report/ReportValidator.h"
 
 using namespace collector;
 using Json = nlohmann::json;
@@ -126,6 +127,22 @@ TEST_F(Api, OneReportItsDownloadsAndItsMachine) {
     Json machine = Json::parse(Get("/api/machines/" + kB).body);
     EXPECT_EQ(5u, machine["reports"].size());
     EXPECT_EQ(3u, machine["versions"].size());  // 5.1.2, 5.1.1, then 5.1.2 again
+}
+
+TEST_F(Api, AValidatedCrashReportIsShownWhole) {
+    const std::string seed =
+        pwsupport::ReadFileOrEmpty(std::string(PW_REPORT_FUZZ_REGRESSIONS) + "/seed-crash");
+    ValidatedReport crash = ValidateBody("data=" + seed, false);
+    ASSERT_EQ(ReportKind::Crash, crash.kind) << crash.damagedReason;
+    ASSERT_FALSE(crash.crashDumps.empty());
+    std::vector<InsertOutcome> outcomes;
+    ASSERT_EQ(StoreResult::Ok, store->InsertBatch({crash}, outcomes));
+    const std::string path = "/api/reports/" + std::to_string(outcomes[0].id);
+    Json report = Json::parse(Get(path).body);
+    EXPECT_EQ(7, report["report"][0]);
+    EXPECT_EQ(crash.machineId, report["report"][1]);
+    EXPECT_EQ(crash.crashDumps[0].bytes, Get(path + "/crash/" + crash.crashDumps[0].module).body);
+    EXPECT_EQ(seed, Get(path + "/raw").body);
 }
 
 TEST_F(Api, FiguresOfTheKnownReports) {
