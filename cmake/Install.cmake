@@ -68,9 +68,31 @@ install(FILES ${PROJECT_SOURCE_DIR}/packaging/pathweave-host.logrotate
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/pathweave-host.service
         DESTINATION lib/systemd/system COMPONENT feedback)
 
+# The collector (amd64 only): the program, its pages, settings, unit and system user.
+if(TARGET pathweave-collector)
+  if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    set_target_properties(pathweave-collector PROPERTIES
+                          INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+  endif()
+  install(TARGETS pathweave-collector RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+          COMPONENT collector)
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/collector/web/
+          DESTINATION ${CMAKE_INSTALL_DATADIR}/pathweave-collector/web COMPONENT collector)
+  install(FILES ${PROJECT_SOURCE_DIR}/packaging/collector/collector.conf
+          DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/pathweave COMPONENT collector)
+  install(FILES ${PROJECT_SOURCE_DIR}/packaging/collector/pathweave-collector.service
+          DESTINATION lib/systemd/system COMPONENT collector)
+  install(FILES ${PROJECT_SOURCE_DIR}/packaging/collector/pathweave-collector.sysusers
+          DESTINATION lib/sysusers.d RENAME pathweave-collector.conf COMPONENT collector)
+  install(FILES ${PROJECT_SOURCE_DIR}/docs/collector.md ${PROJECT_SOURCE_DIR}/docs/dashboard.md
+          DESTINATION ${CMAKE_INSTALL_DOCDIR}/../pathweave-collector COMPONENT collector)
+  list(APPEND PW_MAN_PAGES_EXTRA pathweave-collector.8:collector)
+endif()
+
 # Man pages (compressed, as Debian installs them) and each package's documents.
 find_program(GZIP_PROGRAM gzip REQUIRED)
-foreach(page pathweave-host.8:feedback pathweave-host.conf.5:feedback cefdump.1:tools)
+foreach(page pathweave-host.8:feedback pathweave-host.conf.5:feedback cefdump.1:tools
+             ${PW_MAN_PAGES_EXTRA})
   string(REPLACE ":" ";" parts ${page})
   list(GET parts 0 name)
   list(GET parts 1 component)
@@ -87,6 +109,9 @@ add_custom_target(pw_man_pages ALL DEPENDS ${PW_MAN_PAGES})
 
 set(PW_PACKAGES feedback:pathweave-feedback runtime:libpwhost${PW_HOST_SOVERSION}
                 dev:libpwhost-dev tools:pathweave-tools)
+if(TARGET pathweave-collector)
+  list(APPEND PW_PACKAGES collector:pathweave-collector)
+endif()
 foreach(entry ${PW_PACKAGES})
   string(REPLACE ":" ";" parts ${entry})
   list(GET parts 0 component)
@@ -118,6 +143,9 @@ set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL feedback runtime dev tools)
+if(TARGET pathweave-collector)
+  list(APPEND CPACK_COMPONENTS_ALL collector)
+endif()
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
@@ -151,4 +179,14 @@ as JSON.")
 set(CPACK_COMPONENT_FEEDBACK_DEPENDS runtime)
 set(CPACK_COMPONENT_DEV_DEPENDS runtime)
 set(CPACK_COMPONENT_TOOLS_DEPENDS runtime)
+set(CPACK_COMPONENT_COLLECTOR_DEPENDS runtime)
+set(CPACK_DEBIAN_COLLECTOR_PACKAGE_DEPENDS "libjs-chart.js, adduser")
+set(CPACK_DEBIAN_COLLECTOR_PACKAGE_CONTROL_EXTRA
+    ${PROJECT_SOURCE_DIR}/packaging/collector/conffiles
+    ${PROJECT_SOURCE_DIR}/packaging/collector/postinst)
+set(CPACK_DEBIAN_COLLECTOR_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_COLLECTOR_DESCRIPTION "Pathweave feedback collector
+pathweave-collector receives the reports that Pathweave clients post over
+HTTPS, validates and keeps them (SQLite, or PostgreSQL for several nodes),
+and serves a JSON API and a dashboard over them.")
 include(CPack)

@@ -22,7 +22,8 @@ public:
 // The test certificates (tools/feedback-server/make_certs.sh), made once in a scratch directory.
 const std::string& CertDir();
 
-// tools/feedback-server/feedback_server.py on 127.0.0.1. Records requests only when `record` is set.
+// tools/feedback-server/feedback_server.py on 127.0.0.1. Records requests only when `record` is
+// set.
 class BenchServer {
 public:
     BenchServer(const std::string& mode, bool record);

@@ -24,6 +24,9 @@ constexpr size_t kHeaderLimit = 16 * 1024;
 // loses its connection.
 constexpr auto kWriteTimeout = std::chrono::seconds(30);
 constexpr auto kShutdownTimeout = std::chrono::seconds(2);
+// While draining, the TLS goodbye is sent but the client's own is hardly waited for (a
+// server needs none): an idle keep-alive client must not hold the exit for seconds.
+constexpr auto kDrainShutdownTimeout = std::chrono::milliseconds(100);
 // What is kept of a damaged body past its address's daily allowance.
 constexpr size_t kDamagedKeptBytes = 4096;
 // Retry-After when storage or the body budget cannot take a post now.
@@ -351,7 +354,7 @@ void ReceiveSession::Close() {
     ReleaseBudget();
     if (!secured)
         return Socket().close();  // no TLS session to end
-    Socket().expires_after(kShutdownTimeout);
+    Socket().expires_after(context_.draining ? kDrainShutdownTimeout : kShutdownTimeout);
     stream_.async_shutdown([self = shared_from_this()](beast::error_code) {
         beast::error_code ignored;
         self->Socket().socket().shutdown(tcp::socket::shutdown_both, ignored);

@@ -10,6 +10,7 @@
 // every other non-zero result means that the check itself could not be made.
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "ResultCodes.h"
@@ -83,6 +84,7 @@ public:
 
 private:
     struct Anchors;
-    Anchors* m_pAnchors;
+    // Owned; a unique_ptr so that a constructor that fails part-way frees it.
+    std::unique_ptr<Anchors> m_pAnchors;
     std::string m_userName;
 };

@@ -11,6 +11,7 @@
 // context, so that no callback can reach an owner that is gone.
 #pragma once
 
+#include <memory>
 #include <vector>
 
 class CEventList;
@@ -29,8 +30,8 @@ public:
     // Drops one reference; the last one destroys the context.
     void releaseInstance();
 
-    CEventList* GetEventList() const { return m_pEventList; }
-    CTimerList* GetTimerList() const { return m_pTimerList; }
+    CEventList* GetEventList() const { return m_pEventList.get(); }
+    CTimerList* GetTimerList() const { return m_pTimerList.get(); }
     INSTANCE_ID GetInstanceId() const { return m_id; }
 
     CExecutionContext(const CExecutionContext&) = delete;
@@ -42,8 +43,9 @@ private:
 
     INSTANCE_ID m_id;
     unsigned int m_references;
-    CEventList* m_pEventList;
-    CTimerList* m_pTimerList;
+    // Owned; unique_ptrs so that a constructor that fails part-way frees what it made.
+    std::unique_ptr<CEventList> m_pEventList;
+    std::unique_ptr<CTimerList> m_pTimerList;
     // Watchers holding a reference to this context.
     std::vector<CFileSystemWatcher*> m_watchers;
 

@@ -26,6 +26,7 @@
 // closes it. A reply received before the close stays readable.
 #pragma once
 
+#include <memory>
 #include <cstdint>
 #include <list>
 #include <string>
@@ -152,5 +153,6 @@ public:
 private:
     struct Impl;
     friend struct Impl;
-    Impl* m_pImpl;
+    // Owned; a unique_ptr so that a constructor that fails part-way frees it.
+    std::unique_ptr<Impl> m_pImpl;
 };

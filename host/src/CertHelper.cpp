@@ -120,9 +120,7 @@ CCertHelper::CCertHelper(long& result, unsigned int storeMask, const std::string
     }
 }
 
-CCertHelper::~CCertHelper() {
-    delete m_pAnchors;
-}
+CCertHelper::~CCertHelper() {}
 
 long CCertHelper::VerifyServerCertificate(const x509_store_ctx_st* peerChain,
                                           eCertContextID context, const char* serverName,

@@ -32,10 +32,7 @@ struct ContextRegistry {
 CExecutionContext::CExecutionContext(INSTANCE_ID id)
     : m_id(id), m_references(0), m_pEventList(new CEventList), m_pTimerList(new CTimerList) {}
 
-CExecutionContext::~CExecutionContext() {
-    delete m_pTimerList;
-    delete m_pEventList;
-}
+CExecutionContext::~CExecutionContext() = default;
 
 long CExecutionContext::CreateMultitonInstance(CExecutionContext*& context, INSTANCE_ID id) {
     long code = 0;

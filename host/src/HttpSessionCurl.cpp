@@ -481,9 +481,7 @@ CHttpSessionCurl::CHttpSessionCurl(
     }
 }
 
-CHttpSessionCurl::~CHttpSessionCurl() {
-    delete m_pImpl;
-}
+CHttpSessionCurl::~CHttpSessionCurl() = default;
 
 void CHttpSessionCurl::SetLowSpeedGuard(unsigned int bytesPerSecond, unsigned int seconds) {
     g_lowSpeedBytesPerSecond.store(bytesPerSecond);

@@ -42,6 +42,17 @@ for arch in amd64:x86_64 i386:i386; do
     [ "$a" = amd64 ] && dpkg-deb -x "$deb" "$scratch/root"
   done
 done
+collector_deb="$clone/out/pathweave-collector_${version}_amd64.deb"
+listing=$(dpkg-deb -c "$collector_deb" | awk '{print $6}')
+for file in ./usr/bin/pathweave-collector ./etc/pathweave/collector.conf \
+  ./usr/lib/systemd/system/pathweave-collector.service ./usr/lib/sysusers.d/pathweave-collector.conf \
+  ./usr/share/man/man8/pathweave-collector.8.gz ./usr/share/pathweave-collector/web/index.html; do
+  grep -qxF "$file" <<<"$listing" || { echo "$collector_deb lacks $file"; exit 1; }
+done
+! dpkg-deb -c "$collector_deb" | grep -qi 'chart[^/]*\.js$' || { echo "$collector_deb copies a chart library"; exit 1; }
+dpkg-deb -f "$collector_deb" Depends | grep -q 'libjs-chart.js' ||
+  { echo "$collector_deb does not depend on libjs-chart.js"; exit 1; }
+dpkg-deb -x "$collector_deb" "$scratch/root"
 echo "packages: contents as expected"
 
 # The installed host and plug-in, run once from the extracted root. The plug-in keeps its
@@ -59,6 +70,9 @@ unshare --mount --propagation private bash -c '
 grep -qx "path $url_path" "$scratch"/e2e/received-server/*.meta ||
   { echo "the installed plug-in did not post to the URL given to scripts/package"; exit 1; }
 echo "packages: the installed host delivered a report to the URL it was packaged with"
+
+bash "$root/tests/package/check_collector_service.sh" "$scratch/root" "$scratch/service"
+echo "packages: the collector's unit verifies and its ExecStart serves as the service user"
 
 cmake --install "$native" --prefix "$scratch/prefix" >/dev/null
 { cmake -S "$root/tests/package/consumer" -B "$scratch/consumer" -DCMAKE_PREFIX_PATH="$scratch/prefix" &&

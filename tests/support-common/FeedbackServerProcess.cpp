@@ -15,8 +15,8 @@ namespace pwsupport {
 const char* const kFeedbackServerName = "feedback.pathweave.example";
 
 int MakeTestCerts(const std::string& dir, bool quiet) {
-    return RunProcess({"bash", std::string(PW_SOURCE_DIR) + "/tools/feedback-server/make_certs.sh", dir},
-                      quiet);
+    return RunProcess(
+        {"bash", std::string(PW_SOURCE_DIR) + "/tools/feedback-server/make_certs.sh", dir}, quiet);
 }
 
 bool FeedbackServerProcess::Start(const std::vector<std::string>& options, bool quiet,
@@ -24,8 +24,8 @@ bool FeedbackServerProcess::Start(const std::vector<std::string>& options, bool 
     Stop();
     // The distribution's interpreter when there is one: it starts fastest.
     const char* python = access("/usr/bin/python3", X_OK) == 0 ? "/usr/bin/python3" : "python3";
-    std::vector<std::string> args = {python,
-                                     std::string(PW_SOURCE_DIR) + "/tools/feedback-server/feedback_server.py"};
+    std::vector<std::string> args = {
+        python, std::string(PW_SOURCE_DIR) + "/tools/feedback-server/feedback_server.py"};
     args.insert(args.end(), options.begin(), options.end());
     int out = -1;
     m_pid = Spawn(args, &out, quiet, error);

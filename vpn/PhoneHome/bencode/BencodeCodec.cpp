@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <typeinfo>
 
 #include "Bencode.h"
@@ -346,8 +347,10 @@ bool CBencodeTree::Read(CBencodeStream& stream, CBencode& root) {
                 if (list.m_items.capacity() == 0) {
                     list.m_items.reserve(4);
                 }
-                CBencode* item = NewValue(next);
-                list.m_items.push_back(item);
+                // Owned here until the list holds it: a failed push_back must not leak it.
+                std::unique_ptr<CBencode> owned(NewValue(next));
+                list.m_items.push_back(owned.get());
+                CBencode* item = owned.release();
                 if (item->m_type >= CBencode::eBencodeList) {
                     child = item;
                 } else if (!item->CBencode::Internalize(stream)) {
@@ -393,8 +396,9 @@ bool CBencodeTree::Read(CBencodeStream& stream, CBencode& root) {
                     } else if (!AdmitValue(buffer, next, parents.size() + 1, values)) {
                         finished = true;
                     } else {
-                        CBencode* value = NewValue(next);
-                        entry = entries.emplace_hint(position, std::move(key), value);
+                        std::unique_ptr<CBencode> owned(NewValue(next));
+                        entry = entries.emplace_hint(position, std::move(key), owned.get());
+                        CBencode* value = owned.release();
                         if (value->m_type >= CBencode::eBencodeList) {
                             child = value;
                         } else if (!value->CBencode::Internalize(stream)) {
