@@ -11,8 +11,13 @@ here=$(cd "$(dirname "$0")/../.." && pwd)
 unit="$root/usr/lib/systemd/system/pathweave-collector.service"
 user=pathweave-collector
 
-SYSTEMD_LOG_LEVEL=err systemd-analyze verify --root="$root" "$unit" >"$work.verify.log" 2>&1 || true
-if grep -v -e 'not executable: No such file' -e 'Failed to prepare' "$work.verify.log" | grep -q .; then
+# Verified against this machine's systemd, where the program is not installed: that one
+# complaint is expected (the program's place in the package is checked instead); any other
+# line, an unknown key or a bad value among them, fails.
+[ -x "$root/usr/bin/pathweave-collector" ] || { echo "the package lacks its program"; exit 1; }
+systemd-analyze verify --man=no "$unit" >"$work.verify.log" 2>&1 || true
+if grep -v -F 'Command /usr/bin/pathweave-collector is not executable: No such file or directory' \
+  "$work.verify.log" | grep -q .; then
   cat "$work.verify.log"; exit 1
 fi
 for key in User=$user UMask=0077 StateDirectory=pathweave-collector Restart=on-failure \

@@ -71,6 +71,8 @@ grep -qx "path $url_path" "$scratch"/e2e/received-server/*.meta ||
   { echo "the installed plug-in did not post to the URL given to scripts/package"; exit 1; }
 echo "packages: the installed host delivered a report to the URL it was packaged with"
 
+# The collector runs as its own user, which must reach the extracted root and its files.
+chmod 0711 "$scratch"
 bash "$root/tests/package/check_collector_service.sh" "$scratch/root" "$scratch/service"
 echo "packages: the collector's unit verifies and its ExecStart serves as the service user"
 

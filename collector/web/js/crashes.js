@@ -1,6 +1,6 @@
 // Crashes: crash reports per module per day and per version (versions in version order),
 // new dumps apart from repeats, and the list of crash reports with a download per dump.
-import { drawChart } from './charts.js';
+import { drawChart } from './graphs.js';
 import {
     apiPath, breakdownRows, compareVersions, dayOf, el, fill, formatBytes, formatCount, getJson,
     mapLimited, pageParams, pager, rangeDays, rangePicker, rangeStart, reportColumns, run, table,

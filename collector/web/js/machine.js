@@ -1,6 +1,6 @@
 // One machine's history: its reports in time order, what it ran (versions and operating
 // systems) and since when, and its reports per day.
-import { drawChart } from './charts.js';
+import { drawChart } from './graphs.js';
 import {
     apiPath, dayOf, el, fill, formatTime, getJson, kKinds, pageParams, reportColumns, run, table,
     untrusted, formatCount,

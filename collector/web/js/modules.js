@@ -1,6 +1,6 @@
 // Module data: pick a module and one of its fields; integers as their daily sum and mean,
 // texts as their most frequent values per day.
-import { drawChart } from './charts.js';
+import { drawChart } from './graphs.js';
 import {
     apiPath, chartLabel, dayOf, el, fill, fillForm, formatCount, formatNumber, getJson, pageParams,
     rangeDays, rangePicker, run, table, untrusted,

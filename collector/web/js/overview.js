@@ -1,6 +1,6 @@
 // Overview: reports per day by kind, active machines, duplicates and damaged, breakdowns
 // by version, operating system and locale, and the latest reports, over a chosen range.
-import { drawChart } from './charts.js';
+import { drawChart } from './graphs.js';
 import {
     apiPath, breakdownRows, dayOf, fill, formatCount, getJson, kKinds, pageParams, rangeDays,
     rangePicker, reportColumns, run, table, tile, untrusted, compareVersions,

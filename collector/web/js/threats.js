@@ -1,6 +1,6 @@
 // Threats: incidents per day over a range, their texts, and a search over the texts of
 // the range's newest incidents.
-import { drawChart } from './charts.js';
+import { drawChart } from './graphs.js';
 import {
     apiPath, dayOf, el, fill, formatCount, formatTime, getJson, machineCell, mapLimited, pageLink,
     pageParams, pager, rangeDays, rangePicker, rangeStart, run, table, tile, untrusted, fillForm,
