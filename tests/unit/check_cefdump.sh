@@ -50,7 +50,10 @@ ROWS
 # Nesting as deep as the size limit allows (a million levels under emulation) is printed.
 depth=$([ $# -gt 0 ] && echo 1000000 || echo 5000000)
 { head -c $depth /dev/zero | tr '\0' l; head -c $depth /dev/zero | tr '\0' e; } >"$dir/deep.cef"
-out=$("$@" "$tool" --compact "$dir/deep.cef" | tr -d '\n') || fail "deep nesting refused"
+# Natively, within 128 bytes per value plus 16 MiB of address space.
+limit=$([ $# -gt 0 ] && echo unlimited || echo $(((128 * depth + 16 * 1048576) / 1024)))
+out=$( (ulimit -v "$limit" && "$@" "$tool" --compact "$dir/deep.cef") | tr -d '\n') ||
+  fail "deep nesting refused"
 [ "$out" = "$(head -c $((depth - 1)) /dev/zero | tr '\0' '[')[]$(head -c $((depth - 1)) /dev/zero | tr '\0' ']')" ] ||
   fail "deep nesting printed wrongly"
 # Pretty-printed, indentation stops growing at 32 levels: the output stays linear in the

@@ -12,12 +12,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <string>
 
 #include "AppLog.h"
 #include "Bencode.h"
+#include "BencodeEvents.h"
 #include "BencodeJson.h"
+#include "OrderedPrint.h"
 #include "RegularFile.h"
 
 namespace {
@@ -167,13 +168,11 @@ int main(int argc, char** argv) {
     stream.Seekg(0, std::ios_base::beg);
     const bool dictionary = end > offset && bytes[offset] == 'd';
     std::string().swap(bytes);  // the stream holds the input now: one copy is enough
-    std::unique_ptr<CBencode> root;
-    if (dictionary) {
-        root.reset(new CBencodeDictionary(false));
-    } else {
-        root.reset(new CBencodeList(false));
-    }
-    const bool valid = root->Internalize(stream);
+
+    // No tree is built: a first read validates and plans the order of dictionaries whose
+    // keys are out of order, a second prints as it reads.
+    COrderPlanner planner(stream);
+    const bool valid = ReadBencodeEvents(stream, dictionary, planner);
     const bool ranOut = stream.Eof();
     const size_t invalid = stream.Buffer().InvalidByte();
     stream.Clear();  // a failed read leaves the stream failed, with its position kept
@@ -195,9 +194,22 @@ int main(int argc, char** argv) {
                 name.c_str(), end - at, at);
     }
 
-    const bool written = bencodejson::Write(
-        *root, compact ? 0 : 2,
-        [](const char* data, size_t size) { return fwrite(data, 1, size, stdout) == size; });
+    const bencodejson::Sink sink = [](const char* data, size_t size) {
+        return fwrite(data, 1, size, stdout) == size;
+    };
+    bencodejson::StreamWriter out(compact ? 0 : 2, sink);
+    // The first read logged what there was to log.
+    BencodeReadLimits quiet = stream.ReadLimits();
+    quiet.logFailures = false;
+    stream.SetReadLimits(quiet);
+    stream.Seekg(0, std::ios_base::beg);
+    COrderedPrinter printer(stream, planner.Plan(), out);
+    ReadBencodeEvents(stream, dictionary, printer);
+    if (!printer.Opened()) {  // an empty input: an empty list
+        out.Open(false);
+        out.Close();
+    }
+    const bool written = out.Finish();
     if (!written || fflush(stdout) != 0) {
         fprintf(stderr, "cefdump: write to stdout failed: %s\n", strerror(errno));
         return kExitFileError;
