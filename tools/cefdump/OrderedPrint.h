@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <set>
 #include <string>
@@ -67,8 +68,8 @@ private:
     CBencodeStream& m_stream;
     CBencode m_integer;  // what the reader reads integers and strings into
     CBencode m_string;
-    std::vector<bool> m_open;  // per open container: a dictionary
-    std::vector<Dictionary> m_dictionaries;
+    std::vector<bool> m_open;               // per open container: a dictionary
+    std::deque<Dictionary> m_dictionaries;  // grows by blocks, without spare room
     OrderPlan m_plan;
 };
 
