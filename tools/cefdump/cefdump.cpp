@@ -11,13 +11,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
 
 #include "AppLog.h"
 #include "Bencode.h"
+#include "BencodeEvents.h"
 #include "BencodeJson.h"
+#include "OrderedPrint.h"
 #include "RegularFile.h"
 
 namespace {
@@ -63,29 +66,56 @@ int Fail(int code, const std::string& name, const std::string& reason) {
     return code;
 }
 
-// Reads all of `fd` into `bytes`, at most `limit` + 1 bytes (enough to tell it is too large).
-bool ReadUpTo(int fd, size_t limit, std::string& bytes) {
-    char chunk[65536];
-    for (;;) {
-        ssize_t count = read(fd, chunk, sizeof chunk);
+// A malloc'd block, which the bencode stream can take over as it is.
+struct FreeBlock {
+    void operator()(char* data) const { free(data); }
+};
+using Block = std::unique_ptr<char, FreeBlock>;
+
+// The input's bytes: `size` of them in a block of `capacity`.
+struct Input {
+    Block block;
+    size_t size = 0;
+    size_t capacity = 0;
+};
+
+// Reads all of `fd` into `input`, at most `limit` bytes and one more chunk (enough to tell
+// it is too large). The block grows by realloc, which moves a large block by remapping it,
+// never holding two copies of the input.
+bool ReadUpTo(int fd, size_t limit, Input& input) {
+    const size_t kChunk = 65536;
+    while (input.size <= limit) {
+        if (input.capacity - input.size < kChunk) {
+            const size_t grown = std::max(input.capacity * 2, input.size + kChunk);
+            char* data = static_cast<char*>(realloc(input.block.get(), grown));
+            if (data == nullptr) {
+                errno = ENOMEM;
+                return false;
+            }
+            input.block.release();
+            input.block.reset(data);
+            input.capacity = grown;
+        }
+        ssize_t count = read(fd, input.block.get() + input.size, kChunk);
         if (count < 0 && errno == EINTR) {
             continue;
         }
         if (count < 0) {
             return false;
         }
-        if (count == 0 || bytes.size() > limit) {
+        if (count == 0) {
             return true;
         }
-        bytes.append(chunk, static_cast<size_t>(count));
+        input.size += static_cast<size_t>(count);
     }
+    return true;
 }
 
-// The input's bytes: standard input, or a regular file read under the same exclusive,
+// The input: standard input, or a regular file read under the same exclusive,
 // non-blocking lock that the service takes. Returns an exit code (kExitOk when read).
-int ReadInput(const std::string& path, std::string& bytes) {
+int ReadInput(const std::string& path, Input& input) {
     if (path == "-") {
-        return ReadUpTo(STDIN_FILENO, MAX_BENCODE_FILE_SIZE + sizeof kWirePrefix, bytes)
+        return ReadUpTo(STDIN_FILENO, MAX_BENCODE_FILE_SIZE + sizeof kWirePrefix, input)
                    ? kExitOk
                    : Fail(kExitFileError, "standard input", strerror(errno));
     }
@@ -97,7 +127,7 @@ int ReadInput(const std::string& path, std::string& bytes) {
         return Fail(errno == EWOULDBLOCK ? kExitLocked : kExitFileError, path,
                     errno == EWOULDBLOCK ? "locked by another process" : strerror(errno));
     }
-    return ReadUpTo(file.Get(), MAX_BENCODE_FILE_SIZE + sizeof kWirePrefix, bytes)
+    return ReadUpTo(file.Get(), MAX_BENCODE_FILE_SIZE + sizeof kWirePrefix, input)
                ? kExitOk
                : Fail(kExitFileError, path, strerror(errno));
 }
@@ -142,38 +172,38 @@ int main(int argc, char** argv) {
     CAppLog::ConfigureSinks(verbose ? CAppLog::SinkStderr : 0u);
     const std::string name = path == "-" ? "standard input" : path;
 
-    std::string bytes;
-    int read = ReadInput(path, bytes);
+    Input input;
+    int read = ReadInput(path, input);
     if (read != kExitOk) {
         return read;
     }
+    char* const bytes = input.block.get();
     size_t offset = 0;  // of the report within the input
     if (wire) {
-        if (bytes.compare(0, sizeof kWirePrefix - 1, kWirePrefix) != 0) {
+        if (input.size < sizeof kWirePrefix - 1 ||
+            memcmp(bytes, kWirePrefix, sizeof kWirePrefix - 1) != 0) {
             return Fail(kExitInvalid, name, "does not start with \"data=\"");
         }
         offset = sizeof kWirePrefix - 1;
     }
-    if (bytes.size() - offset > MAX_BENCODE_FILE_SIZE) {
+    if (input.size - offset > MAX_BENCODE_FILE_SIZE) {
         return Fail(kExitTooLarge, name,
                     "larger than the limit of " + std::to_string(MAX_BENCODE_FILE_SIZE) + " bytes");
     }
     // As the service loads a file: the content ends at its first NUL.
-    size_t end = bytes.find('\0', offset);
-    end = end == std::string::npos ? bytes.size() : end;
-
-    CBencodeStream stream("", false);
-    stream.Write(bytes.data() + offset, static_cast<unsigned int>(end - offset));
-    stream.Seekg(0, std::ios_base::beg);
+    const char* nul = static_cast<const char*>(memchr(bytes + offset, 0, input.size - offset));
+    const size_t end = nul != nullptr ? static_cast<size_t>(nul - bytes) : input.size;
     const bool dictionary = end > offset && bytes[offset] == 'd';
-    std::string().swap(bytes);  // the stream holds the input now: one copy is enough
-    std::unique_ptr<CBencode> root;
-    if (dictionary) {
-        root.reset(new CBencodeDictionary(false));
-    } else {
-        root.reset(new CBencodeList(false));
-    }
-    const bool valid = root->Internalize(stream);
+
+    // The stream takes the block over: the input is held once.
+    memmove(bytes, bytes + offset, end - offset);
+    CBencodeStream stream("", false);
+    stream.Buffer().Adopt(input.block.release(), end - offset, input.capacity);
+
+    // No tree is built: a first read validates and plans the order of dictionaries whose
+    // keys are out of order, a second prints as it reads.
+    COrderPlanner planner(stream);
+    const bool valid = ReadBencodeEvents(stream, dictionary, planner);
     const bool ranOut = stream.Eof();
     const size_t invalid = stream.Buffer().InvalidByte();
     stream.Clear();  // a failed read leaves the stream failed, with its position kept
@@ -195,9 +225,22 @@ int main(int argc, char** argv) {
                 name.c_str(), end - at, at);
     }
 
-    const bool written = bencodejson::Write(
-        *root, compact ? 0 : 2,
-        [](const char* data, size_t size) { return fwrite(data, 1, size, stdout) == size; });
+    const bencodejson::Sink sink = [](const char* data, size_t size) {
+        return fwrite(data, 1, size, stdout) == size;
+    };
+    bencodejson::StreamWriter out(compact ? 0 : 2, sink);
+    // The first read logged what there was to log.
+    BencodeReadLimits quiet = stream.ReadLimits();
+    quiet.logFailures = false;
+    stream.SetReadLimits(quiet);
+    stream.Seekg(0, std::ios_base::beg);
+    COrderedPrinter printer(stream, planner.Plan(), out);
+    ReadBencodeEvents(stream, dictionary, printer);
+    if (!printer.Opened()) {  // an empty input: an empty list
+        out.Open(false);
+        out.Close();
+    }
+    const bool written = out.Finish();
     if (!written || fflush(stdout) != 0) {
         fprintf(stderr, "cefdump: write to stdout failed: %s\n", strerror(errno));
         return kExitFileError;

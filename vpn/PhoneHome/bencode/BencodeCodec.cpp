@@ -10,6 +10,7 @@
 
 #include "Bencode.h"
 #include "BencodeBufferInline.h"
+#include "BencodeEvents.h"
 #include "BencodeLog.h"
 #include "BencodeTree.h"
 
@@ -296,40 +297,41 @@ bool AdmitValue(CBencodeBuffer& buffer, int first, size_t depth, size_t& values)
     return true;
 }
 
-const char* KindName(CBencode const& value) {
-    switch (value.GetType()) {
-        case CBencode::eBencodeInteger:
-            return "integer";
-        case CBencode::eBencodeString:
-            return "string";
-        case CBencode::eBencodeList:
-            return "list";
-        default:
-            return "dictionary";
-    }
+// The kind of the integer or string item whose first byte is `first`.
+const char* ScalarKindName(int first) {
+    return first == 'i' ? "integer" : "string";
+}
+
+// Reads the integer or string item whose first byte is `first` into the object that the
+// handler gives.
+bool ReadScalar(CBencodeStream& stream, int first, CBencodeReadHandler& handler) {
+    CBencode& value =
+        handler.Scalar(first == 'i' ? CBencode::eBencodeInteger : CBencode::eBencodeString);
+    const bool ok = value.CBencode::Internalize(stream);
+    handler.ScalarDone(ok);
+    return ok;
 }
 
 }  // namespace
 
-// Every container is stored in its parent before it is read, so that values lie in memory
-// in the order of the text: later walks (writing, comparing, freeing) then run through
-// memory front to back. A container that fails to read is removed from its parent and
-// deleted, and each enclosing container logs its own message and fails in turn, exactly as
-// if every level had been read by a call of its own.
-bool CBencodeTree::Read(CBencodeStream& stream, CBencode& root) {
+// The reader proper: the containers it is inside of are one bit each (dictionary or list)
+// on a heap stack, values go to the handler as they are read. A container that fails is
+// closed as failed, and each enclosing container logs its own message and fails in turn,
+// exactly as if every level had been read by a call of its own.
+bool CBencodeTree::ReadItems(CBencodeStream& stream, bool dictionary,
+                             CBencodeReadHandler& handler) {
     CBencodeBuffer& buffer = stream.Buffer();
-    std::vector<ReadFrame> parents;
-    CBencode* current = &root;
-    EntryMap::iterator entry;
+    std::vector<bool> open(1, dictionary);  // the innermost last
+    CBencode keyReader(CBencode::eBencodeString);
     std::string key;
     size_t values = 0;
+    handler.Open(dictionary);
     for (;;) {
         bool finished = false;
         bool ok = false;
-        CBencode* child = nullptr;  // a container to descend into
+        bool descend = false;  // into a container whose opening byte is `next`
         int next = buffer.Peek();
-        if (current->m_type == CBencode::eBencodeList) {
-            CBencodeList& list = static_cast<CBencodeList&>(*current);
+        if (!open.back()) {
             if (!buffer.Good()) {
                 BENCODE_READ_ERROR(buffer, "Internalize",
                                    "Failed to internalize list item identifier");
@@ -339,118 +341,181 @@ bool CBencodeTree::Read(CBencodeStream& stream, CBencode& root) {
                 buffer.GetByte(c);
                 ok = buffer.Good();
                 finished = true;
-            } else if (!AdmitValue(buffer, next, parents.size() + 1, values)) {
+            } else if (!AdmitValue(buffer, next, open.size(), values)) {
                 finished = true;
-            } else {
-                // Lists in feedback data are mostly short: room for four items at once spares
-                // the allocations of growing one item at a time.
-                if (list.m_items.capacity() == 0) {
-                    list.m_items.reserve(4);
-                }
-                // Owned here until the list holds it: a failed push_back must not leak it.
-                std::unique_ptr<CBencode> owned(NewValue(next));
-                list.m_items.push_back(owned.get());
-                CBencode* item = owned.release();
-                if (item->m_type >= CBencode::eBencodeList) {
-                    child = item;
-                } else if (!item->CBencode::Internalize(stream)) {
-                    const char* kind = KindName(*item);
-                    list.m_items.pop_back();
-                    delete item;
-                    BENCODE_READ_ERROR(buffer, "Internalize",
-                                       "Failed to internalize list item of type %s", kind);
-                    finished = true;
-                }
+            } else if (next == 'l' || next == 'd') {
+                descend = true;
+            } else if (!ReadScalar(stream, next, handler)) {
+                BENCODE_READ_ERROR(buffer, "Internalize",
+                                   "Failed to internalize list item of type %s",
+                                   ScalarKindName(next));
+                finished = true;
             }
         } else {
-            CBencodeDictionary& dictionary = static_cast<CBencodeDictionary&>(*current);
-            EntryMap& entries = dictionary.m_entries;
             if (buffer.Good() && next == 'e') {
                 char c = 0;
                 buffer.GetByte(c);
                 ok = buffer.Good();
                 finished = true;
-            } else if (!dictionary.GetStringFromStream(stream, key)) {
+            } else if (!keyReader.GetStringFromStream(stream, key)) {
                 BENCODE_READ_ERROR(buffer, "Internalize", "Failed to internalize key string");
                 finished = true;
+            } else if (!handler.Key(key)) {
+                // A duplicate key ends the dictionary; what was read so far is kept.
+                BENCODE_READ_ERROR(buffer, "Internalize", "Failed to internalize key string");
+                ok = true;
+                finished = true;
             } else {
-                // Keys usually arrive in order: then the new entry goes at the end, and only
-                // an out-of-order key needs a search (which also finds a duplicate).
-                EntryMap::iterator position = entries.end();
-                if (!entries.empty() && !(entries.rbegin()->first < key)) {
-                    position = entries.lower_bound(key);
-                    if (position != entries.end() && position->first == key) {
-                        // A duplicate key ends the dictionary; what was read so far is kept.
-                        BENCODE_READ_ERROR(buffer, "Internalize",
-                                           "Failed to internalize key string");
-                        ok = true;
-                        finished = true;
-                    }
-                }
-                if (!finished) {
-                    next = buffer.Peek();
-                    if (!buffer.Good()) {
-                        BENCODE_READ_ERROR(buffer, "Internalize",
-                                           "Failed to internalize value type identifier");
-                        finished = true;
-                    } else if (!AdmitValue(buffer, next, parents.size() + 1, values)) {
-                        finished = true;
-                    } else {
-                        std::unique_ptr<CBencode> owned(NewValue(next));
-                        entry = entries.emplace_hint(position, std::move(key), owned.get());
-                        CBencode* value = owned.release();
-                        if (value->m_type >= CBencode::eBencodeList) {
-                            child = value;
-                        } else if (!value->CBencode::Internalize(stream)) {
-                            const char* kind = KindName(*value);
-                            delete value;
-                            entries.erase(entry);
-                            BENCODE_READ_ERROR(buffer, "Internalize",
-                                               "Failed to internalize value of type %s", kind);
-                            finished = true;
-                        }
-                    }
+                next = buffer.Peek();
+                if (!buffer.Good()) {
+                    BENCODE_READ_ERROR(buffer, "Internalize",
+                                       "Failed to internalize value type identifier");
+                    finished = true;
+                } else if (!AdmitValue(buffer, next, open.size(), values)) {
+                    finished = true;
+                } else if (next == 'l' || next == 'd') {
+                    descend = true;
+                } else if (!ReadScalar(stream, next, handler)) {
+                    BENCODE_READ_ERROR(buffer, "Internalize",
+                                       "Failed to internalize value of type %s",
+                                       ScalarKindName(next));
+                    finished = true;
                 }
             }
         }
-        if (child != nullptr) {
-            // The child's opening byte was seen by the peek; the child is new and empty.
+        if (descend) {
+            // The child's opening byte was seen by the peek.
             char c = 0;
             buffer.GetByte(c);
-            parents.push_back(ReadFrame{current, entry});
-            current = child;
+            open.push_back(next == 'd');
+            handler.Open(next == 'd');
             continue;
         }
         if (!finished) {
             continue;
         }
-        // `current` is complete: back to its parent, which on a failure removes it, logs,
+        // The innermost container is complete: back to its parent, which on a failure logs
         // and fails in turn.
         for (;;) {
-            if (parents.empty()) {
+            const char* kind = open.back() ? "dictionary" : "list";
+            open.pop_back();
+            handler.Close(ok);
+            if (open.empty()) {
                 return ok;
             }
-            CBencode* done = current;
-            current = parents.back().container;
-            entry = parents.back().entry;
-            parents.pop_back();
             if (ok) {
                 break;
             }
-            const char* kind = KindName(*done);
-            if (current->m_type == CBencode::eBencodeList) {
-                static_cast<CBencodeList*>(current)->m_items.pop_back();
-                delete done;
+            if (!open.back()) {
                 BENCODE_READ_ERROR(buffer, "Internalize",
                                    "Failed to internalize list item of type %s", kind);
             } else {
-                static_cast<CBencodeDictionary*>(current)->m_entries.erase(entry);
-                delete done;
                 BENCODE_READ_ERROR(buffer, "Internalize", "Failed to internalize value of type %s",
                                    kind);
             }
         }
     }
+}
+
+// Builds the library's tree from the reader's events. Every container is stored in its
+// parent before it is read, so that values lie in memory in the order of the text: later
+// walks (writing, comparing, freeing) then run through memory front to back. A value that
+// fails to read is removed from its parent and deleted.
+class CBencodeTree::TreeBuilder : public CBencodeReadHandler {
+public:
+    explicit TreeBuilder(CBencode& root) : m_root(root), m_current(nullptr), m_scalar(nullptr) {}
+
+    void Open(bool dictionary) override {
+        if (m_current == nullptr) {
+            m_current = &m_root;
+            return;
+        }
+        CBencode* child = Add(dictionary ? 'd' : 'l');
+        m_parents.push_back(ReadFrame{m_current, m_entry});
+        m_current = child;
+    }
+
+    void Close(bool ok) override {
+        if (m_parents.empty()) {
+            return;  // the root: its caller owns it
+        }
+        CBencode* done = m_current;
+        m_current = m_parents.back().container;
+        m_entry = m_parents.back().entry;
+        m_parents.pop_back();
+        if (!ok) {
+            Remove(done);
+        }
+    }
+
+    // Keys usually arrive in order: then the new entry goes at the end, and only an
+    // out-of-order key needs a search (which also finds a duplicate).
+    bool Key(std::string& key) override {
+        EntryMap& entries = static_cast<CBencodeDictionary*>(m_current)->m_entries;
+        m_position = entries.end();
+        if (!entries.empty() && !(entries.rbegin()->first < key)) {
+            m_position = entries.lower_bound(key);
+            if (m_position != entries.end() && m_position->first == key) {
+                return false;
+            }
+        }
+        m_key = std::move(key);
+        return true;
+    }
+
+    CBencode& Scalar(CBencode::EContentType type) override {
+        m_scalar = Add(type == CBencode::eBencodeInteger ? 'i' : 's');
+        return *m_scalar;
+    }
+
+    void ScalarDone(bool ok) override {
+        if (!ok) {
+            Remove(m_scalar);
+        }
+    }
+
+private:
+    // A new value, whose first byte is `first`, stored in the current container.
+    CBencode* Add(int first) {
+        // Owned here until the container holds it: a failed insertion must not leak it.
+        std::unique_ptr<CBencode> owned(NewValue(first));
+        if (m_current->m_type == CBencode::eBencodeList) {
+            std::vector<CBencode*>& items = static_cast<CBencodeList*>(m_current)->m_items;
+            // Lists in feedback data are mostly short: room for four items at once spares
+            // the allocations of growing one item at a time.
+            if (items.capacity() == 0) {
+                items.reserve(4);
+            }
+            items.push_back(owned.get());
+        } else {
+            EntryMap& entries = static_cast<CBencodeDictionary*>(m_current)->m_entries;
+            m_entry = entries.emplace_hint(m_position, std::move(m_key), owned.get());
+        }
+        return owned.release();
+    }
+
+    // Removes `value`, the current container's last value read, and deletes it.
+    void Remove(CBencode* value) {
+        if (m_current->m_type == CBencode::eBencodeList) {
+            static_cast<CBencodeList*>(m_current)->m_items.pop_back();
+        } else {
+            static_cast<CBencodeDictionary*>(m_current)->m_entries.erase(m_entry);
+        }
+        delete value;
+    }
+
+    CBencode& m_root;
+    CBencode* m_current;
+    CBencode* m_scalar;
+    std::vector<ReadFrame> m_parents;
+    EntryMap::iterator m_entry;     // the current dictionary's entry being read
+    EntryMap::iterator m_position;  // where the next key goes
+    std::string m_key;
+};
+
+bool CBencodeTree::Read(CBencodeStream& stream, CBencode& root) {
+    TreeBuilder builder(root);
+    return ReadItems(stream, root.m_type == CBencode::eBencodeDictionary, builder);
 }
 
 namespace {
@@ -573,17 +638,18 @@ bool CBencodeDictionary::Externalize(CBencodeStream& stream) {
 
 namespace {
 
-// Reads a top-level container: its opening byte, then everything in it. An empty input is
-// an empty container, left untouched.
-bool ReadContainer(CBencodeStream& stream, CBencode& container, char opening, const char* kind) {
+// Reads a top-level container: its opening byte, then everything in it through
+// `readItems`. An empty input is an empty container, left untouched.
+template <typename ReadItems>
+bool ReadContainer(CBencodeStream& stream, char opening, const char* kind,
+                   ReadItems const& readItems) {
     char c = 0;
     if (!stream.Buffer().GetByte(c)) {
         if (stream.Eof()) {
             return true;
         }
     } else if (c == opening) {
-        container.Reset();
-        return CBencodeTree::Read(stream, container);
+        return readItems();
     } else {
         NoteByteRefused(stream.Buffer());
     }
@@ -595,9 +661,22 @@ bool ReadContainer(CBencodeStream& stream, CBencode& container, char opening, co
 }  // namespace
 
 bool CBencodeList::Internalize(CBencodeStream& stream) {
-    return ReadContainer(stream, *this, 'l', "list");
+    return ReadContainer(stream, 'l', "list", [this, &stream] {
+        Reset();
+        return CBencodeTree::Read(stream, *this);
+    });
 }
 
 bool CBencodeDictionary::Internalize(CBencodeStream& stream) {
-    return ReadContainer(stream, *this, 'd', "dictionary");
+    return ReadContainer(stream, 'd', "dictionary", [this, &stream] {
+        Reset();
+        return CBencodeTree::Read(stream, *this);
+    });
+}
+
+bool ReadBencodeEvents(CBencodeStream& stream, bool dictionary, CBencodeReadHandler& handler) {
+    return ReadContainer(stream, dictionary ? 'd' : 'l', dictionary ? "dictionary" : "list",
+                         [&stream, dictionary, &handler] {
+                             return CBencodeTree::ReadItems(stream, dictionary, handler);
+                         });
 }

@@ -8,12 +8,16 @@
 #include <vector>
 
 #include "Bencode.h"
+#include "BencodeEvents.h"
 
 class CBencodeTree {
 public:
     // Reads the items of `root` (a CBencodeList or CBencodeDictionary) whose opening byte
     // has been read and which has been emptied, to the end of the tree.
     static bool Read(CBencodeStream& stream, CBencode& root);
+    // Reads the items of a top-level list (or dictionary) whose opening byte has been read,
+    // to the end of it, reporting them to `handler`.
+    static bool ReadItems(CBencodeStream& stream, bool dictionary, CBencodeReadHandler& handler);
     // Writes `root` (a CBencodeList or CBencodeDictionary), opening and closing bytes
     // included.
     static bool Write(CBencodeStream& stream, CBencode& root);
@@ -36,4 +40,7 @@ public:
         return value.m_type == CBencode::eBencodeDictionary &&
                typeid(value) == typeid(CBencodeDictionary);
     }
+
+private:
+    class TreeBuilder;  // Read's handler
 };

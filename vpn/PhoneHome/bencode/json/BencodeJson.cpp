@@ -65,44 +65,177 @@ std::string Base64(const std::string& bytes) {
     return out.str();
 }
 
-// Collects text and hands it to the sink in chunks.
-class Output {
-public:
-    explicit Output(const Sink& sink) : m_sink(sink), m_ok(true) {}
-
-    void Append(const char* data, size_t size) {
-        m_text.append(data, size);
-        if (m_text.size() >= kChunkSize) {
-            Flush();
-        }
-    }
-    void Append(const std::string& text) { Append(text.data(), text.size()); }
-    void Append(char c) { Append(&c, 1); }
-    void Spaces(size_t count) {
-        m_text.append(count, ' ');
-        if (m_text.size() >= kChunkSize) {
-            Flush();
-        }
-    }
-    bool Flush() {
-        if (m_ok && !m_text.empty()) {
-            m_ok = m_sink(m_text.data(), m_text.size());
-        }
-        m_text.clear();
-        return m_ok;
-    }
-    bool Ok() const { return m_ok; }
-
-private:
-    const Sink& m_sink;
-    std::string m_text;
-    bool m_ok;
+// A container being written, with the index of its next item (lists). Sixteen bytes a
+// level: a tree of two million nested lists keeps two million of them. Dictionaries, whose
+// entries are reached through an iterator, keep it in a second stack, one per open
+// dictionary.
+struct Frame {
+    const CBencode* value;
+    size_t index;
 };
 
+// Tells a tree to a StreamWriter. The containers being written are kept on stacks on the
+// heap, so that any depth of nesting that a file can hold is written without exhausting
+// the thread's stack. The stacks are deques: they grow by blocks, never holding an old and
+// a new copy at once.
+void WriteTree(const CBencode& root, StreamWriter& out) {
+    std::deque<Frame> open;
+    std::deque<CBencodeDictionary::EntryMap::const_iterator> entries;
+    const CBencode* next = &root;
+    for (;;) {
+        if (next != nullptr) {
+            const CBencode::EContentType type = next->GetType();
+            if (type == CBencode::eBencodeList || type == CBencode::eBencodeDictionary) {
+                out.Open(type == CBencode::eBencodeDictionary);
+                open.push_back(Frame{next, 0});
+                if (type == CBencode::eBencodeDictionary) {
+                    entries.push_back(
+                        static_cast<const CBencodeDictionary*>(next)->Entries().begin());
+                }
+            } else {
+                out.Scalar(*next);
+            }
+        }
+        if (open.empty()) {
+            return;
+        }
+        Frame& frame = open.back();
+        next = nullptr;
+        if (frame.value->GetType() == CBencode::eBencodeList) {
+            const std::vector<CBencode*>& items =
+                static_cast<const CBencodeList*>(frame.value)->Items();
+            if (frame.index == items.size()) {
+                open.pop_back();
+                out.Close();
+                continue;
+            }
+            next = items[frame.index++];
+        } else {
+            CBencodeDictionary::EntryMap::const_iterator& entry = entries.back();
+            if (entry == static_cast<const CBencodeDictionary*>(frame.value)->Entries().end()) {
+                open.pop_back();
+                entries.pop_back();
+                out.Close();
+                continue;
+            }
+            out.Key(entry->first);
+            next = entry->second;
+            ++entry;
+        }
+        if (next == nullptr) {
+            out.Null();
+        }
+    }
+}
+
+}  // namespace
+
+StreamWriter::StreamWriter(unsigned int indent, const Sink& sink)
+    : m_sink(sink), m_indent(indent), m_ok(true), m_afterKey(false) {}
+
+// Before a value: inside a list, the separator (or the pending opening bracket) and the
+// item's line; after a key, nothing.
+void StreamWriter::BeginValue() {
+    if (m_afterKey) {
+        m_afterKey = false;
+    } else if (!m_open.empty()) {
+        char& state = m_open.back();
+        if (state == 'l') {
+            Append('[');
+            state = 'L';
+        } else {
+            Append(',');
+        }
+        NewLine(m_open.size());
+    }
+}
+
+void StreamWriter::Open(bool dictionary) {
+    BeginValue();
+    m_open.push_back(dictionary ? 'd' : 'l');
+}
+
+void StreamWriter::Close() {
+    const char state = m_open.back();
+    m_open.pop_back();
+    if (state == 'l' || state == 'd') {
+        Append(state == 'l' ? "[]" : "{}", 2);
+        return;
+    }
+    NewLine(m_open.size());
+    Append(state == 'L' ? ']' : '}');
+}
+
+void StreamWriter::Key(const std::string& key) {
+    char& state = m_open.back();
+    if (state == 'd') {
+        Append('{');
+        state = 'D';
+    } else {
+        Append(',');
+    }
+    NewLine(m_open.size());
+    WriteString(key);
+    Append(m_indent != 0 ? ": " : ":", m_indent != 0 ? 2 : 1);
+    m_afterKey = true;
+}
+
+void StreamWriter::Scalar(const CBencode& value) {
+    BeginValue();
+    if (value.GetType() == CBencode::eBencodeInteger) {
+        long long integer = 0;
+        value.Get(integer);
+        Append(std::to_string(integer));
+        return;
+    }
+    std::string bytes;
+    value.Get(bytes);
+    if (IsValidUtf8(bytes.data(), bytes.size())) {
+        WriteString(bytes);
+    } else {
+        Append(m_indent != 0 ? "{\"base64\": \"" : "{\"base64\":\"");
+        Append(Base64(bytes));
+        Append("\"}", 2);
+    }
+}
+
+void StreamWriter::Null() {
+    BeginValue();
+    Append("null", 4);
+}
+
+bool StreamWriter::Finish() {
+    Append('\n');
+    Flush();
+    return m_ok;
+}
+
+// With indentation, a line is indented by at most kMaxIndentLevels levels.
+void StreamWriter::NewLine(size_t depth) {
+    if (m_indent != 0) {
+        Append('\n');
+        m_text.append((depth < kMaxIndentLevels ? depth : kMaxIndentLevels) * m_indent, ' ');
+    }
+}
+
+void StreamWriter::Append(const char* data, size_t size) {
+    m_text.append(data, size);
+    if (m_text.size() >= kChunkSize) {
+        Flush();
+    }
+}
+
+void StreamWriter::Flush() {
+    if (m_ok && !m_text.empty()) {
+        m_ok = m_sink(m_text.data(), m_text.size());
+    }
+    m_text.clear();
+}
+
 // A JSON string literal; bytes that are not part of valid UTF-8 are written as \udcXX.
-void WriteString(const std::string& bytes, Output& out) {
+void StreamWriter::WriteString(const std::string& bytes) {
     char escape[8];
-    out.Append('"');
+    Append('"');
     const char* data = bytes.data();
     const size_t size = bytes.size();
     size_t plain = 0;  // start of the run of bytes that need no escape
@@ -132,140 +265,15 @@ void WriteString(const std::string& bytes, Output& out) {
             replacement = escape;
         }
         if (replacement != nullptr) {
-            out.Append(data + plain, i - plain);
-            out.Append(replacement, strlen(replacement));
+            Append(data + plain, i - plain);
+            Append(replacement, strlen(replacement));
             plain = i + 1;
         }
         ++i;
     }
-    out.Append(data + plain, size - plain);
-    out.Append('"');
+    Append(data + plain, size - plain);
+    Append('"');
 }
-
-// A container being written, with the index of its next item (lists) or the number of
-// entries written (dictionaries). Sixteen bytes a level: a file of two million nested lists
-// keeps two million of them. Dictionaries, whose entries are reached through an iterator,
-// keep it in a second stack, one per open dictionary.
-struct Frame {
-    const CBencode* value;
-    size_t index;
-};
-
-class Writer {
-public:
-    Writer(unsigned int indent, Output& out) : m_indent(indent), m_out(out) {}
-
-    // The containers being written are kept on stacks on the heap, so that any depth of
-    // nesting that a file can hold is written without exhausting the thread's stack. The
-    // stacks are deques: they grow by blocks, never holding an old and a new copy at once.
-    void Write(const CBencode& root) {
-        Open(root);
-        while (!m_open.empty() && m_out.Ok()) {
-            Frame& frame = m_open.back();
-            const size_t depth = m_open.size() - 1;
-            const CBencode* item = nullptr;
-            if (frame.value->GetType() == CBencode::eBencodeList) {
-                const std::vector<CBencode*>& items =
-                    static_cast<const CBencodeList*>(frame.value)->Items();
-                if (frame.index == items.size()) {
-                    m_open.pop_back();
-                    NewLine(depth);
-                    m_out.Append(']');
-                    continue;
-                }
-                if (frame.index != 0) {
-                    m_out.Append(',');
-                }
-                NewLine(depth + 1);
-                item = items[frame.index++];
-            } else {
-                const CBencodeDictionary::EntryMap& entries =
-                    static_cast<const CBencodeDictionary*>(frame.value)->Entries();
-                CBencodeDictionary::EntryMap::const_iterator& entry = m_entries.back();
-                if (entry == entries.end()) {
-                    m_open.pop_back();
-                    m_entries.pop_back();
-                    NewLine(depth);
-                    m_out.Append('}');
-                    continue;
-                }
-                if (frame.index++ != 0) {
-                    m_out.Append(',');
-                }
-                NewLine(depth + 1);
-                WriteString(entry->first, m_out);
-                m_out.Append(m_indent != 0 ? ": " : ":", m_indent != 0 ? 2 : 1);
-                item = entry->second;
-                ++entry;
-            }
-            if (item == nullptr) {
-                m_out.Append("null", 4);
-            } else {
-                Open(*item);
-            }
-        }
-    }
-
-private:
-    void NewLine(size_t depth) {
-        if (m_indent != 0) {
-            m_out.Append('\n');
-            m_out.Spaces((depth < kMaxIndentLevels ? depth : kMaxIndentLevels) * m_indent);
-        }
-    }
-
-    // Writes a scalar or an empty container whole; a container with items gets its opening
-    // bracket and is pushed, its items written by the loop in Write.
-    void Open(const CBencode& value) {
-        switch (value.GetType()) {
-            case CBencode::eBencodeInteger: {
-                long long integer = 0;
-                value.Get(integer);
-                m_out.Append(std::to_string(integer));
-                return;
-            }
-            case CBencode::eBencodeString: {
-                std::string bytes;
-                value.Get(bytes);
-                if (IsValidUtf8(bytes.data(), bytes.size())) {
-                    WriteString(bytes, m_out);
-                } else {
-                    m_out.Append(m_indent != 0 ? "{\"base64\": \"" : "{\"base64\":\"");
-                    m_out.Append(Base64(bytes));
-                    m_out.Append("\"}", 2);
-                }
-                return;
-            }
-            case CBencode::eBencodeList:
-                if (static_cast<const CBencodeList&>(value).Size() == 0) {
-                    m_out.Append("[]", 2);
-                    return;
-                }
-                m_out.Append('[');
-                m_open.push_back(Frame{&value, 0});
-                return;
-            case CBencode::eBencodeDictionary: {
-                const CBencodeDictionary& dictionary =
-                    static_cast<const CBencodeDictionary&>(value);
-                if (dictionary.Size() == 0) {
-                    m_out.Append("{}", 2);
-                    return;
-                }
-                m_out.Append('{');
-                m_open.push_back(Frame{&value, 0});
-                m_entries.push_back(dictionary.Entries().begin());
-                return;
-            }
-        }
-    }
-
-    unsigned int m_indent;
-    Output& m_out;
-    std::deque<Frame> m_open;
-    std::deque<CBencodeDictionary::EntryMap::const_iterator> m_entries;
-};
-
-}  // namespace
 
 bool IsValidUtf8(const char* bytes, size_t size) {
     for (size_t i = 0; i < size;) {
@@ -279,10 +287,9 @@ bool IsValidUtf8(const char* bytes, size_t size) {
 }
 
 bool Write(const CBencode& value, unsigned int indent, const Sink& sink) {
-    Output out(sink);
-    Writer(indent, out).Write(value);
-    out.Append('\n');
-    return out.Flush();
+    StreamWriter out(indent, sink);
+    WriteTree(value, out);
+    return out.Finish();
 }
 
 std::string ToJson(const CBencode& value) {
