@@ -115,8 +115,8 @@ bool ReadRegularFile(const std::string& root, const std::string& relative, std::
         if (got < 0 && errno == EINTR)
             continue;
         if (got <= 0) {
-            CAppLog::LogReturnCode(__FUNCTION__, __FILE__, __LINE__, CAppLog::Error, "read",
-                                   got < 0 ? errno : 0, "%s", path.c_str());
+            CAppLog::LogReturnCode(__func__, "collector/api/PageHandler", __LINE__, CAppLog::Error,
+                                   "read", got < 0 ? errno : 0, "%s", path.c_str());
             return false;
         }
         done += static_cast<size_t>(got);

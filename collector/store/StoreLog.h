@@ -3,5 +3,7 @@
 
 #include "AppLog.h"
 
+// A fixed source name rather than __FILE__, which would carry the build machine's paths
+// into every record.
 #define STORE_LOG(importance, ...) \
-    CAppLog::LogDebugMessage(__func__, __FILE__, __LINE__, (importance), __VA_ARGS__)
+    CAppLog::LogDebugMessage(__func__, "collector/store", __LINE__, (importance), __VA_ARGS__)

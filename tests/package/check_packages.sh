@@ -9,11 +9,14 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/../.." && pwd)
 native=${1:?usage: check_packages.sh NATIVE_BUILD_DIR}
 scratch=$(mktemp -d /tmp/pw-package.XXXXXX)
-trap 'rm -rf "$scratch"' EXIT
 
 # The tracked and new files of the working tree, without what the build or the tests made.
-clone="$scratch/clone"
-mkdir "$clone"
+# The copy lies under build/ at the depth of the tree itself, so that a compiler cache with
+# paths relative to the tree (scripts/test) serves both.
+clone="$root/build/package-check"
+rm -rf "$clone"
+mkdir -p "$clone"
+trap 'rm -rf "$scratch" "$clone"' EXIT
 git -C "$root" ls-files -z --cached --others --exclude-standard |
   (cd "$root" && xargs -0 cp --parents -t "$clone" 2>/dev/null || true)
 [ ! -e "$clone/build" ] || { echo "the copy of the working tree holds build/"; exit 1; }
