@@ -312,6 +312,28 @@ bool ReadScalar(CBencodeStream& stream, int first, CBencodeReadHandler& handler)
     return ok;
 }
 
+// What became of an item of a container.
+enum class ItemStep { Read, Descend, Failed };
+
+// Reads the item of a container at `depth` whose first byte `next` has been peeked: a
+// container to descend into is only admitted, an integer or string is read whole. A
+// scalar that fails is logged with `failure` (a format taking the kind of the item).
+ItemStep ReadItem(CBencodeStream& stream, int next, size_t depth, size_t& values,
+                  CBencodeReadHandler& handler, const char* failure) {
+    CBencodeBuffer& buffer = stream.Buffer();
+    if (!AdmitValue(buffer, next, depth, values)) {
+        return ItemStep::Failed;
+    }
+    if (next == 'l' || next == 'd') {
+        return ItemStep::Descend;
+    }
+    if (!ReadScalar(stream, next, handler)) {
+        BENCODE_READ_ERROR(buffer, "Internalize", failure, ScalarKindName(next));
+        return ItemStep::Failed;
+    }
+    return ItemStep::Read;
+}
+
 }  // namespace
 
 // The reader proper: the containers it is inside of are one bit each (dictionary or list)
@@ -341,15 +363,11 @@ bool CBencodeTree::ReadItems(CBencodeStream& stream, bool dictionary,
                 buffer.GetByte(c);
                 ok = buffer.Good();
                 finished = true;
-            } else if (!AdmitValue(buffer, next, open.size(), values)) {
-                finished = true;
-            } else if (next == 'l' || next == 'd') {
-                descend = true;
-            } else if (!ReadScalar(stream, next, handler)) {
-                BENCODE_READ_ERROR(buffer, "Internalize",
-                                   "Failed to internalize list item of type %s",
-                                   ScalarKindName(next));
-                finished = true;
+            } else {
+                const ItemStep step = ReadItem(stream, next, open.size(), values, handler,
+                                               "Failed to internalize list item of type %s");
+                descend = step == ItemStep::Descend;
+                finished = step == ItemStep::Failed;
             }
         } else {
             if (buffer.Good() && next == 'e') {
@@ -371,15 +389,11 @@ bool CBencodeTree::ReadItems(CBencodeStream& stream, bool dictionary,
                     BENCODE_READ_ERROR(buffer, "Internalize",
                                        "Failed to internalize value type identifier");
                     finished = true;
-                } else if (!AdmitValue(buffer, next, open.size(), values)) {
-                    finished = true;
-                } else if (next == 'l' || next == 'd') {
-                    descend = true;
-                } else if (!ReadScalar(stream, next, handler)) {
-                    BENCODE_READ_ERROR(buffer, "Internalize",
-                                       "Failed to internalize value of type %s",
-                                       ScalarKindName(next));
-                    finished = true;
+                } else {
+                    const ItemStep step = ReadItem(stream, next, open.size(), values, handler,
+                                                   "Failed to internalize value of type %s");
+                    descend = step == ItemStep::Descend;
+                    finished = step == ItemStep::Failed;
                 }
             }
         }

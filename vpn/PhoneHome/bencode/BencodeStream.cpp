@@ -221,6 +221,32 @@ EBencodeResult SaveBound(Container& container, CBencodeStream& stream, bool useT
     return result;
 }
 
+// What a file-bound container's constructor does: makes its stream and reads the file. A
+// failure is logged as the constructor's (`function`) with `failure` and leaves the
+// container empty. Nothing may leave a constructor that has made its stream (it would never
+// be freed), so an allocation failure is a file error here.
+template <typename Container>
+EBencodeResult OpenAndLoad(Container& container, CBencodeStream*& stream,
+                           std::string const& fileName, bool useTempFile, const char* function,
+                           const char* failure) {
+    EBencodeResult result = eBencodeFileError;
+    try {
+        stream = new CBencodeStream(fileName, useTempFile);
+        result = container.Internalize();
+    } catch (const std::bad_alloc&) {
+        result = eBencodeFileError;
+    }
+    if (result != eBencodeSuccess) {
+        try {
+            CAppLog::LogReturnCode(function, BENCODE_SOURCE_FILE, __LINE__, CAppLog::Error,
+                                   "Internalize", static_cast<long>(result), "%s", failure);
+        } catch (const std::bad_alloc&) {
+        }
+        container.Reset();
+    }
+    return result;
+}
+
 void BindStream(CBencodeStream*& stream, std::string const& fileName, bool useTempFile) {
     if (stream != nullptr) {
         stream->SetFileName(fileName);
@@ -233,20 +259,8 @@ void BindStream(CBencodeStream*& stream, std::string const& fileName, bool useTe
 
 CBencodeList::CBencodeList(std::string const& fileName, EBencodeResult& result, bool useTempFile)
     : CBencode(eBencodeList), m_stream(nullptr), m_useTempFile(useTempFile) {
-    // Nothing may leave a constructor that has made its stream: it would never be freed.
-    try {
-        m_stream = new CBencodeStream(fileName, useTempFile);
-        result = Internalize();
-    } catch (const std::bad_alloc&) {
-        result = eBencodeFileError;
-    }
-    if (result != eBencodeSuccess) {
-        try {
-            BENCODE_LOG_CODE("Internalize", result, "CBencodeList Internalize failed");
-        } catch (const std::bad_alloc&) {
-        }
-        Reset();
-    }
+    result = OpenAndLoad(*this, m_stream, fileName, useTempFile, "CBencodeList",
+                         "CBencodeList Internalize failed");
 }
 
 EBencodeResult CBencodeList::Internalize() {
@@ -268,20 +282,8 @@ void CBencodeList::SetBencodeFileName(std::string const& fileName) {
 CBencodeDictionary::CBencodeDictionary(std::string const& fileName, EBencodeResult& result,
                                        bool useTempFile)
     : CBencode(eBencodeDictionary), m_stream(nullptr), m_useTempFile(useTempFile) {
-    // Nothing may leave a constructor that has made its stream: it would never be freed.
-    try {
-        m_stream = new CBencodeStream(fileName, useTempFile);
-        result = Internalize();
-    } catch (const std::bad_alloc&) {
-        result = eBencodeFileError;
-    }
-    if (result != eBencodeSuccess) {
-        try {
-            BENCODE_LOG_CODE("Internalize", result, "Bencode dictionary internalize failed");
-        } catch (const std::bad_alloc&) {
-        }
-        Reset();
-    }
+    result = OpenAndLoad(*this, m_stream, fileName, useTempFile, "CBencodeDictionary",
+                         "Bencode dictionary internalize failed");
 }
 
 EBencodeResult CBencodeDictionary::Internalize() {

@@ -6,12 +6,11 @@
 #include <cerrno>
 #include <new>
 
-int OpenRegularFileForReading(const std::string& path, ELinkPolicy links, struct stat& status) {
-    int flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK;
-    if (links == ELinkPolicy::NoFollow) {
-        flags |= O_NOFOLLOW;
-    }
-    int fd = open(path.c_str(), flags);
+namespace {
+
+// `fd` (an open result) when it is a regular file, with its status in `status`; otherwise
+// closes it and returns -1 with errno set (EINVAL for anything that is not a regular file).
+int KeepIfRegular(int fd, struct stat& status) {
     if (fd < 0) {
         return -1;
     }
@@ -29,28 +28,23 @@ int OpenRegularFileForReading(const std::string& path, ELinkPolicy links, struct
     return fd;
 }
 
+}  // namespace
+
+int OpenRegularFileForReading(const std::string& path, ELinkPolicy links, struct stat& status) {
+    int flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK;
+    if (links == ELinkPolicy::NoFollow) {
+        flags |= O_NOFOLLOW;
+    }
+    return KeepIfRegular(open(path.c_str(), flags), status);
+}
+
 int OpenRegularFileForWriting(const std::string& path, bool createNew, mode_t mode) {
     int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
     if (createNew) {
         flags |= O_EXCL;
     }
-    int fd = open(path.c_str(), flags, mode);
-    if (fd < 0) {
-        return -1;
-    }
     struct stat status;
-    int error = 0;
-    if (fstat(fd, &status) != 0) {
-        error = errno;
-    } else if (!S_ISREG(status.st_mode)) {
-        error = EINVAL;
-    }
-    if (error != 0) {
-        close(fd);
-        errno = error;
-        return -1;
-    }
-    return fd;
+    return KeepIfRegular(open(path.c_str(), flags, mode), status);
 }
 
 int RestrictToOwner(const std::string& path, mode_t mode, mode_t& previous) {
