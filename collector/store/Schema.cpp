@@ -138,11 +138,12 @@ INSERT INTO breakdown (dim, day, value, count, repeats)
 //   breakdown_by_day         a breakdown over a range read from the index alone (it
 //                            replaces breakdown_by_dim, its prefix)
 //   breakdown_by_value       one value's count (how many reports a filter matches, to
-//                            choose which index a listing walks)
+//                            choose which index a listing walks), and a breakdown over a
+//                            long range in value order, summed as it is read
 const char* const kVersion3 = R"(
 CREATE INDEX reports_crashes_by_time ON reports (received, version) WHERE kind = 1;
 CREATE INDEX breakdown_by_day ON breakdown (dim, day, value, count, repeats);
-CREATE INDEX breakdown_by_value ON breakdown (dim, value, count);
+CREATE INDEX breakdown_by_value ON breakdown (dim, value, day, count, repeats);
 DROP INDEX breakdown_by_dim;
 )";
 

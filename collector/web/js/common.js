@@ -223,6 +223,23 @@ export function fill(id, ...children) {
     return node;
 }
 
+// The pages of the header's navigation: one list for every page.
+const kNavigation = [
+    ['/', 'Overview'], ['/crashes.html', 'Crashes'], ['/threats.html', 'Threats'],
+    ['/modules.html', 'Module data'], ['/reports.html', 'Reports'],
+];
+
+// The header every page shares, built into its <header id="top">; the current page marked.
+function buildHeader() {
+    const header = document.getElementById('top');
+    if (!header) return;
+    const here = location.pathname === '/index.html' ? '/' : location.pathname;
+    const nav = el('nav', { 'aria-label': 'pages' }, kNavigation.map(([href, label]) =>
+        el('a', { href, 'aria-current': href === here ? 'page' : null, text: label })));
+    header.replaceChildren(el('span', { class: 'name', text: 'Pathweave collector' }), nav,
+        el('span', { class: 'utc', text: 'All times in UTC' }), el('a', { href: '/logout', text: 'Log out' }));
+}
+
 // Runs the page's loader and then marks the page complete: data-complete="1" once every
 // request has answered and every chart is drawn, "error" when something failed (shown).
 export function run(loader) {
@@ -233,6 +250,7 @@ export function run(loader) {
             document.documentElement.dataset.complete = state;
         }));
     };
+    buildHeader();
     Promise.resolve()
         .then(loader)
         .then(() => finish('1'))

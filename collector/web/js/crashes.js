@@ -10,14 +10,11 @@ import {
 
 const kListSize = 25;
 
-// One series per module over `keys`, summed from rows of {[keyName], module, count}.
-function moduleSeries(rows, keyName, keys, modules) {
+// One series per module over `days`, from rows of {day, module, count}.
+function moduleSeries(rows, days, modules) {
     const counts = new Map(modules.map((module) => [module, new Map()]));
-    for (const row of rows) {
-        const perKey = counts.get(row.module);
-        if (perKey) perKey.set(row[keyName], (perKey.get(row[keyName]) ?? 0) + Number(row.count ?? 0));
-    }
-    return modules.map((module) => ({ label: module, data: keys.map((key) => counts.get(module).get(key) ?? 0) }));
+    for (const row of rows) counts.get(row.module)?.set(row.day, Number(row.count ?? 0));
+    return modules.map((module) => ({ label: module, data: days.map((day) => counts.get(module).get(day) ?? 0) }));
 }
 
 function dumpLinks(report) {
@@ -60,11 +57,11 @@ run(async () => {
     const modules = moduleRows.map((row) => row.value);
     const labels = dayRows.map((d) => dayOf(d.day));
     const perDay = (figures.per_day ?? []).map((row) => ({ ...row, day: dayOf(row.day) }));
-    drawChart('chart-module-days', { labels, stacked: true, series: moduleSeries(perDay, 'day', labels, modules) });
-    const perVersion = figures.per_version ?? [];
-    const versions = [...new Set(perVersion.map((row) => row.version ?? ''))].sort(compareVersions);
+    drawChart('chart-module-days', { labels, stacked: true, series: moduleSeries(perDay, labels, modules) });
+    const perVersion = new Map((figures.per_version ?? []).map((row) => [row.version ?? '', Number(row.count ?? 0)]));
+    const versions = [...perVersion.keys()].sort(compareVersions);
     drawChart('chart-versions', {
-        labels: versions, stacked: true, series: moduleSeries(perVersion, 'version', versions, modules),
+        labels: versions, series: [{ label: 'crash reports', data: versions.map((v) => perVersion.get(v)) }],
     });
 
     const moduleTable = table([
