@@ -95,6 +95,17 @@ void DayRange(int64_t days, int64_t& first, int64_t& last) {
     first = last - days + 1;
 }
 
+// For endpoints whose only parameter is `days` (default `days` as given): the range it
+// names, or the name of the first bad parameter.
+std::string OnlyDays(const ApiTarget& target, int64_t& days, int64_t& first, int64_t& last) {
+    std::string unknown = UnknownParameter(target, {"days"});
+    if (!unknown.empty() || !ReadInteger(target, "days", 1, kMaxDays, days)) {
+        return unknown.empty() ? "days" : unknown;
+    }
+    DayRange(days, first, last);
+    return "";
+}
+
 bool ReadId(const std::string& text, int64_t& id) {
     ApiTarget fake;
     fake.query["id"] = text;
@@ -223,13 +234,11 @@ ApiAnswer OneReport(Store& store, const ApiTarget& target) {
 }
 
 ApiAnswer Daily(Store& store, const ApiTarget& target) {
-    std::string unknown = UnknownParameter(target, {"days"});
-    int64_t days = 30;
-    if (!unknown.empty() || !ReadInteger(target, "days", 1, kMaxDays, days)) {
-        return BadParameter(unknown.empty() ? "days" : unknown);
+    int64_t days = 30, first = 0, last = 0;
+    std::string bad = OnlyDays(target, days, first, last);
+    if (!bad.empty()) {
+        return BadParameter(bad);
     }
-    int64_t first = 0, last = 0;
-    DayRange(days, first, last);
     std::vector<DailyFigures> figures;
     StoreResult result = store.Daily(first, last, figures);
     if (result != StoreResult::Ok) {
@@ -284,13 +293,11 @@ ApiAnswer Breakdown(Store& store, const ApiTarget& target) {
 // Crash dumps per day and module, new apart from repeats, and crash reports per version:
 // what the crash page charts, from the rollups and an index of crash reports.
 ApiAnswer Crashes(Store& store, const ApiTarget& target) {
-    std::string unknown = UnknownParameter(target, {"days"});
-    int64_t days = 30;
-    if (!unknown.empty() || !ReadInteger(target, "days", 1, kMaxDays, days)) {
-        return BadParameter(unknown.empty() ? "days" : unknown);
+    int64_t days = 30, first = 0, last = 0;
+    std::string bad = OnlyDays(target, days, first, last);
+    if (!bad.empty()) {
+        return BadParameter(bad);
     }
-    int64_t first = 0, last = 0;
-    DayRange(days, first, last);
     std::vector<CrashDay> perDay;
     std::vector<CrashVersion> perVersion;
     StoreResult result = store.CrashFigures(first, last, perDay, perVersion);
@@ -332,13 +339,11 @@ ApiAnswer Modules(Store& store, const ApiTarget& target) {
 }
 
 ApiAnswer Fields(Store& store, const ApiTarget& target) {
-    std::string unknown = UnknownParameter(target, {"days"});
-    int64_t days = 30;
-    if (!unknown.empty() || !ReadInteger(target, "days", 1, kMaxDays, days)) {
-        return BadParameter(unknown.empty() ? "days" : unknown);
+    int64_t days = 30, first = 0, last = 0;
+    std::string bad = OnlyDays(target, days, first, last);
+    if (!bad.empty()) {
+        return BadParameter(bad);
     }
-    int64_t first = 0, last = 0;
-    DayRange(days, first, last);
     std::vector<ModuleField> fields;
     StoreResult result = store.ModuleFields(target.segments[2], first, last, fields);
     if (result != StoreResult::Ok) {
