@@ -141,7 +141,7 @@ INSERT INTO breakdown (dim, day, value, count, repeats)
 //                            choose which index a listing walks), and a breakdown over a
 //                            long range in value order, summed as it is read
 const char* const kVersion3 = R"(
-CREATE INDEX reports_crashes_by_time ON reports (received, version) WHERE kind = 1;
+CREATE INDEX reports_crashes_by_time ON reports (received, version, kind) WHERE kind = 1;
 CREATE INDEX breakdown_by_day ON breakdown (dim, day, value, count, repeats);
 CREATE INDEX breakdown_by_value ON breakdown (dim, value, day, count, repeats);
 DROP INDEX breakdown_by_dim;
