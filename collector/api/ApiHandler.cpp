@@ -95,6 +95,17 @@ void DayRange(int64_t days, int64_t& first, int64_t& last) {
     first = last - days + 1;
 }
 
+// For endpoints whose only parameter is `days` (default `days` as given): the range it
+// names, or the name of the first bad parameter.
+std::string OnlyDays(const ApiTarget& target, int64_t& days, int64_t& first, int64_t& last) {
+    std::string unknown = UnknownParameter(target, {"days"});
+    if (!unknown.empty() || !ReadInteger(target, "days", 1, kMaxDays, days)) {
+        return unknown.empty() ? "days" : unknown;
+    }
+    DayRange(days, first, last);
+    return "";
+}
+
 bool ReadId(const std::string& text, int64_t& id) {
     ApiTarget fake;
     fake.query["id"] = text;
@@ -223,13 +234,11 @@ ApiAnswer OneReport(Store& store, const ApiTarget& target) {
 }
 
 ApiAnswer Daily(Store& store, const ApiTarget& target) {
-    std::string unknown = UnknownParameter(target, {"days"});
-    int64_t days = 30;
-    if (!unknown.empty() || !ReadInteger(target, "days", 1, kMaxDays, days)) {
-        return BadParameter(unknown.empty() ? "days" : unknown);
+    int64_t days = 30, first = 0, last = 0;
+    std::string bad = OnlyDays(target, days, first, last);
+    if (!bad.empty()) {
+        return BadParameter(bad);
     }
-    int64_t first = 0, last = 0;
-    DayRange(days, first, last);
     std::vector<DailyFigures> figures;
     StoreResult result = store.Daily(first, last, figures);
     if (result != StoreResult::Ok) {
@@ -281,6 +290,37 @@ ApiAnswer Breakdown(Store& store, const ApiTarget& target) {
     return JsonAnswer(200, {{"by", found->second}, {"days", days}, {"values", values}});
 }
 
+// Crash dumps per day and module, new apart from repeats, and crash reports per version:
+// what the crash page charts, from the rollups and an index of crash reports.
+ApiAnswer Crashes(Store& store, const ApiTarget& target) {
+    int64_t days = 30, first = 0, last = 0;
+    std::string bad = OnlyDays(target, days, first, last);
+    if (!bad.empty()) {
+        return BadParameter(bad);
+    }
+    std::vector<CrashDay> perDay;
+    std::vector<CrashVersion> perVersion;
+    StoreResult result = store.CrashFigures(first, last, perDay, perVersion);
+    if (result != StoreResult::Ok) {
+        return StoreFailure(result, "figures");
+    }
+    Json dayList = Json::array(), versionList = Json::array();
+    for (const CrashDay& d : perDay) {
+        dayList.push_back({{"day", IsoDay(d.day)},
+                           {"module", d.module},
+                           {"count", Integer(d.fresh + d.repeats)},
+                           {"new", Integer(d.fresh)},
+                           {"repeats", Integer(d.repeats)}});
+    }
+    for (const CrashVersion& v : perVersion) {
+        versionList.push_back({{"version", v.version}, {"count", Integer(v.count)}});
+    }
+    return JsonAnswer(200, {{"days", days},
+                            {"first_day", IsoDay(first)},
+                            {"per_day", dayList},
+                            {"per_version", versionList}});
+}
+
 ApiAnswer Modules(Store& store, const ApiTarget& target) {
     std::string unknown = UnknownParameter(target, {});
     if (!unknown.empty()) {
@@ -299,13 +339,11 @@ ApiAnswer Modules(Store& store, const ApiTarget& target) {
 }
 
 ApiAnswer Fields(Store& store, const ApiTarget& target) {
-    std::string unknown = UnknownParameter(target, {"days"});
-    int64_t days = 30;
-    if (!unknown.empty() || !ReadInteger(target, "days", 1, kMaxDays, days)) {
-        return BadParameter(unknown.empty() ? "days" : unknown);
+    int64_t days = 30, first = 0, last = 0;
+    std::string bad = OnlyDays(target, days, first, last);
+    if (!bad.empty()) {
+        return BadParameter(bad);
     }
-    int64_t first = 0, last = 0;
-    DayRange(days, first, last);
     std::vector<ModuleField> fields;
     StoreResult result = store.ModuleFields(target.segments[2], first, last, fields);
     if (result != StoreResult::Ok) {
@@ -407,6 +445,9 @@ ApiAnswer HandleApiRequest(Store& store, const ApiRequest& request) {
     }
     if (n == 3 && s[1] == "stats" && s[2] == "breakdown") {
         return Breakdown(store, target);
+    }
+    if (n == 3 && s[1] == "stats" && s[2] == "crashes") {
+        return Crashes(store, target);
     }
     if (n == 2 && s[1] == "modules") {
         return Modules(store, target);

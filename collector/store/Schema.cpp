@@ -133,6 +133,20 @@ INSERT INTO breakdown (dim, day, value, count, repeats)
     GROUP BY received / 86400, module;
 )";
 
+// Version 3: read paths at fleet size.
+//   reports_crashes_by_time  the range's crash reports per version, from the index alone
+//   breakdown_by_day         a breakdown over a range read from the index alone (it
+//                            replaces breakdown_by_dim, its prefix)
+//   breakdown_by_value       one value's count (how many reports a filter matches, to
+//                            choose which index a listing walks), and a breakdown over a
+//                            long range in value order, summed as it is read
+const char* const kVersion3 = R"(
+CREATE INDEX reports_crashes_by_time ON reports (received, version, kind) WHERE kind = 1;
+CREATE INDEX breakdown_by_day ON breakdown (dim, day, value, count, repeats);
+CREATE INDEX breakdown_by_value ON breakdown (dim, value, day, count, repeats);
+DROP INDEX breakdown_by_dim;
+)";
+
 void ReplaceAll(std::string& text, const std::string& word, const std::string& with) {
     for (size_t at = text.find(word); at != std::string::npos;
          at = text.find(word, at + with.size())) {
@@ -194,7 +208,7 @@ StoreResult Migrate(SqlConnection& connection, int target, int& version, std::st
                 ") is newer than this collector's (" + std::to_string(kSchemaVersion) + ")";
         return StoreResult::Error;
     }
-    const char* const steps[] = {kVersion1, kVersion2};
+    const char* const steps[] = {kVersion1, kVersion2, kVersion3};
     while (version < target) {
         if ((result = connection.Begin()) != StoreResult::Ok) {
             error = "cannot begin a schema change";

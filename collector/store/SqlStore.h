@@ -43,6 +43,8 @@ public:
     StoreResult Daily(int64_t firstDay, int64_t lastDay, std::vector<DailyFigures>& days) override;
     StoreResult Breakdown(BreakdownBy by, int64_t firstDay, int64_t lastDay,
                           std::vector<BreakdownRow>& rows) override;
+    StoreResult CrashFigures(int64_t firstDay, int64_t lastDay, std::vector<CrashDay>& days,
+                             std::vector<CrashVersion>& versions) override;
     StoreResult Modules(std::vector<ModuleSummary>& modules) override;
     StoreResult ModuleFields(const std::string& module, int64_t firstDay, int64_t lastDay,
                              std::vector<ModuleField>& fields) override;
@@ -83,6 +85,9 @@ private:
     StoreResult Purge(const std::string& where, const std::vector<SqlValue>& params,
                       int64_t& removed);
     StoreResult Compact();
+    // At most how many reports the filter's kind, machine, customer and version match (the
+    // fewest of them, from the rollups); INT64_MAX when it names none of them.
+    StoreResult ReportsMatching(const ReportFilter& filter, int64_t& count);
     StoreResult Summaries(const std::string& sql, const std::vector<SqlValue>& params,
                           std::vector<ReportSummary>& reports);
 

@@ -1,5 +1,6 @@
 // SqlStore: listings, one report, dumps, and the figures read from the rollups.
 #include <algorithm>
+#include <climits>
 
 #include "store/Schema.h"
 #include "store/SqlStore.h"
@@ -49,8 +50,11 @@ ReportSummary ToSummary(const SqlRow& row) {
     return s;
 }
 
-// The filter as SQL conditions on reports r, its values appended to `params`.
-std::string Conditions(const ReportFilter& filter, std::vector<SqlValue>& params) {
+// The filter as SQL conditions on the reports r, its values appended to `params`. The time
+// bounds go on `timeColumn`, the column of the index being walked, so that they bound the
+// walk rather than filter it; `until` is folded into the cursor by the caller.
+std::string Conditions(const ReportFilter& filter, const std::string& timeColumn,
+                       std::vector<SqlValue>& params) {
     std::string where;
     auto add = [&](const std::string& condition, SqlValue value) {
         params.push_back(std::move(value));
@@ -70,13 +74,26 @@ std::string Conditions(const ReportFilter& filter, std::vector<SqlValue>& params
         add("r.version =", filter.version);
     }
     if (filter.since != 0) {
-        add("r.received >=", filter.since);
-    }
-    if (filter.until != 0) {
-        add("r.received <", filter.until);
+        add(timeColumn + " >=", filter.since);
     }
     return where;
 }
+
+// The newest-first position to list from: the cursor, or `until` when that comes first.
+// One bound instead of two, so that the walk starts there rather than at the cursor.
+ReportCursor UpperBound(const ReportFilter& filter, const ReportCursor& after) {
+    if (filter.until == 0 || (after.valid && after.received < filter.until)) {
+        return after;
+    }
+    ReportCursor bound;
+    bound.valid = true;
+    bound.received = filter.until;
+    bound.id = INT64_MIN;  // (received, id) < (until, min): received < until
+    return bound;
+}
+
+// From this many days on, a breakdown is read along the value index.
+constexpr int64_t kLongBreakdownDays = 60;
 
 }  // namespace
 
@@ -101,30 +118,84 @@ StoreResult SqlStore::Summaries(const std::string& sql, const std::vector<SqlVal
     return result;
 }
 
+StoreResult SqlStore::ReportsMatching(const ReportFilter& filter, int64_t& count) {
+    std::vector<SqlRow> rows;
+    StoreResult result = StoreResult::Ok;
+    count = INT64_MAX;
+    auto dimension = [&](BreakdownBy by, const std::string& value) {
+        rows.clear();
+        if (result == StoreResult::Ok) {
+            result = m_db->Exec("SELECT sum(count) FROM breakdown WHERE dim = $1 AND value = $2",
+                                {static_cast<int>(by), value}, &rows);
+        }
+        count = std::min(count, rows.empty() ? 0 : rows[0][0].Int());
+    };
+    if (!filter.machineId.empty()) {
+        count = 0;  // a machine's reports are few, and its index is the shortest walk
+        return result;
+    }
+    if (filter.hasKind) {
+        const char* const columns[] = {"feedback", "crash", "threat", "damaged"};
+        result = m_db->Exec(
+            std::string("SELECT sum(") + columns[static_cast<int>(filter.kind)] + ") FROM daily",
+            {}, &rows);
+        count = std::min(count, rows.empty() ? 0 : rows[0][0].Int());
+    }
+    if (!filter.customerId.empty()) {
+        dimension(BreakdownBy::Customer, filter.customerId);
+    }
+    if (!filter.version.empty()) {
+        dimension(BreakdownBy::Version, filter.version);
+    }
+    return result;
+}
+
 StoreResult SqlStore::ListReports(const ReportFilter& filter, const ReportCursor& after, int limit,
                                   std::vector<ReportSummary>& reports, ReportCursor& next) {
     reports.clear();
     next = ReportCursor();
+    // A module filter walks the module's index, joining each report, unless another filter
+    // matches fewer reports (the rollups say how many): then that filter's index is walked
+    // and each report's module looked up by key. Either way the walk is the shorter one.
+    bool byModule = !filter.module.empty();
+    if (byModule && m_schemaVersion >= 3) {
+        int64_t others = INT64_MAX, modules = 0;
+        StoreResult result = ReportsMatching(filter, others);
+        std::vector<SqlRow> rows;
+        if (result == StoreResult::Ok && others != INT64_MAX) {
+            result = m_db->Exec("SELECT sum(count) FROM breakdown WHERE dim = $1 AND value = $2",
+                                {kModuleDimension, filter.module}, &rows);
+            modules = rows.empty() ? 0 : rows[0][0].Int();
+            byModule = others >= modules;
+        }
+        if (result != StoreResult::Ok) {
+            return result;
+        }
+    }
+    std::string order = byModule ? "m.received" : "r.received";
+    std::string idColumn = byModule ? "m.report_id" : "r.id";
     std::vector<SqlValue> params;
-    std::string where = Conditions(filter, params);
-    // With a module, the walk goes along that module's index and joins each report.
-    std::string order = "r.received";
-    std::string idColumn = "r.id";
+    std::string where = Conditions(filter, order, params);
+    auto add = [&where](const std::string& condition) {
+        where += (where.empty() ? " WHERE " : " AND ") + condition;
+    };
     std::string from = " FROM reports r";
-    if (!filter.module.empty()) {
+    if (byModule) {
         params.push_back(filter.module);
         from = " FROM report_modules m JOIN reports r ON r.id = m.report_id";
-        where += (where.empty() ? " WHERE " : " AND ") + std::string("m.module = $") +
-                 std::to_string(params.size());
-        order = "m.received";
-        idColumn = "m.report_id";
+        add("m.module = $" + std::to_string(params.size()));
+    } else if (!filter.module.empty()) {
+        // A subquery per report, by key: never turned into a join over the module's rows.
+        params.push_back(filter.module);
+        add("(SELECT count(*) FROM report_modules m WHERE m.report_id = r.id AND m.module = $" +
+            std::to_string(params.size()) + ") > 0");
     }
-    if (after.valid) {
-        params.push_back(after.received);
-        params.push_back(after.id);
-        where += (where.empty() ? " WHERE " : " AND ") + std::string("(") + order + ", " +
-                 idColumn + ") < ($" + std::to_string(params.size() - 1) + ", $" +
-                 std::to_string(params.size()) + ")";
+    ReportCursor bound = UpperBound(filter, after);
+    if (bound.valid) {
+        params.push_back(bound.received);
+        params.push_back(bound.id);
+        add("(" + order + ", " + idColumn + ") < ($" + std::to_string(params.size() - 1) + ", $" +
+            std::to_string(params.size()) + ")");
     }
     params.push_back(static_cast<int64_t>(limit) + 1);
     std::string sql = std::string("SELECT ") + kSummaryColumns + from + where + " ORDER BY " +
@@ -144,7 +215,12 @@ StoreResult SqlStore::ScanReports(const ReportFilter& filter, int64_t afterId, i
                                   std::vector<StoredReport>& reports) {
     reports.clear();
     std::vector<SqlValue> params;
-    std::string where = Conditions(filter, params);
+    std::string where = Conditions(filter, "r.received", params);
+    if (filter.until != 0) {
+        params.push_back(filter.until);
+        where += (where.empty() ? " WHERE " : " AND ") + std::string("r.received < $") +
+                 std::to_string(params.size());
+    }
     params.push_back(afterId);
     where += (where.empty() ? " WHERE " : " AND ") + std::string("r.id > $") +
              std::to_string(params.size());
@@ -291,9 +367,14 @@ StoreResult SqlStore::Breakdown(BreakdownBy by, int64_t firstDay, int64_t lastDa
         return StoreResult::Ok;
     }
     std::vector<SqlRow> rows;
+    // Over a long range, walking the value index and summing each value's days as they come
+    // reads no more rows than the day index would and needs no sort; SQLite is told so.
+    const bool longRange = lastDay - firstDay >= kLongBreakdownDays;
     StoreResult result = m_db->Exec(
-        "SELECT value, sum(count), sum(repeats) FROM breakdown WHERE dim = $1 AND day BETWEEN "
-        "$2 AND $3 GROUP BY value",
+        std::string("SELECT value, sum(count), sum(repeats) FROM breakdown") +
+            (m_sqlite && longRange && m_schemaVersion >= 3 ? " INDEXED BY breakdown_by_value"
+                                                           : "") +
+            " WHERE dim = $1 AND day BETWEEN $2 AND $3 GROUP BY value",
         {static_cast<int>(by), firstDay, lastDay}, &rows);
     for (const SqlRow& row : rows) {
         BreakdownRow item{row[0].bytes, row[1].Int(), row[2].Int()};
@@ -304,6 +385,41 @@ StoreResult SqlStore::Breakdown(BreakdownBy by, int64_t firstDay, int64_t lastDa
     std::sort(out.begin(), out.end(), [](const BreakdownRow& a, const BreakdownRow& b) {
         return a.count != b.count ? a.count > b.count : a.value < b.value;
     });
+    return result;
+}
+
+StoreResult SqlStore::CrashFigures(int64_t firstDay, int64_t lastDay, std::vector<CrashDay>& days,
+                                   std::vector<CrashVersion>& versions) {
+    days.clear();
+    versions.clear();
+    if (m_schemaVersion < 2) {
+        return StoreResult::Ok;
+    }
+    std::vector<SqlRow> rows;
+    StoreResult result = m_db->Exec(
+        "SELECT day, value, sum(count), sum(repeats) FROM breakdown WHERE dim = $1 AND day "
+        "BETWEEN $2 AND $3 GROUP BY day, value ORDER BY day, value",
+        {static_cast<int>(BreakdownBy::CrashModule), firstDay, lastDay}, &rows);
+    for (const SqlRow& row : rows) {
+        if (row[2].Int() != 0 || row[3].Int() != 0) {
+            days.push_back({row[0].Int(), row[1].bytes, row[2].Int(), row[3].Int()});
+        }
+    }
+    if (result != StoreResult::Ok) {
+        return result;
+    }
+    // Per version: the range's crash reports, counted in their own index (time and version
+    // of crash reports only), which SQLite is told to use over the wider kind index.
+    rows.clear();
+    const std::string crash = std::to_string(static_cast<int>(ReportKind::Crash));
+    result = m_db->Exec(
+        std::string("SELECT version, count(*) FROM reports") +
+            (m_sqlite && m_schemaVersion >= 3 ? " INDEXED BY reports_crashes_by_time" : "") +
+            " WHERE kind = " + crash + " AND received >= $1 AND received < $2 GROUP BY version",
+        {firstDay * 86400, (lastDay + 1) * 86400}, &rows);
+    for (const SqlRow& row : rows) {
+        versions.push_back({row[0].bytes, row[1].Int()});
+    }
     return result;
 }
 

@@ -120,6 +120,18 @@ struct ModuleField {
     FieldKind kind = FieldKind::Integer;
     std::vector<ModuleFieldDay> days;  // oldest first, days with values only
 };
+// Crash figures over a range: dumps per day and module (new ones apart from repeats),
+// and crash reports per product version.
+struct CrashDay {
+    int64_t day = 0;
+    std::string module;
+    int64_t fresh = 0, repeats = 0;
+};
+struct CrashVersion {
+    std::string version;
+    int64_t count = 0;
+};
+
 struct ModuleSummary {
     std::string name;
     int64_t reports = 0;
@@ -184,6 +196,9 @@ public:
     // Counts per value over days [firstDay, lastDay], largest first.
     virtual StoreResult Breakdown(BreakdownBy by, int64_t firstDay, int64_t lastDay,
                                   std::vector<BreakdownRow>& rows) = 0;
+    // Days oldest first, then module, days without crashes left out; versions in any order.
+    virtual StoreResult CrashFigures(int64_t firstDay, int64_t lastDay, std::vector<CrashDay>& days,
+                                     std::vector<CrashVersion>& versions) = 0;
     virtual StoreResult Modules(std::vector<ModuleSummary>& modules) = 0;
     virtual StoreResult ModuleFields(const std::string& module, int64_t firstDay, int64_t lastDay,
                                      std::vector<ModuleField>& fields) = 0;

@@ -4,6 +4,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+
 #include "HostClock.h"
 #include "StoreFixture.h"
 #include "api/ApiHandler.h"
@@ -102,6 +104,72 @@ TEST_F(Api, PagesFollowNextToTheEnd) {
     EXPECT_TRUE(std::is_sorted(seen.rbegin(), seen.rend()));
 }
 
+// Every listing, paged two at a time, against the unfiltered list filtered here: the
+// store walks a different index depending on which filter matches fewest reports, and
+// folds `until` into the cursor.
+TEST_F(Api, FilteredListingsMatchTheWholeListFiltered) {
+    std::vector<ValidatedReport> batch;
+    const char* const modules[] = {"Gui", "Gui", "Vpn", "Gui", "Vpn"};
+    for (int i = 0; i < 5; ++i) {
+        batch.push_back(pwsupport::MakeReport(i % 2 ? kA : kB, 200 + i,
+                                              (kToday - i % 3) * 86400 + 50 + i, "kk"));
+        pwsupport::AddDump(batch.back(), modules[i], "dump" + std::to_string(i));
+    }
+    std::vector<InsertOutcome> outcomes;
+    ASSERT_EQ(StoreResult::Ok, store->InsertBatch(batch, outcomes));
+    Json all = Json::parse(Get("/api/reports?limit=1000").body)["reports"];
+    ASSERT_EQ(30u, all.size());
+    const std::string since = "2026-02-15", until = "2026-02-16";  // days 20499, 20500
+    const struct {
+        std::string query;
+        bool (*keep)(const Json&);
+    } cases[] = {
+        {"module=Tunnel", [](const Json&) { return true; }},
+        {"module=Gui",
+         [](const Json& r) { return r["modules"].size() == 2 && r["modules"][0] == "Gui"; }},
+        {"module=Tunnel&kind=crash", [](const Json& r) { return r["kind"] == "crash"; }},
+        {"module=Vpn&kind=feedback", [](const Json&) { return false; }},
+        {"module=Gui&machine=" + kA,
+         [](const Json& r) { return r["machine_id"] == kA && r["modules"][0] == "Gui"; }},
+        {"module=Tunnel&version=5.1.2&until=" + until,
+         [](const Json& r) { return r["version"] == "5.1.2" && r["received"] < "2026-02-16"; }},
+        {"module=Vpn&since=" + since,
+         [](const Json& r) {
+             return r["modules"].back() == "Vpn" && r["received"] >= "2026-02-15";
+         }},
+        {"kind=crash&customer=customer-k&until=" + until,
+         [](const Json& r) { return r["kind"] == "crash" && r["received"] < "2026-02-16"; }},
+        {"since=" + since + "&until=" + until,
+         [](const Json& r) {
+             return r["received"] >= "2026-02-15" && r["received"] < "2026-02-16";
+         }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.query);
+        std::vector<Json> expected, seen;
+        for (const Json& report : all) {
+            if (c.keep(report)) {
+                expected.push_back(report["id"]);
+            }
+        }
+        std::string target = "/api/reports?limit=2&" + c.query;
+        for (int page = 0; page < 20; ++page) {
+            ApiAnswer answer = Get(target);
+            ASSERT_EQ(200, answer.status);
+            Json body = Json::parse(answer.body);
+            for (const Json& report : body["reports"]) {
+                seen.push_back(report["id"]);
+            }
+            if (body["next"].is_null()) {
+                break;
+            }
+            target =
+                "/api/reports?limit=2&" + c.query + "&after=" + body["next"].get<std::string>();
+        }
+        EXPECT_EQ(expected, seen);
+    }
+}
+
 TEST_F(Api, OneReportItsDownloadsAndItsMachine) {
     Json report = Json::parse(Get("/api/reports/" + std::to_string(firstId)).body);
     ASSERT_EQ(1u, report["crash_dumps"].size());
@@ -168,6 +236,43 @@ TEST_F(Api, FiguresOfTheKnownReports) {
     }
     EXPECT_EQ(13 * 1 + 12 * 2, sum);
     EXPECT_EQ("text", fields[1]["kind"]);
+}
+
+TEST_F(Api, CrashFiguresPerDayAndVersionKeepRepeatsApart) {
+    // Report 0 (machine B, today, 5.1.1) holds "../etc/passwd"; the same dump again a day
+    // later from B is a repeat, from A it is new; one crash is older than the range.
+    const struct {
+        const std::string& machine;
+        int64_t daysAgo;
+        std::string module, dump;
+    } crashes[] = {{kB, 1, "../etc/passwd", "DUMPBYTES"},
+                   {kA, 1, "../etc/passwd", "DUMPBYTES"},
+                   {kA, 1, "Gui", "OTHER"},
+                   {kA, 40, "Gui", "OLD"}};
+    std::vector<ValidatedReport> batch;
+    for (const auto& c : crashes) {
+        batch.push_back(pwsupport::MakeReport(c.machine, 100 + batch.size(),
+                                              (kToday - c.daysAgo) * 86400 + 5, "kkk"));
+        pwsupport::AddDump(batch.back(), c.module, c.dump);
+    }
+    std::vector<InsertOutcome> outcomes;
+    ASSERT_EQ(StoreResult::Ok, store->InsertBatch(batch, outcomes));
+    Json body = Json::parse(Get("/api/stats/crashes?days=30").body);
+    std::vector<std::string> perDay, perVersion;
+    for (const Json& d : body["per_day"]) {
+        perDay.push_back(d["day"].get<std::string>() + " " + d["module"].get<std::string>() + " " +
+                         d["count"].dump() + "=" + d["new"].dump() + "+" + d["repeats"].dump());
+    }
+    for (const Json& v : body["per_version"]) {
+        perVersion.push_back(v["version"].get<std::string>() + " " + v["count"].dump());
+    }
+    EXPECT_EQ((std::vector<std::string>{"2026-02-15 ../etc/passwd 2=1+1", "2026-02-15 Gui 1=1+0",
+                                        "2026-02-16 ../etc/passwd 1=1+0"}),
+              perDay);
+    std::sort(perVersion.begin(), perVersion.end());
+    EXPECT_EQ((std::vector<std::string>{"5.1.0 3", "5.1.1 1"}), perVersion);
+    EXPECT_EQ("2026-01-18", body["first_day"]);
+    EXPECT_EQ(400, Get("/api/stats/crashes?days=0").status);
 }
 
 }  // namespace

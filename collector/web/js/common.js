@@ -1,6 +1,6 @@
 // What every page shares: building elements (report data only ever as text), showing
 // untrusted text isolated and cut, fetching from the API, formatting, and the
-// data-complete marker that tells a test or a benchmark that the page is drawn.
+// data-complete marker that tells a test or a benchmark that the page is drawn (and when).
 
 // An element with attributes and children; strings become text nodes, never markup.
 export function el(tag, attributes = {}, ...children) {
@@ -223,14 +223,34 @@ export function fill(id, ...children) {
     return node;
 }
 
+// The pages of the header's navigation: one list for every page.
+const kNavigation = [
+    ['/', 'Overview'], ['/crashes.html', 'Crashes'], ['/threats.html', 'Threats'],
+    ['/modules.html', 'Module data'], ['/reports.html', 'Reports'],
+];
+
+// The header every page shares, built into its <header id="top">; the current page marked.
+function buildHeader() {
+    const header = document.getElementById('top');
+    if (!header) return;
+    const here = location.pathname === '/index.html' ? '/' : location.pathname;
+    const nav = el('nav', { 'aria-label': 'pages' }, kNavigation.map(([href, label]) =>
+        el('a', { href, 'aria-current': href === here ? 'page' : null, text: label })));
+    header.replaceChildren(el('span', { class: 'name', text: 'Pathweave collector' }), nav,
+        el('span', { class: 'utc', text: 'All times in UTC' }), el('a', { href: '/logout', text: 'Log out' }));
+}
+
 // Runs the page's loader and then marks the page complete: data-complete="1" once every
 // request has answered and every chart is drawn, "error" when something failed (shown).
 export function run(loader) {
     const finish = (state) => {
         requestAnimationFrame(() => requestAnimationFrame(() => {
+            // Milliseconds since navigation began, for the read benchmark.
+            document.documentElement.dataset.completeMs = String(Math.round(performance.now()));
             document.documentElement.dataset.complete = state;
         }));
     };
+    buildHeader();
     Promise.resolve()
         .then(loader)
         .then(() => finish('1'))

@@ -1,5 +1,6 @@
 // Crashes: crash reports per module per day and per version (versions in version order),
 // new dumps apart from repeats, and the list of crash reports with a download per dump.
+// Every figure covers the whole range: the collector counts them (/api/stats/crashes).
 import { drawChart } from './graphs.js';
 import {
     apiPath, breakdownRows, compareVersions, dayOf, el, fill, formatBytes, formatCount, getJson,
@@ -7,37 +8,13 @@ import {
     tile, untrusted,
 } from './common.js';
 
-// The per-module figures come from the listing of the range's crash reports, read in
-// pages of the API's largest size up to this many reports (the daily totals and the
-// new/repeat counts come from the collector's own figures and are never capped).
-const kScanLimit = 5000;
 const kListSize = 25;
 
-async function scanCrashReports(since) {
-    const reports = [];
-    let after = null;
-    do {
-        const page = await getJson(apiPath(['reports'], { kind: 'crash', since, limit: 1000, after }));
-        reports.push(...(page.reports ?? []));
-        after = page.next ?? null;
-    } while (after !== null && reports.length < kScanLimit);
-    return { reports, capped: after !== null };
-}
-
-// counts[rowKey][module] over the scanned reports.
-function countBy(reports, rowKey) {
-    const counts = new Map();
-    for (const report of reports) {
-        const key = rowKey(report);
-        if (!counts.has(key)) counts.set(key, new Map());
-        const row = counts.get(key);
-        for (const module of report.modules ?? []) row.set(module, (row.get(module) ?? 0) + 1);
-    }
-    return counts;
-}
-
-function moduleSeries(counts, keys, modules) {
-    return modules.map((module) => ({ label: module, data: keys.map((key) => counts.get(key)?.get(module) ?? 0) }));
+// One series per module over `days`, from rows of {day, module, count}.
+function moduleSeries(rows, days, modules) {
+    const counts = new Map(modules.map((module) => [module, new Map()]));
+    for (const row of rows) counts.get(row.module)?.set(row.day, Number(row.count ?? 0));
+    return modules.map((module) => ({ label: module, data: days.map((day) => counts.get(module).get(day) ?? 0) }));
 }
 
 function dumpLinks(report) {
@@ -57,15 +34,13 @@ run(async () => {
     const params = pageParams();
     const days = rangeDays(params, 30);
     fill('range', rangePicker('crashes.html', params, days));
-    const [daily, byModule] = await Promise.all([
+    const [daily, byModule, figures] = await Promise.all([
         getJson(apiPath(['stats', 'daily'], { days })),
         getJson(apiPath(['stats', 'breakdown'], { by: 'crash_module', days })),
+        getJson(apiPath(['stats', 'crashes'], { days })),
     ]);
     const since = rangeStart(daily);
-    const [scan, listing] = await Promise.all([
-        scanCrashReports(since),
-        getJson(apiPath(['reports'], { kind: 'crash', since, limit: kListSize, after: params.after })),
-    ]);
+    const listing = await getJson(apiPath(['reports'], { kind: 'crash', since, limit: kListSize, after: params.after }));
     const detailed = await mapLimited(listing.reports ?? [], 6, (report) => getJson(apiPath(['reports', report.id])));
 
     const dayRows = daily.days ?? [];
@@ -81,12 +56,13 @@ run(async () => {
 
     const modules = moduleRows.map((row) => row.value);
     const labels = dayRows.map((d) => dayOf(d.day));
-    drawChart('chart-module-days', {
-        labels, stacked: true, series: moduleSeries(countBy(scan.reports, (r) => dayOf(r.received)), labels, modules),
+    const perDay = (figures.per_day ?? []).map((row) => ({ ...row, day: dayOf(row.day) }));
+    drawChart('chart-module-days', { labels, stacked: true, series: moduleSeries(perDay, labels, modules) });
+    const perVersion = new Map((figures.per_version ?? []).map((row) => [row.version ?? '', Number(row.count ?? 0)]));
+    const versions = [...perVersion.keys()].sort(compareVersions);
+    drawChart('chart-versions', {
+        labels: versions, series: [{ label: 'crash reports', data: versions.map((v) => perVersion.get(v)) }],
     });
-    const byVersion = countBy(scan.reports, (r) => r.version ?? '');
-    const versions = [...byVersion.keys()].sort(compareVersions);
-    drawChart('chart-versions', { labels: versions, stacked: true, series: moduleSeries(byVersion, versions, modules) });
 
     const moduleTable = table([
         ['Module', (r) => untrusted(r.value, 60)],
@@ -94,8 +70,7 @@ run(async () => {
         ['New', (r) => formatCount(r.count)],
         ['Repeats', (r) => formatCount(r.repeats)],
     ], moduleRows, { id: 'module-table' });
-    fill('by-module', moduleTable,
-        scan.capped ? el('p', { class: 'muted', text: 'The charts count the newest ' + formatCount(kScanLimit) + ' crash reports of the range.' }) : []);
+    fill('by-module', moduleTable);
     const columns = reportColumns();
     columns.push(['Dumps', (r) => dumpLinks(r)]);
     fill('list', table(columns, detailed, { id: 'crash-table' }));
