@@ -111,13 +111,13 @@ public:
             }
         }
         if (PQpipelineSync(m_connection) != 1) {
-            outcome = Fail(nullptr, statements[0].sql);
-            sent = 0;
+            return Abandon(outcome == StoreResult::Ok ? Fail(nullptr, statements[0].sql) : outcome);
         }
         for (size_t i = 0; i < sent; ++i) {
             ResultPtr result(PQgetResult(m_connection));
             if (!result) {  // the connection broke: nothing more comes
-                return outcome == StoreResult::Ok ? Fail(nullptr, statements[i].sql) : outcome;
+                return Abandon(outcome == StoreResult::Ok ? Fail(nullptr, statements[i].sql)
+                                                          : outcome);
             }
             ExecStatusType status = PQresultStatus(result.get());
             if (status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK) {
@@ -130,17 +130,10 @@ public:
             }
         }
         // Then the sync's own result, after which the pipeline may be left.
-        for (;;) {
-            ResultPtr result(PQgetResult(m_connection));
-            if (!result) {
-                if (PQstatus(m_connection) != CONNECTION_OK) {
-                    return outcome == StoreResult::Ok ? Fail(nullptr, statements[0].sql) : outcome;
-                }
-                continue;
-            }
-            if (PQresultStatus(result.get()) == PGRES_PIPELINE_SYNC) {
-                break;
-            }
+        ResultPtr sync(PQgetResult(m_connection));
+        if (!sync || PQresultStatus(sync.get()) != PGRES_PIPELINE_SYNC) {
+            return Abandon(outcome == StoreResult::Ok ? Fail(sync.get(), statements[0].sql)
+                                                      : outcome);
         }
         if (PQexitPipelineMode(m_connection) != 1 && outcome == StoreResult::Ok) {
             outcome = Fail(nullptr, statements[0].sql);
@@ -276,6 +269,18 @@ private:
             }
             rows->push_back(std::move(row));
         }
+    }
+
+    // A pipeline that cannot be finished (the connection broke half-way) is given up with
+    // the connection and its transaction: the connection is made afresh, so that the
+    // caller's rollback and retry start from a clean state.
+    StoreResult Abandon(StoreResult result) {
+        PQreset(m_connection);
+        m_prepared.clear();
+        if (PQpipelineStatus(m_connection) != PQ_PIPELINE_OFF) {
+            PQexitPipelineMode(m_connection);
+        }
+        return result == StoreResult::Ok ? StoreResult::Unavailable : result;
     }
 
     // A connection that broke is made again, but never inside a transaction: the
