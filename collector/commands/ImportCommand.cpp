@@ -12,8 +12,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <future>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "AppLog.h"
@@ -86,15 +88,20 @@ bool ReadBody(const std::string& path, std::string& body, std::string& error) {
     return true;
 }
 
+struct ImportFile {
+    std::string path;
+    uint64_t size;  // when listed; a batch is cut by it
+};
+
 // The files that `path` stands for: itself, or the regular files of a directory by name.
-bool ExpandPath(const std::string& path, std::vector<std::string>& files, std::string& error) {
+bool ExpandPath(const std::string& path, std::vector<ImportFile>& files, std::string& error) {
     struct stat status;
     if (stat(path.c_str(), &status) != 0) {
         error = strerror(errno);
         return false;
     }
     if (!S_ISDIR(status.st_mode)) {
-        files.push_back(path);
+        files.push_back({path, static_cast<uint64_t>(status.st_size)});
         return true;
     }
     std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(path.c_str()), &closedir);
@@ -102,18 +109,74 @@ bool ExpandPath(const std::string& path, std::vector<std::string>& files, std::s
         error = strerror(errno);
         return false;
     }
-    std::vector<std::string> names;
+    std::vector<ImportFile> listed;
     while (const dirent* entry = readdir(directory.get())) {
         const std::string name = entry->d_name;
         const std::string full = path + "/" + name;
         if (name != "." && name != ".." && stat(full.c_str(), &status) == 0 &&
             S_ISREG(status.st_mode)) {
-            names.push_back(full);
+            listed.push_back({full, static_cast<uint64_t>(status.st_size)});
         }
     }
-    std::sort(names.begin(), names.end());
-    files.insert(files.end(), names.begin(), names.end());
+    std::sort(listed.begin(), listed.end(),
+              [](const ImportFile& a, const ImportFile& b) { return a.path < b.path; });
+    files.insert(files.end(), listed.begin(), listed.end());
     return true;
+}
+
+// One batch of files read and validated, with the messages about those that could not be
+// read (printed in file order by the thread that stores the batch).
+struct Chunk {
+    std::vector<ValidatedReport> reports;
+    std::vector<std::string> errors;
+};
+
+// Reads and validates `files` on up to `threads` threads, each taking a contiguous share,
+// so that the reports keep the files' order.
+Chunk ReadChunk(const std::vector<ImportFile>& files, size_t threads, int64_t received) {
+    Chunk chunk;
+    chunk.reports.resize(files.size());
+    std::vector<std::string> errors(files.size());
+    std::vector<bool> read(files.size(), false);
+    auto work = [&](size_t begin, size_t end) {
+        for (size_t i = begin; i < end; ++i) {
+            std::string body;
+            if (!ReadBody(files[i].path, body, errors[i])) {
+                continue;
+            }
+            // A report file as the client keeps it is posted behind "data=".
+            if (body.compare(0, kPrefixSize, kPrefix) != 0) {
+                body.insert(0, kPrefix);
+            }
+            chunk.reports[i] = ValidateBody(std::move(body), false);
+            chunk.reports[i].received = received;
+            read[i] = true;
+        }
+    };
+    threads = std::max<size_t>(1, std::min(threads, files.size()));
+    std::vector<std::thread> workers;
+    const size_t share = (files.size() + threads - 1) / threads;
+    for (size_t t = 1; t < threads; ++t) {
+        workers.emplace_back(work, std::min(files.size(), t * share),
+                             std::min(files.size(), (t + 1) * share));
+    }
+    work(0, std::min(files.size(), share));
+    for (std::thread& worker : workers) {
+        worker.join();
+    }
+    size_t kept = 0;
+    for (size_t i = 0; i < files.size(); ++i) {
+        if (read[i]) {
+            if (kept != i) {  // a move onto itself would empty it
+                chunk.reports[kept] = std::move(chunk.reports[i]);
+            }
+            ++kept;
+        } else {
+            chunk.errors.push_back(files[i].path + ": " + errors[i]);
+        }
+    }
+    chunk.reports.resize(kept);
+    return chunk;
 }
 
 struct Totals {
@@ -183,41 +246,51 @@ int RunImport(const CollectorSettings& settings, const std::vector<std::string>&
     }
 
     Totals totals;
-    std::vector<ValidatedReport> batch;
-    size_t batchBytes = 0;
+    std::vector<ImportFile> files;
     for (const std::string& path : paths) {
-        std::vector<std::string> files;
         if (!ExpandPath(path, files, error)) {
             fprintf(stderr, "pathweave-collector: import: %s: %s\n", path.c_str(), error.c_str());
             ++totals.unreadable;
-            continue;
-        }
-        for (const std::string& file : files) {
-            std::string body;
-            if (!ReadBody(file, body, error)) {
-                fprintf(stderr, "pathweave-collector: import: %s: %s\n", file.c_str(),
-                        error.c_str());
-                ++totals.unreadable;
-                continue;
-            }
-            // A report file as the client keeps it is posted behind "data=".
-            if (body.compare(0, kPrefixSize, kPrefix) != 0) {
-                body.insert(0, kPrefix);
-            }
-            ValidatedReport report = ValidateBody(std::move(body), false);
-            report.received = fixedTime ? received : GetCurrentTimeSeconds();
-            batchBytes += report.body.size();
-            batch.push_back(std::move(report));
-            if (batch.size() == kBatchReports || batchBytes >= kBatchBytes) {
-                if (!StoreBatch(*store, batch, totals)) {
-                    return 1;
-                }
-                batchBytes = 0;
-            }
         }
     }
-    if (!StoreBatch(*store, batch, totals)) {
-        return 1;
+    // Files are cut into batches of kBatchReports or kBatchBytes; while one batch is being
+    // stored, the next is read and validated on the other cores.
+    std::vector<std::pair<size_t, size_t>> batches;
+    for (size_t begin = 0, bytes = 0, i = 0; i < files.size(); ++i) {
+        bytes += files[i].size;
+        if (i + 1 == files.size() || i + 1 - begin == kBatchReports || bytes >= kBatchBytes) {
+            batches.emplace_back(begin, i + 1);
+            begin = i + 1;
+            bytes = 0;
+        }
+    }
+    const size_t threads = std::max(1u, std::thread::hardware_concurrency());
+    auto readBatch = [&](size_t index) {
+        const int64_t time = fixedTime ? received : GetCurrentTimeSeconds();
+        return std::async(std::launch::async, ReadChunk,
+                          std::vector<ImportFile>(files.begin() + batches[index].first,
+                                                  files.begin() + batches[index].second),
+                          threads, time);
+    };
+    std::future<Chunk> next;
+    if (!batches.empty()) {
+        next = readBatch(0);
+    }
+    for (size_t index = 0; index < batches.size(); ++index) {
+        Chunk chunk = next.get();
+        if (index + 1 < batches.size()) {
+            next = readBatch(index + 1);
+        }
+        for (const std::string& message : chunk.errors) {
+            fprintf(stderr, "pathweave-collector: import: %s\n", message.c_str());
+            ++totals.unreadable;
+        }
+        if (!StoreBatch(*store, chunk.reports, totals)) {
+            if (next.valid()) {
+                next.wait();
+            }
+            return 1;
+        }
     }
     const size_t* kinds = totals.perKind;
     printf(

@@ -61,75 +61,84 @@ public:
     StoreResult Exec(const std::string& sql, const std::vector<SqlValue>& params,
                      std::vector<SqlRow>* rows) override {
         StoreResult ready = Reconnect();
-        if (ready != StoreResult::Ok) {
+        const std::string* name = nullptr;
+        if (ready != StoreResult::Ok || (ready = Prepare(sql, params, name)) != StoreResult::Ok) {
             return ready;
         }
-        std::string name;
-        auto found = m_prepared.find(sql);
-        std::vector<Oid> types;
-        for (const SqlValue& value : params) {
-            types.push_back(value.type == SqlValue::Type::Integer ? kInt8Oid
-                            : value.type == SqlValue::Type::Null  ? 0
-                                                                  : kByteaOid);
-        }
-        if (found == m_prepared.end()) {
-            name = "s" + std::to_string(m_prepared.size());
-            ResultPtr prepared(PQprepare(m_connection, name.c_str(), sql.c_str(),
-                                         static_cast<int>(types.size()), types.data()));
-            if (PQresultStatus(prepared.get()) != PGRES_COMMAND_OK) {
-                return Fail(prepared.get(), sql);
-            }
-            m_prepared.emplace(sql, name);
-        } else {
-            name = found->second;
-        }
-        std::vector<std::string> integers(params.size());
-        std::vector<const char*> values(params.size());
-        std::vector<int> lengths(params.size()), formats(params.size());
-        for (size_t i = 0; i < params.size(); ++i) {
-            const SqlValue& value = params[i];
-            switch (value.type) {
-                case SqlValue::Type::Null:
-                    values[i] = nullptr;
-                    break;
-                case SqlValue::Type::Integer:
-                    integers[i] = std::to_string(value.integer);
-                    values[i] = integers[i].c_str();
-                    break;
-                case SqlValue::Type::Text:
-                case SqlValue::Type::Blob:
-                    values[i] = value.text.data();
-                    lengths[i] = static_cast<int>(value.text.size());
-                    formats[i] = 1;
-                    break;
-            }
-        }
-        ResultPtr result(PQexecPrepared(m_connection, name.c_str(), static_cast<int>(params.size()),
-                                        values.data(), lengths.data(), formats.data(), 0));
+        Params bound(params);
+        ResultPtr result(PQexecPrepared(m_connection, name->c_str(), bound.Count(),
+                                        bound.values.data(), bound.lengths.data(),
+                                        bound.formats.data(), 0));
         ExecStatusType status = PQresultStatus(result.get());
         if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
             return Fail(result.get(), sql);
         }
-        if (rows != nullptr && status == PGRES_TUPLES_OK) {
-            int count = PQntuples(result.get());
-            int columns = PQnfields(result.get());
-            for (int r = 0; r < count; ++r) {
-                SqlRow row(columns);
-                for (int c = 0; c < columns; ++c) {
-                    if (PQgetisnull(result.get(), r, c)) {
-                        continue;
-                    }
-                    row[c].null = false;
-                    const char* text = PQgetvalue(result.get(), r, c);
-                    int length = PQgetlength(result.get(), r, c);
-                    row[c].bytes = PQftype(result.get(), c) == kByteaOid
-                                       ? FromHex(text, length)
-                                       : std::string(text, length);
-                }
-                rows->push_back(std::move(row));
+        AppendRows(result.get(), rows);
+        return StoreResult::Ok;
+    }
+
+    // Pipeline mode: every statement is sent, then one sync, then the results are read in
+    // order. A failure aborts the statements after it (the server skips them) and the
+    // transaction around the batch, as a failed Exec would.
+    StoreResult ExecBatch(const std::vector<SqlStatement>& statements,
+                          std::vector<std::vector<SqlRow>>* rows) override {
+        if (rows != nullptr) {
+            rows->assign(statements.size(), {});
+        }
+        if (statements.empty()) {
+            return StoreResult::Ok;
+        }
+        StoreResult ready = Reconnect();
+        std::vector<const std::string*> names(statements.size());
+        for (size_t i = 0; i < statements.size() && ready == StoreResult::Ok; ++i) {
+            ready = Prepare(statements[i].sql, statements[i].params, names[i]);
+        }
+        if (ready != StoreResult::Ok) {
+            return ready;
+        }
+        if (PQenterPipelineMode(m_connection) != 1) {
+            return Fail(nullptr, statements[0].sql);
+        }
+        StoreResult outcome = StoreResult::Ok;
+        size_t sent = 0;
+        for (; sent < statements.size(); ++sent) {
+            Params bound(statements[sent].params);
+            if (PQsendQueryPrepared(m_connection, names[sent]->c_str(), bound.Count(),
+                                    bound.values.data(), bound.lengths.data(), bound.formats.data(),
+                                    0) != 1) {
+                outcome = Fail(nullptr, statements[sent].sql);
+                break;
             }
         }
-        return StoreResult::Ok;
+        if (PQpipelineSync(m_connection) != 1) {
+            return Abandon(outcome == StoreResult::Ok ? Fail(nullptr, statements[0].sql) : outcome);
+        }
+        for (size_t i = 0; i < sent; ++i) {
+            ResultPtr result(PQgetResult(m_connection));
+            if (!result) {  // the connection broke: nothing more comes
+                return Abandon(outcome == StoreResult::Ok ? Fail(nullptr, statements[i].sql)
+                                                          : outcome);
+            }
+            ExecStatusType status = PQresultStatus(result.get());
+            if (status == PGRES_COMMAND_OK || status == PGRES_TUPLES_OK) {
+                AppendRows(result.get(), rows != nullptr ? &(*rows)[i] : nullptr);
+            } else if (status != PGRES_PIPELINE_ABORTED && outcome == StoreResult::Ok) {
+                outcome = Fail(result.get(), statements[i].sql);
+            }
+            // Each statement's results end with a null.
+            while (ResultPtr(PQgetResult(m_connection))) {
+            }
+        }
+        // Then the sync's own result, after which the pipeline may be left.
+        ResultPtr sync(PQgetResult(m_connection));
+        if (!sync || PQresultStatus(sync.get()) != PGRES_PIPELINE_SYNC) {
+            return Abandon(outcome == StoreResult::Ok ? Fail(sync.get(), statements[0].sql)
+                                                      : outcome);
+        }
+        if (PQexitPipelineMode(m_connection) != 1 && outcome == StoreResult::Ok) {
+            outcome = Fail(nullptr, statements[0].sql);
+        }
+        return outcome;
     }
 
     StoreResult ExecScript(const std::string& sql) override {
@@ -183,6 +192,97 @@ public:
     StoreResult Reclaim() override { return ExecScript("VACUUM"); }
 
 private:
+    // A statement's parameters as libpq takes them: integers as text, byte strings as
+    // binary bytea.
+    struct Params {
+        explicit Params(const std::vector<SqlValue>& params)
+            : integers(params.size()),
+              values(params.size()),
+              lengths(params.size()),
+              formats(params.size()) {
+            for (size_t i = 0; i < params.size(); ++i) {
+                const SqlValue& value = params[i];
+                switch (value.type) {
+                    case SqlValue::Type::Null:
+                        values[i] = nullptr;
+                        break;
+                    case SqlValue::Type::Integer:
+                        integers[i] = std::to_string(value.integer);
+                        values[i] = integers[i].c_str();
+                        break;
+                    case SqlValue::Type::Text:
+                    case SqlValue::Type::Blob:
+                        values[i] = value.text.data();
+                        lengths[i] = static_cast<int>(value.text.size());
+                        formats[i] = 1;
+                        break;
+                }
+            }
+        }
+        int Count() const { return static_cast<int>(values.size()); }
+
+        std::vector<std::string> integers;
+        std::vector<const char*> values;
+        std::vector<int> lengths, formats;
+    };
+
+    // The name of `sql` prepared on this connection, preparing it the first time.
+    StoreResult Prepare(const std::string& sql, const std::vector<SqlValue>& params,
+                        const std::string*& name) {
+        auto found = m_prepared.find(sql);
+        if (found == m_prepared.end()) {
+            std::vector<Oid> types;
+            for (const SqlValue& value : params) {
+                types.push_back(value.type == SqlValue::Type::Integer ? kInt8Oid
+                                : value.type == SqlValue::Type::Null  ? 0
+                                                                      : kByteaOid);
+            }
+            std::string prepared = "s" + std::to_string(m_prepared.size());
+            ResultPtr result(PQprepare(m_connection, prepared.c_str(), sql.c_str(),
+                                       static_cast<int>(types.size()), types.data()));
+            if (PQresultStatus(result.get()) != PGRES_COMMAND_OK) {
+                return Fail(result.get(), sql);
+            }
+            found = m_prepared.emplace(sql, prepared).first;
+        }
+        name = &found->second;
+        return StoreResult::Ok;
+    }
+
+    static void AppendRows(const PGresult* result, std::vector<SqlRow>* rows) {
+        if (rows == nullptr || PQresultStatus(result) != PGRES_TUPLES_OK) {
+            return;
+        }
+        int count = PQntuples(result);
+        int columns = PQnfields(result);
+        for (int r = 0; r < count; ++r) {
+            SqlRow row(columns);
+            for (int c = 0; c < columns; ++c) {
+                if (PQgetisnull(result, r, c)) {
+                    continue;
+                }
+                row[c].null = false;
+                const char* text = PQgetvalue(result, r, c);
+                int length = PQgetlength(result, r, c);
+                row[c].bytes = PQftype(result, c) == kByteaOid ? FromHex(text, length)
+                                                               : std::string(text, length);
+            }
+            rows->push_back(std::move(row));
+        }
+    }
+
+    // A pipeline that cannot be finished (the connection broke half-way) is given up with
+    // the connection and its transaction: the connection is made afresh, so that the
+    // caller's rollback and retry start from a clean state.
+    StoreResult Abandon(StoreResult result) {
+        PQreset(m_connection);
+        m_prepared.clear();
+        if (PQpipelineStatus(m_connection) != PQ_PIPELINE_OFF) {
+            PQexitPipelineMode(m_connection);
+        }
+        return result == StoreResult::Ok ? StoreResult::Unavailable : result;
+    }
+
     // A connection that broke is made again, but never inside a transaction: the
     // transaction is lost and the caller's retry starts a new one.
     StoreResult Reconnect() {

@@ -41,6 +41,12 @@ struct SqlCell {
 };
 using SqlRow = std::vector<SqlCell>;
 
+// One statement of a batch.
+struct SqlStatement {
+    std::string sql;
+    std::vector<SqlValue> params;
+};
+
 enum class SqlDialect { Sqlite, Postgres };
 
 class SqlConnection {
@@ -53,6 +59,13 @@ public:
     // full, busy past the timeout) or Error.
     virtual StoreResult Exec(const std::string& sql, const std::vector<SqlValue>& params,
                              std::vector<SqlRow>* rows) = 0;
+    // Runs `statements` in order, as Exec would one by one, but in one exchange with the
+    // server where the back end has one (PostgreSQL's pipeline): a batch costs one round
+    // trip however many statements it holds. The rows of statement i are appended to
+    // (*rows)[i] when `rows` is not null (made to hold one empty list per statement first). The
+    // first failure stops the batch and is returned as Exec would return it.
+    virtual StoreResult ExecBatch(const std::vector<SqlStatement>& statements,
+                                  std::vector<std::vector<SqlRow>>* rows) = 0;
     // Runs several statements without parameters (schema).
     virtual StoreResult ExecScript(const std::string& sql) = 0;
 

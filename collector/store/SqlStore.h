@@ -61,15 +61,18 @@ private:
     };
 
     StoreResult Insert(const std::vector<Pending>& batch, std::vector<InsertOutcome>& outcomes);
-    // The report's row; a duplicate is counted and gets the earlier row's id.
-    StoreResult InsertRow(const Pending& pending, InsertOutcome& outcome, Rollup& rollup);
-    // What a new report adds besides its row: modules, figures, module fields.
+    // The reports' rows, in `order`; a duplicate is counted and gets the earlier row's id.
+    StoreResult InsertRows(const std::vector<Pending>& batch, const std::vector<size_t>& order,
+                           std::vector<InsertOutcome>& outcomes, Rollup& rollup);
+    // What a new report adds besides its row: modules, figures, module fields (its
+    // statements deferred to the batch's last exchange).
     StoreResult InsertDetails(const Pending& pending, int64_t id, Rollup& rollup);
     // The dumps of the batch's new reports, in the order of their keys.
     StoreResult InsertDumps(const std::vector<Pending>& batch,
                             const std::vector<InsertOutcome>& outcomes, Rollup& rollup);
     StoreResult InsertMachineDays(const std::vector<Pending>& batch,
                                   const std::vector<InsertOutcome>& outcomes, Rollup& rollup);
+    // Runs the deferred statements and the rollup's in one batch.
     StoreResult WriteRollup(const Rollup& rollup);
     // Adds the fields of `moduleDataJson` on `day` to `rollup` (sign -1 takes them away),
     // within the caps on distinct fields and values.
@@ -84,6 +87,10 @@ private:
     StoreResult InTransaction(Work work);
     StoreResult Purge(const std::string& where, const std::vector<SqlValue>& params,
                       int64_t& removed);
+    // A purge takes counts and sums away exactly, but not a minimum or maximum: those of
+    // the (module, day, field) rows in `purged` are found again from the reports that
+    // remain on their days.
+    StoreResult RecomputeFieldRanges(const Rollup& purged);
     StoreResult Compact();
     // At most how many reports the filter's kind, machine, customer and version match (the
     // fewest of them, from the rollups); INT64_MAX when it names none of them.
@@ -92,6 +99,9 @@ private:
                           std::vector<ReportSummary>& reports);
 
     std::unique_ptr<SqlConnection> m_db;
+    // Statements of the transaction whose results nobody waits for, sent together with
+    // the rollups (one round trip to PostgreSQL for all of them).
+    std::vector<SqlStatement> m_deferred;
     bool m_sqlite;
     int m_schemaVersion;
     // Known fields per module and values per field, so that a batch asks the database

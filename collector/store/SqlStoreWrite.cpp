@@ -1,4 +1,5 @@
 // SqlStore: writing batches, rollups and purges.
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -44,6 +45,7 @@ template <typename Work>
 StoreResult SqlStore::InTransaction(Work work) {
     StoreResult result = StoreResult::Error;
     for (int attempt = 0; attempt < kTransactionAttempts; ++attempt) {
+        m_deferred.clear();
         result = m_db->Begin();
         if (result == StoreResult::Ok) {
             result = work();
@@ -55,6 +57,7 @@ StoreResult SqlStore::InTransaction(Work work) {
             return result;
         }
         m_db->Rollback();
+        m_deferred.clear();
         m_fields.clear();
         m_values.clear();
         if (!m_db->LastFailureRetryable()) {
@@ -108,12 +111,8 @@ StoreResult SqlStore::Insert(const std::vector<Pending>& batch,
         outcomes.assign(batch.size(), InsertOutcome());
         Rollup rollup;
         StoreResult result = StoreResult::Ok;
-        for (size_t i : order) {
-            if ((result = InsertRow(batch[i], outcomes[i], rollup)) != StoreResult::Ok) {
-                return result;
-            }
-        }
-        if ((result = InsertDumps(batch, outcomes, rollup)) != StoreResult::Ok ||
+        if ((result = InsertRows(batch, order, outcomes, rollup)) != StoreResult::Ok ||
+            (result = InsertDumps(batch, outcomes, rollup)) != StoreResult::Ok ||
             (result = InsertMachineDays(batch, outcomes, rollup)) != StoreResult::Ok) {
             return result;
         }
@@ -127,9 +126,9 @@ StoreResult SqlStore::Insert(const std::vector<Pending>& batch,
     });
 }
 
-StoreResult SqlStore::InsertRow(const Pending& pending, InsertOutcome& outcome, Rollup& rollup) {
-    const ValidatedReport& r = *pending.report;
-    const int64_t day = DayOf(r.received);
+StoreResult SqlStore::InsertRows(const std::vector<Pending>& batch,
+                                 const std::vector<size_t>& order,
+                                 std::vector<InsertOutcome>& outcomes, Rollup& rollup) {
     std::string sql =
         "INSERT INTO reports (received, kind, machine_id, customer_id, version, os_type, "
         "os_name, os_version_details, os_locale, os_major, os_minor, os_build, has_period, "
@@ -140,55 +139,77 @@ StoreResult SqlStore::InsertRow(const Pending& pending, InsertOutcome& outcome, 
                     : ", module_json) VALUES ($1, $2, $3, $4, $5, $6, $7, $8, $9, $10, $11, $12, "
                       "$13, $14, $15, $16, $17, $18, $19, $20, $21, $22, $23, $24, pw_jsonb($22))";
     sql += " ON CONFLICT (machine_id, period_start, period_end, sha256) DO NOTHING RETURNING id";
-    int64_t periodStart = r.hasPeriod ? r.periodStart : 0;
-    int64_t periodEnd = r.hasPeriod ? r.periodEnd : 0;
-    std::vector<SqlRow> rows;
-    StoreResult result = m_db->Exec(sql,
-                                    {r.received,
-                                     static_cast<int>(r.kind),
-                                     r.machineId,
-                                     r.customerId,
-                                     r.version,
-                                     r.osType,
-                                     r.osName,
-                                     r.osVersionDetails,
-                                     r.osLocale,
-                                     r.osMajor,
-                                     r.osMinor,
-                                     r.osBuild,
-                                     r.hasPeriod ? 1 : 0,
-                                     periodStart,
-                                     periodEnd,
-                                     SqlValue::Blob(JoinModules(r.modules)),
-                                     static_cast<int64_t>(r.body.size()),
-                                     r.sha256,
-                                     SqlValue::Blob(r.body),
-                                     r.clientAddress,
-                                     r.damagedReason,
-                                     SqlValue::Blob(r.moduleDataJson),
-                                     r.hasThreat ? 1 : 0,
-                                     r.threatIncident},
-                                    &rows);
+    std::vector<SqlStatement> statements;
+    statements.reserve(order.size());
+    for (size_t i : order) {
+        const ValidatedReport& r = *batch[i].report;
+        statements.push_back({sql,
+                              {r.received,
+                               static_cast<int>(r.kind),
+                               r.machineId,
+                               r.customerId,
+                               r.version,
+                               r.osType,
+                               r.osName,
+                               r.osVersionDetails,
+                               r.osLocale,
+                               r.osMajor,
+                               r.osMinor,
+                               r.osBuild,
+                               r.hasPeriod ? 1 : 0,
+                               r.hasPeriod ? r.periodStart : 0,
+                               r.hasPeriod ? r.periodEnd : 0,
+                               SqlValue::Blob(JoinModules(r.modules)),
+                               static_cast<int64_t>(r.body.size()),
+                               r.sha256,
+                               SqlValue::Blob(r.body),
+                               r.clientAddress,
+                               r.damagedReason,
+                               SqlValue::Blob(r.moduleDataJson),
+                               r.hasThreat ? 1 : 0,
+                               r.threatIncident}});
+    }
+    std::vector<std::vector<SqlRow>> rows;
+    StoreResult result = m_db->ExecBatch(statements, &rows);
     if (result != StoreResult::Ok) {
         return result;
     }
-    if (!rows.empty()) {
-        outcome.id = rows[0][0].Int();
+    // A report whose row was not inserted is a duplicate: the same machine, period and
+    // content is kept already (perhaps earlier in this batch). Its arrival is recorded
+    // against the kept row, in the same order.
+    std::vector<size_t> duplicates;
+    statements.clear();
+    for (size_t k = 0; k < order.size(); ++k) {
+        const size_t i = order[k];
+        if (!rows[k].empty()) {
+            outcomes[i].id = rows[k][0][0].Int();
+            continue;
+        }
+        const ValidatedReport& r = *batch[i].report;
+        duplicates.push_back(i);
+        statements.push_back(
+            {"INSERT INTO duplicates (report_id, received) SELECT id, $5 FROM reports WHERE "
+             "machine_id = $1 AND period_start = $2 AND period_end = $3 AND sha256 = $4 "
+             "RETURNING report_id",
+             {r.machineId, r.hasPeriod ? r.periodStart : 0, r.hasPeriod ? r.periodEnd : 0, r.sha256,
+              r.received}});
+    }
+    if (duplicates.empty()) {
         return StoreResult::Ok;
     }
-    // A duplicate: the same machine, period and content is kept already.
-    result = m_db->Exec(
-        "SELECT id FROM reports WHERE machine_id = $1 AND period_start = $2 AND "
-        "period_end = $3 AND sha256 = $4",
-        {r.machineId, periodStart, periodEnd, r.sha256}, &rows);
-    if (result != StoreResult::Ok || rows.empty()) {
-        return result == StoreResult::Ok ? StoreResult::Error : result;
+    if ((result = m_db->ExecBatch(statements, &rows)) != StoreResult::Ok) {
+        return result;
     }
-    outcome.id = rows[0][0].Int();
-    outcome.duplicate = true;
-    rollup.daily[day].duplicates += 1;
-    return m_db->Exec("INSERT INTO duplicates (report_id, received) VALUES ($1, $2)",
-                      {outcome.id, r.received}, nullptr);
+    for (size_t k = 0; k < duplicates.size(); ++k) {
+        if (rows[k].empty()) {
+            return StoreResult::Error;
+        }
+        InsertOutcome& outcome = outcomes[duplicates[k]];
+        outcome.id = rows[k][0][0].Int();
+        outcome.duplicate = true;
+        rollup.daily[DayOf(batch[duplicates[k]].report->received)].duplicates += 1;
+    }
+    return StoreResult::Ok;
 }
 
 StoreResult SqlStore::InsertDetails(const Pending& pending, int64_t id, Rollup& rollup) {
@@ -197,25 +218,18 @@ StoreResult SqlStore::InsertDetails(const Pending& pending, int64_t id, Rollup& 
     DailyDelta& daily = rollup.daily[day];
     daily.perKind[static_cast<int>(r.kind)] += 1;
     daily.bytes += static_cast<int64_t>(r.body.size());
-    StoreResult result = StoreResult::Ok;
     if (pending.duplicateTimes != nullptr) {
         for (int64_t time : *pending.duplicateTimes) {
             rollup.daily[DayOf(time)].duplicates += 1;
-            result = m_db->Exec("INSERT INTO duplicates (report_id, received) VALUES ($1, $2)",
-                                {id, time}, nullptr);
-            if (result != StoreResult::Ok) {
-                return result;
-            }
+            m_deferred.push_back(
+                {"INSERT INTO duplicates (report_id, received) VALUES ($1, $2)", {id, time}});
         }
     }
     for (const std::string& module : r.modules) {
-        result = m_db->Exec(
-            "INSERT INTO report_modules (report_id, module, received) VALUES ($1, $2, $3) "
-            "ON CONFLICT DO NOTHING",
-            {id, module, r.received}, nullptr);
-        if (result != StoreResult::Ok) {
-            return result;
-        }
+        m_deferred.push_back(
+            {"INSERT INTO report_modules (report_id, module, received) VALUES ($1, $2, $3) "
+             "ON CONFLICT DO NOTHING",
+             {id, module, r.received}});
         rollup.breakdown[std::make_tuple(kModuleDimension, day, module)].first += 1;
     }
     if (r.kind != ReportKind::Damaged) {
@@ -238,18 +252,20 @@ StoreResult SqlStore::InsertMachineDays(const std::vector<Pending>& batch,
             machineDays.emplace(DayOf(r.received), r.machineId);
         }
     }
+    std::vector<SqlStatement> statements;
     for (const auto& machineDay : machineDays) {
-        std::vector<SqlRow> rows;
-        StoreResult result = m_db->Exec(
-            "INSERT INTO machine_days (day, machine_id) VALUES ($1, $2) ON CONFLICT DO NOTHING "
-            "RETURNING day",
-            {machineDay.first, machineDay.second}, &rows);
-        if (result != StoreResult::Ok) {
-            return result;
-        }
-        rollup.daily[machineDay.first].machines += static_cast<int64_t>(rows.size());
+        statements.push_back(
+            {"INSERT INTO machine_days (day, machine_id) VALUES ($1, $2) ON CONFLICT DO NOTHING "
+             "RETURNING day",
+             {machineDay.first, machineDay.second}});
     }
-    return StoreResult::Ok;
+    std::vector<std::vector<SqlRow>> rows;
+    StoreResult result = m_db->ExecBatch(statements, &rows);
+    for (size_t k = 0; k < rows.size() && result == StoreResult::Ok; ++k) {
+        rollup.daily[statements[k].params[0].integer].machines +=
+            static_cast<int64_t>(rows[k].size());
+    }
+    return result;
 }
 
 StoreResult SqlStore::InsertDumps(const std::vector<Pending>& batch,
@@ -268,36 +284,48 @@ StoreResult SqlStore::InsertDumps(const std::vector<Pending>& batch,
                           std::make_pair(&dump, &r));
         }
     }
+    // First the dumps (a dump kept already makes this copy a repeat), then the reports'
+    // references to them.
+    std::vector<SqlStatement> statements;
     for (const auto& entry : dumps) {
         const CrashDump& dump = *entry.second.first;
         const ValidatedReport& r = *entry.second.second;
-        const int64_t id = std::get<3>(entry.first);
-        std::vector<SqlRow> rows;
-        StoreResult result = m_db->Exec(
-            "INSERT INTO dumps (machine_id, module, sha256, size, bytes) VALUES ($1, $2, $3, "
-            "$4, $5) ON CONFLICT DO NOTHING RETURNING size",
-            {r.machineId, dump.module, dump.sha256, static_cast<int64_t>(dump.size),
-             SqlValue::Blob(dump.bytes)},
-            &rows);
-        if (result != StoreResult::Ok) {
-            return result;
-        }
-        bool repeat = rows.empty();
-        rows.clear();
-        result = m_db->Exec(
-            "INSERT INTO report_dumps (report_id, machine_id, module, sha256, size, repeat) "
-            "VALUES ($1, $2, $3, $4, $5, $6) ON CONFLICT DO NOTHING RETURNING repeat",
-            {id, r.machineId, dump.module, dump.sha256, static_cast<int64_t>(dump.size),
-             repeat ? 1 : 0},
-            &rows);
-        if (result != StoreResult::Ok) {
-            return result;
-        }
-        if (!rows.empty()) {
+        statements.push_back(
+            {"INSERT INTO dumps (machine_id, module, sha256, size, bytes) VALUES ($1, $2, $3, "
+             "$4, $5) ON CONFLICT DO NOTHING RETURNING size",
+             {r.machineId, dump.module, dump.sha256, static_cast<int64_t>(dump.size),
+              SqlValue::Blob(dump.bytes)}});
+    }
+    std::vector<std::vector<SqlRow>> rows;
+    StoreResult result = m_db->ExecBatch(statements, &rows);
+    if (result != StoreResult::Ok) {
+        return result;
+    }
+    std::vector<bool> repeats;
+    statements.clear();
+    for (const auto& entry : dumps) {
+        const CrashDump& dump = *entry.second.first;
+        const ValidatedReport& r = *entry.second.second;
+        const bool repeat = rows[repeats.size()].empty();
+        repeats.push_back(repeat);
+        statements.push_back(
+            {"INSERT INTO report_dumps (report_id, machine_id, module, sha256, size, repeat) "
+             "VALUES ($1, $2, $3, $4, $5, $6) ON CONFLICT DO NOTHING RETURNING repeat",
+             {std::get<3>(entry.first), r.machineId, dump.module, dump.sha256,
+              static_cast<int64_t>(dump.size), repeat ? 1 : 0}});
+    }
+    if ((result = m_db->ExecBatch(statements, &rows)) != StoreResult::Ok) {
+        return result;
+    }
+    size_t k = 0;
+    for (const auto& entry : dumps) {
+        if (!rows[k].empty()) {
             auto& counts = rollup.breakdown[std::make_tuple(
-                static_cast<int>(BreakdownBy::CrashModule), DayOf(r.received), dump.module)];
-            (repeat ? counts.second : counts.first) += 1;
+                static_cast<int>(BreakdownBy::CrashModule), DayOf(entry.second.second->received),
+                entry.second.first->module)];
+            (repeats[k] ? counts.second : counts.first) += 1;
         }
+        ++k;
     }
     return StoreResult::Ok;
 }
@@ -324,13 +352,10 @@ StoreResult SqlStore::FieldKindOf(const std::string& module, const std::string& 
                 accepted = false;
                 return StoreResult::Ok;
             }
-            result = m_db->Exec(
-                "INSERT INTO module_fields (module, path, kind) VALUES ($1, $2, $3) "
-                "ON CONFLICT DO NOTHING",
-                {module, path, static_cast<int>(kind)}, nullptr);
-            if (result != StoreResult::Ok) {
-                return result;
-            }
+            m_deferred.push_back(
+                {"INSERT INTO module_fields (module, path, kind) VALUES ($1, $2, $3) "
+                 "ON CONFLICT DO NOTHING",
+                 {module, path, static_cast<int>(kind)}});
             found = known.emplace(path, kind).first;
         }
     }
@@ -359,15 +384,13 @@ StoreResult SqlStore::ValueKept(const std::string& module, const std::string& pa
     if (kept || found->second.size() >= static_cast<size_t>(kMaxValuesPerField)) {
         return StoreResult::Ok;
     }
-    StoreResult result = m_db->Exec(
-        "INSERT INTO module_values (module, path, value) VALUES ($1, $2, $3) "
-        "ON CONFLICT DO NOTHING",
-        {module, path, value}, nullptr);
-    if (result == StoreResult::Ok) {
-        found->second.insert(value);
-        kept = true;
-    }
-    return result;
+    m_deferred.push_back(
+        {"INSERT INTO module_values (module, path, value) VALUES ($1, $2, $3) "
+         "ON CONFLICT DO NOTHING",
+         {module, path, value}});
+    found->second.insert(value);
+    kept = true;
+    return StoreResult::Ok;
 }
 
 StoreResult SqlStore::AddModuleFields(const std::string& moduleDataJson, int64_t day, int sign,
@@ -397,11 +420,12 @@ StoreResult SqlStore::AddModuleFields(const std::string& moduleDataJson, int64_t
 
 StoreResult SqlStore::WriteRollup(const Rollup& rollup) {
     // SQLite adds to one row per key; PostgreSQL inserts the batch's own rows (see Schema).
+    // They go in one batch after the statements deferred so far (details, new fields).
     auto upsert = [this](const char* conflict, const char* update) {
         return m_sqlite ? std::string(" ON CONFLICT ") + conflict + " DO UPDATE SET " + update
                         : std::string();
     };
-    StoreResult result = StoreResult::Ok;
+    std::vector<SqlStatement>& statements = m_deferred;
     const std::string dailySql =
         "INSERT INTO daily (day, feedback, crash, threat, damaged, duplicates, machines, bytes) "
         "VALUES ($1, $2, $3, $4, $5, $6, $7, $8)" +
@@ -412,12 +436,9 @@ StoreResult SqlStore::WriteRollup(const Rollup& rollup) {
                "machines = machines + excluded.machines, bytes = bytes + excluded.bytes");
     for (const auto& entry : rollup.daily) {
         const DailyDelta& d = entry.second;
-        if ((result = m_db->Exec(dailySql,
-                                 {entry.first, d.perKind[0], d.perKind[1], d.perKind[2],
-                                  d.perKind[3], d.duplicates, d.machines, d.bytes},
-                                 nullptr)) != StoreResult::Ok) {
-            return result;
-        }
+        statements.push_back({dailySql,
+                              {entry.first, d.perKind[0], d.perKind[1], d.perKind[2], d.perKind[3],
+                               d.duplicates, d.machines, d.bytes}});
     }
     if (m_schemaVersion >= 2) {
         const std::string sql =
@@ -426,13 +447,10 @@ StoreResult SqlStore::WriteRollup(const Rollup& rollup) {
             upsert("(dim, day, value)",
                    "count = count + excluded.count, repeats = repeats + excluded.repeats");
         for (const auto& entry : rollup.breakdown) {
-            if ((result =
-                     m_db->Exec(sql,
-                                {std::get<0>(entry.first), std::get<1>(entry.first),
-                                 std::get<2>(entry.first), entry.second.first, entry.second.second},
-                                nullptr)) != StoreResult::Ok) {
-                return result;
-            }
+            statements.push_back(
+                {sql,
+                 {std::get<0>(entry.first), std::get<1>(entry.first), std::get<2>(entry.first),
+                  entry.second.first, entry.second.second}});
         }
     }
     const std::string fieldSql =
@@ -444,26 +462,22 @@ StoreResult SqlStore::WriteRollup(const Rollup& rollup) {
                "max = coalesce(max(max, excluded.max), max, excluded.max)");
     for (const auto& entry : rollup.fields) {
         const FieldDelta& f = entry.second;
-        if ((result = m_db->Exec(
-                 fieldSql,
-                 {std::get<0>(entry.first), std::get<1>(entry.first), std::get<2>(entry.first),
-                  f.count, f.sum, f.hasRange ? SqlValue(f.min) : SqlValue(),
-                  f.hasRange ? SqlValue(f.max) : SqlValue()},
-                 nullptr)) != StoreResult::Ok) {
-            return result;
-        }
+        statements.push_back(
+            {fieldSql,
+             {std::get<0>(entry.first), std::get<1>(entry.first), std::get<2>(entry.first), f.count,
+              f.sum, f.hasRange ? SqlValue(f.min) : SqlValue(),
+              f.hasRange ? SqlValue(f.max) : SqlValue()}});
     }
     const std::string valueSql =
         "INSERT INTO value_days (module, day, path, value, count) VALUES ($1, $2, $3, $4, $5)" +
         upsert("(module, day, path, value)", "count = count + excluded.count");
     for (const auto& entry : rollup.values) {
-        if ((result = m_db->Exec(valueSql,
-                                 {std::get<0>(entry.first), std::get<1>(entry.first),
-                                  std::get<2>(entry.first), std::get<3>(entry.first), entry.second},
-                                 nullptr)) != StoreResult::Ok) {
-            return result;
-        }
+        statements.push_back({valueSql,
+                              {std::get<0>(entry.first), std::get<1>(entry.first),
+                               std::get<2>(entry.first), std::get<3>(entry.first), entry.second}});
     }
+    StoreResult result = m_db->ExecBatch(statements, nullptr);
+    statements.clear();
     return result;
 }
 
@@ -577,7 +591,7 @@ StoreResult SqlStore::PurgeMachine(const std::string& machineId, int64_t& remove
                 return step;
             }
         }
-        return StoreResult::Ok;
+        return RecomputeFieldRanges(rollup);
     });
     if (result == StoreResult::Ok) {
         result = Compact();
@@ -586,6 +600,56 @@ StoreResult SqlStore::PurgeMachine(const std::string& machineId, int64_t& remove
         result = m_db->Reclaim();
     }
     return result;
+}
+
+StoreResult SqlStore::RecomputeFieldRanges(const Rollup& purged) {
+    // day -> (module, path) -> the range of what remains
+    std::map<int64_t, std::map<std::pair<std::string, std::string>, FieldDelta>> days;
+    for (const auto& entry : purged.fields) {
+        days[std::get<1>(entry.first)][{std::get<0>(entry.first), std::get<2>(entry.first)}];
+    }
+    std::vector<SqlStatement> statements;
+    for (auto& day : days) {
+        std::vector<SqlRow> rows;
+        StoreResult result =
+            m_db->Exec("SELECT module_data FROM reports WHERE received >= $1 AND received < $2",
+                       {day.first * 86400, (day.first + 1) * 86400}, &rows);
+        for (const SqlRow& row : rows) {
+            if (result != StoreResult::Ok || row[0].bytes.empty()) {
+                continue;
+            }
+            ForEachModuleField(row[0].bytes, [&](const FieldValue& field) {
+                auto found = day.second.find({field.module, field.path});
+                bool accepted = false;
+                if (found == day.second.end() || result != StoreResult::Ok ||
+                    (result = FieldKindOf(field.module, field.path, field.kind, accepted)) !=
+                        StoreResult::Ok ||
+                    !accepted) {
+                    return;
+                }
+                // As at ingest: a text field's rows hold a range of zeros.
+                const int64_t value = field.kind == FieldKind::Integer ? field.integer : 0;
+                FieldDelta& range = found->second;
+                range.min = range.hasRange ? std::min(range.min, value) : value;
+                range.max = range.hasRange ? std::max(range.max, value) : value;
+                range.hasRange = true;
+            });
+        }
+        if (result != StoreResult::Ok) {
+            return result;
+        }
+        for (const auto& field : day.second) {
+            const FieldDelta& range = field.second;
+            // Every row of the key: PostgreSQL keeps several, read as their min and max.
+            statements.push_back(
+                {"UPDATE field_days SET min = $4, max = $5 WHERE module = $1 AND day = $2 AND "
+                 "path = $3",
+                 {field.first.first, day.first, field.first.second,
+                  range.hasRange ? SqlValue(range.min) : SqlValue(),
+                  range.hasRange ? SqlValue(range.max) : SqlValue()}});
+        }
+    }
+    return m_db->ExecBatch(statements, nullptr);
 }
 
 StoreResult SqlStore::Compact() {

@@ -138,6 +138,22 @@ public:
         return StoreResult::Ok;
     }
 
+    // In-process: a batch is its statements one after the other.
+    StoreResult ExecBatch(const std::vector<SqlStatement>& statements,
+                          std::vector<std::vector<SqlRow>>* rows) override {
+        if (rows != nullptr) {
+            rows->assign(statements.size(), {});
+        }
+        for (size_t i = 0; i < statements.size(); ++i) {
+            StoreResult result = Exec(statements[i].sql, statements[i].params,
+                                      rows != nullptr ? &(*rows)[i] : nullptr);
+            if (result != StoreResult::Ok) {
+                return result;
+            }
+        }
+        return StoreResult::Ok;
+    }
+
     StoreResult ExecScript(const std::string& sql) override {
         char* message = nullptr;
         int code = sqlite3_exec(m_db, sql.c_str(), nullptr, nullptr, &message);

@@ -316,6 +316,56 @@ TEST_P(StoreContract, ConcurrentStoresKeepEveryReportOnce) {
     EXPECT_EQ(2, days[0].machines);
 }
 
+// A batch of statements answers each statement's rows in its own place; one that fails
+// part-way fails as a whole with its transaction, and the connection works on after it.
+TEST_P(StoreContract, StatementBatchesKeepTheirRowsApartAndFailWhole) {
+    TestDatabase db(GetParam());
+    std::string error;
+    auto sql = GetParam() == "sqlite" ? OpenSqlite(db.location(), error)
+                                      : OpenPostgres(db.location(), error);
+    ASSERT_TRUE(sql) << error;
+    ASSERT_EQ(StoreResult::Ok, sql->ExecScript("CREATE TABLE t (k BIGINT PRIMARY KEY)"));
+    const std::string insert = "INSERT INTO t (k) VALUES ($1) ON CONFLICT DO NOTHING RETURNING k";
+    struct Case {
+        std::vector<SqlStatement> batch;
+        StoreResult result;
+        std::string rows;  // each statement's rows, "|" after each
+        int64_t stored;    // rows in t afterwards
+    };
+    const std::vector<Case> cases = {
+        {{{insert, {1}}, {insert, {1}}, {insert, {2}}}, StoreResult::Ok, "1||2|", 2},
+        {{{insert, {3}}, {"INSERT INTO t (k) VALUES ($1)", {2}}, {insert, {4}}},
+         StoreResult::Error,
+         "",
+         2},
+        {{{"SELECT k FROM t ORDER BY k", {}}, {insert, {5}}}, StoreResult::Ok, "12|5|", 3},
+        {{}, StoreResult::Ok, "", 3},
+    };
+    for (size_t i = 0; i < cases.size(); ++i) {
+        SCOPED_TRACE(i);
+        std::vector<std::vector<SqlRow>> rows = {{SqlRow{SqlCell{false, "9"}}}};  // left over
+        ASSERT_EQ(StoreResult::Ok, sql->Begin());
+        EXPECT_EQ(cases[i].result, sql->ExecBatch(cases[i].batch, &rows));
+        if (cases[i].result == StoreResult::Ok) {
+            EXPECT_EQ(StoreResult::Ok, sql->Commit());
+            ASSERT_EQ(cases[i].batch.size(), rows.size());
+            std::string text;
+            for (const auto& statement : rows) {
+                for (const SqlRow& row : statement) {
+                    text += row[0].bytes;
+                }
+                text += "|";
+            }
+            EXPECT_EQ(cases[i].rows, text);
+        } else {
+            sql->Rollback();
+        }
+        std::vector<SqlRow> count;
+        ASSERT_EQ(StoreResult::Ok, sql->Exec("SELECT count(*) FROM t", {}, &count));
+        EXPECT_EQ(cases[i].stored, count[0][0].Int());
+    }
+}
+
 TEST(SqliteStore, FilesArePrivate) {
     TestDatabase db("sqlite");
     auto store = db.Open();

@@ -127,7 +127,8 @@ std::string Figures(collector::Store& store, int64_t first, int64_t last) {
     for (const ModuleField& field : fields) {
         for (const ModuleFieldDay& day : field.days) {
             text += field.path + "@" + std::to_string(day.day) + "#" + std::to_string(day.count) +
-                    "+" + std::to_string(day.sum);
+                    "+" + std::to_string(day.sum) + "[" + std::to_string(day.min) + "," +
+                    std::to_string(day.max) + "]";
             for (const auto& value : day.top) {
                 text += "," + value.first + "x" + std::to_string(value.second);
             }
