@@ -1,6 +1,8 @@
 #include "server/Serve.h"
 
+#include <malloc.h>
 #include <signal.h>
+#include <sys/resource.h>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/signal_set.hpp>
@@ -223,6 +225,19 @@ void Service::SchedulePurge(std::chrono::milliseconds after) {
 }
 
 int Service::Run() {
+    // OpenSSL writes the receiving sockets itself: a client gone mid-answer must give
+    // EPIPE there, not end the process.
+    ::signal(SIGPIPE, SIG_IGN);
+    // A descriptor per connection: max_connections may need more than the usual soft limit.
+    rlimit files{};
+    if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
+        files.rlim_cur = files.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &files);
+    }
+    // Bodies of up to 16 MiB are mapped and unmapped on their own rather than carved from
+    // the heap: after a burst of large posts the memory goes back to the system at once.
+    // (Left to itself the allocator raises this threshold to the largest block freed.)
+    mallopt(M_MMAP_THRESHOLD, 1 << 20);
     if (!Prepare())
         return 1;
     committer_.Start();

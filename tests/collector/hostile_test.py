@@ -4,6 +4,8 @@ the collector keeps serving others, stays within its memory, and loses nothing s
 import base64
 import hashlib
 import os
+import shutil
+import signal
 import socket
 import ssl
 import threading
@@ -11,7 +13,8 @@ import time
 import unittest
 import zlib
 
-from collector_harness import Collector, read_answers, report, upload
+from collector_harness import (SERVER_NAME, WORK, Collector, certificates, make_certs,
+                               read_answers, report, upload, wait_for)
 
 MACHINE = "0123456789abcdef0123456789abcdef01234567"
 MAX_BODY = 16 * 1024 * 1024 + 5
@@ -160,6 +163,67 @@ class Hostile(unittest.TestCase):
             self.assertTrue(capped.healthy())
         finally:
             capped.stop()
+
+    def test_head_is_answered_as_get_without_a_body(self):
+        """HEAD gets GET's status and header, its Content-Length included, and no body: the
+        GET pipelined behind it is then read whole and on its own."""
+        self.assertTrue(wait_for(lambda: self.collector.request(
+            b"GET /readyz HTTP/1.1\r\nHost: x\r\n\r\n")[0] == 200), "storage not ready")
+        for path in (b"/healthz", b"/readyz"):
+            with self.subTest(path), self.collector.connect() as tls:
+                get = b"GET %s HTTP/1.1\r\nHost: x\r\n\r\n" % path
+                tls.sendall(get + b"HEAD" + get[3:] + get)
+                first, head, after = read_answers(tls, 3, bodiless=(1,))
+                self.assertEqual(200, first[0])
+                self.assertEqual((first[0], first[1], b""), head)
+                self.assertEqual(first, after)
+
+
+def served_certificate(port):
+    """SHA-256 of the certificate a new connection is shown (not verified: only compared)."""
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+    context.check_hostname, context.verify_mode = False, ssl.CERT_NONE
+    with socket.create_connection(("127.0.0.1", port), timeout=10) as raw, \
+            context.wrap_socket(raw, server_hostname=SERVER_NAME) as tls:
+        return hashlib.sha256(tls.getpeercert(binary_form=True)).hexdigest()
+
+
+def file_certificate(path):
+    with open(path) as pem:
+        first = pem.read().split("-----END CERTIFICATE-----")[0] + "-----END CERTIFICATE-----\n"
+    return hashlib.sha256(ssl.PEM_cert_to_DER_cert(first)).hexdigest()
+
+
+class Reload(unittest.TestCase):
+    def test_sighup_reloads_the_certificate_and_reopens_the_log(self):
+        """A renewed certificate is served to new connections and a rotated log is
+        reopened at its path, without a restart."""
+        old, new = certificates(), make_certs(os.path.join(WORK, "certs-renewed"))
+        here = os.path.join(WORK, "reload")
+        files = {"cert_file": os.path.join(here, "server.pem"),
+                 "key_file": os.path.join(here, "server.key")}
+        collector = Collector("reload", extra=files)
+        for key, name in (("cert_file", "server.pem"), ("key_file", "server.key")):
+            shutil.copy(os.path.join(old, name), files[key])
+        collector.start()
+        try:
+            self.assertEqual(file_certificate(os.path.join(old, "server.pem")),
+                             served_certificate(collector.port))
+            for key, name in (("cert_file", "server.pem"), ("key_file", "server.key")):
+                shutil.copy(os.path.join(new, name), files[key] + ".new")
+                os.replace(files[key] + ".new", files[key])
+            os.rename(collector.log_path, collector.log_path + ".1")
+            os.kill(collector.pid, signal.SIGHUP)
+            renewed = file_certificate(os.path.join(new, "server.pem"))
+            self.assertTrue(wait_for(lambda: served_certificate(collector.port) == renewed))
+            self.assertTrue(wait_for(lambda: os.path.exists(collector.log_path) and
+                                     "certificate reloaded" in collector.log()))
+            with open(collector.log_path + ".1") as rotated:
+                before = rotated.read()
+            self.assertIn("serving", before)
+            self.assertNotIn("certificate reloaded", before)
+        finally:
+            collector.stop()
 
 
 if __name__ == "__main__":
