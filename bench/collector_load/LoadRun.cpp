@@ -112,6 +112,7 @@ public:
           m_fleet(fleet),
           m_result(result),
           m_tls(ssl::context::tls_client),
+          m_slowTls(ssl::context::tls_client),
           m_idleReady(idleReady) {}
 
     bool Prepare();
@@ -119,6 +120,9 @@ public:
 
     asio::io_context& Io() { return m_io; }
     ssl::context& Tls() { return m_tls; }
+    // The slow clients' context: as the posts' but without checking the certificate
+    // chain, so that their reconnections cost the generator's one core little.
+    ssl::context& SlowTls() { return m_slowTls; }
     const LoadTarget& Target() const { return m_target; }
     const tcp::endpoint& Endpoint() const { return m_endpoint; }
     std::chrono::milliseconds Timeout() const {
@@ -151,6 +155,7 @@ private:
     LoadResult& m_result;
     asio::io_context m_io{1};
     ssl::context m_tls;
+    ssl::context m_slowTls;
     tcp::endpoint m_endpoint;
     std::function<void()> m_idleReady;
     std::vector<std::shared_ptr<CPost>> m_idle;
@@ -312,7 +317,8 @@ void CSlow::Start() {
 void CSlow::Connect() {
     ++m_generation;
     m_sent = 0;
-    m_stream = std::make_unique<beast::ssl_stream<beast::tcp_stream>>(m_load.Io(), m_load.Tls());
+    m_stream =
+        std::make_unique<beast::ssl_stream<beast::tcp_stream>>(m_load.Io(), m_load.SlowTls());
     SSL_set_tlsext_host_name(m_stream->native_handle(), m_load.Target().serverName.c_str());
     const asio::ip::address source = m_load.NextSource();
     tcp::socket& socket = beast::get_lowest_layer(*m_stream).socket();
@@ -428,6 +434,12 @@ bool CLoad::Prepare() {
         return false;
     }
     m_endpoint = endpoints.begin()->endpoint();
+
+    SSL_CTX* slow = m_slowTls.native_handle();
+    SSL_CTX_set_min_proto_version(slow, TLS1_2_VERSION);
+    SSL_CTX_set_session_cache_mode(slow, SSL_SESS_CACHE_OFF);
+    SSL_CTX_set_options(slow, SSL_OP_NO_TICKET);
+    m_slowTls.set_verify_mode(ssl::verify_none);
 
     SSL_CTX* context = m_tls.native_handle();
     SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);

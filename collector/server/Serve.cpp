@@ -57,6 +57,7 @@ public:
           dashboard_{settings, metrics_, access_, api_, sessions_, receive_.draining, nullptr},
           signals_(io_, SIGTERM, SIGINT, SIGHUP),
           purgeTimer_(io_),
+          trimTimer_(io_),
           drainTimer_(io_) {}
 
     int Run();
@@ -67,6 +68,7 @@ private:
     void BeginDrain();
     void WatchDrain(std::chrono::steady_clock::time_point deadline);
     void SchedulePurge(std::chrono::milliseconds after);
+    void ScheduleTrim();
     void OpenReceiving(tcp::socket socket);
 
     const CollectorSettings& settings_;
@@ -88,6 +90,7 @@ private:
     asio::io_context io_;
     asio::signal_set signals_;
     asio::steady_timer purgeTimer_;
+    asio::steady_timer trimTimer_;
     asio::steady_timer drainTimer_;
     std::vector<std::shared_ptr<Listener>> listeners_;
 };
@@ -186,6 +189,7 @@ void Service::BeginDrain() {
     boost::system::error_code ignored;
     signals_.cancel(ignored);
     purgeTimer_.cancel();
+    trimTimer_.cancel();
     for (auto& listener : listeners_)
         listener->Close();
     sessions_.DrainAll();
@@ -209,6 +213,19 @@ void Service::WatchDrain(std::chrono::steady_clock::time_point deadline) {
     drainTimer_.async_wait([this, deadline](boost::system::error_code error) {
         if (!error)
             WatchDrain(deadline);
+    });
+}
+
+// After a burst (large posts, a crowd of connections) the freed memory lies between blocks
+// still in use, where the allocator keeps it: every few seconds its free pages are given
+// back, so that the resident size follows what is in use.
+void Service::ScheduleTrim() {
+    trimTimer_.expires_after(std::chrono::seconds(10));
+    trimTimer_.async_wait([this](boost::system::error_code error) {
+        if (error)
+            return;
+        malloc_trim(0);
+        ScheduleTrim();
     });
 }
 
@@ -248,6 +265,7 @@ int Service::Run() {
             OnSignal(s);
     });
     SchedulePurge(std::chrono::seconds(60));
+    ScheduleTrim();
     COLLECTOR_LOG(CAppLog::Information, "serving: %zu receiving listener(s), dashboard on %s",
                   settings_.listen.size(), settings_.dashboardListen.c_str());
 
