@@ -8,6 +8,7 @@ import shutil
 import signal
 import socket
 import ssl
+import subprocess
 import threading
 import time
 import unittest
@@ -194,7 +195,64 @@ def file_certificate(path):
     return hashlib.sha256(ssl.PEM_cert_to_DER_cert(first)).hexdigest()
 
 
+def proxied_post(port, context, header, body):
+    """A post behind a load balancer: the PROXY header and the TLS ClientHello in one
+    segment, as a proxy forwards them; the answer's status."""
+    incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
+    tls = context.wrap_bio(incoming, outgoing, server_hostname=SERVER_NAME)
+    with socket.create_connection(("127.0.0.1", port), timeout=10) as raw:
+        first = True
+        while True:
+            try:
+                tls.do_handshake()
+                break
+            except ssl.SSLWantReadError:
+                raw.sendall((header if first else b"") + outgoing.read())
+                first = False
+                incoming.write(raw.recv(65536))
+        tls.write(upload(body))
+        raw.sendall(outgoing.read())
+        answer = b""
+        while b"\r\n\r\n" not in answer:
+            chunk = raw.recv(65536)
+            if not chunk:
+                break
+            incoming.write(chunk)
+            try:
+                answer += tls.read(65536)
+            except ssl.SSLWantReadError:
+                pass
+        return int(answer.split()[1]) if answer else 0
+
+
 class Reload(unittest.TestCase):
+    def test_proxy_header_and_handshake_in_one_segment(self):
+        """The bytes after the PROXY header start the TLS handshake; the address the header
+        names is the one stored."""
+        collector = Collector("proxied", extra={"proxy_protocol": "yes"})
+        # Started by hand: its health check would come without a PROXY header.
+        collector.process = subprocess.Popen(collector.command("serve"))
+
+        def listening():
+            try:
+                socket.create_connection(("127.0.0.1", collector.port), timeout=1).close()
+                return True
+            except OSError:
+                return False
+        try:
+            self.assertTrue(wait_for(listening), collector.log())
+            rows = [(b"PROXY TCP4 192.0.2.7 127.0.0.1 4711 443\r\n", "192.0.2.7"),
+                    (b"PROXY TCP6 2001:db8::9 ::1 4711 443\r\n", "2001:db8::9")]
+            for number, (header, address) in enumerate(rows):
+                with self.subTest(address):
+                    body = b"data=" + report(period=(10 + number, 20 + number))
+                    status = proxied_post(collector.port, collector.context, header, body)
+                    self.assertEqual(200, status, collector.log())
+                    self.assertIn(address, [r["client_address"] for r in collector.exported()])
+        finally:
+            collector.process.terminate()
+            collector.process.wait(30)
+
     def test_sighup_reloads_the_certificate_and_reopens_the_log(self):
         """A renewed certificate is served to new connections and a rotated log is
         reopened at its path, without a restart."""
