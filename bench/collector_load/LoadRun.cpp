@@ -9,6 +9,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/asio/ssl.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core.hpp>
@@ -76,6 +77,32 @@ private:
     Clock::time_point m_started;
 };
 
+// A slowloris client: connects, shakes hands, then sends a request's first line and
+// headers a byte at a time, a byte every interval, never ending them. When the server
+// closes it (its header deadline) it connects again at once, until Stop().
+class CSlow : public std::enable_shared_from_this<CSlow> {
+public:
+    CSlow(CLoad& load, std::string head) : m_load(load), m_head(std::move(head)) {}
+    void Start();
+    void Stop();
+
+private:
+    void Connect();
+    void OnHandshake(beast::error_code error);
+    void SendByte();
+    void Ended();
+
+    CLoad& m_load;
+    std::string m_head;  // the bytes dribbled, over and over
+    std::unique_ptr<beast::ssl_stream<beast::tcp_stream>> m_stream;
+    std::unique_ptr<asio::steady_timer> m_timer;
+    size_t m_sent = 0;
+    bool m_opened = false;  // has been open once: told the load
+    bool m_stopped = false;
+    char m_watched = 0;
+    unsigned m_generation = 0;  // of the connection; a stale handler sees another one
+};
+
 class CLoad {
 public:
     CLoad(const LoadTarget& target, const LoadLimits& limits, CReportFleet& fleet,
@@ -85,6 +112,7 @@ public:
           m_fleet(fleet),
           m_result(result),
           m_tls(ssl::context::tls_client),
+          m_slowTls(ssl::context::tls_client),
           m_idleReady(idleReady) {}
 
     bool Prepare();
@@ -92,6 +120,9 @@ public:
 
     asio::io_context& Io() { return m_io; }
     ssl::context& Tls() { return m_tls; }
+    // The slow clients' context: as the posts' but without checking the certificate
+    // chain, so that their reconnections cost the generator's one core little.
+    ssl::context& SlowTls() { return m_slowTls; }
     const LoadTarget& Target() const { return m_target; }
     const tcp::endpoint& Endpoint() const { return m_endpoint; }
     std::chrono::milliseconds Timeout() const {
@@ -102,13 +133,21 @@ public:
                int status, SSL* connection);
     // An idle connection's post has ended: `kept` is the open connection, null on failure.
     void IdleEnded(const std::shared_ptr<CPost>& kept);
+    // A slow client is open for the first time (or could not open); or was reopened.
+    void SlowOpened(bool open);
+    void SlowReopened() { ++m_result.slowReopened; }
+    std::chrono::milliseconds SlowInterval() const {
+        return std::chrono::milliseconds(static_cast<long>(m_limits.slowIntervalSeconds * 1000));
+    }
+    asio::ip::address NextSource();
 
 private:
     void Launch();
     void LaunchIdle();
     void StartMeasured();
     void Finish();
-    asio::ip::address NextSource();
+    void LaunchSlow();
+    void AfterSlow();
 
     const LoadTarget& m_target;
     const LoadLimits& m_limits;
@@ -116,11 +155,15 @@ private:
     LoadResult& m_result;
     asio::io_context m_io{1};
     ssl::context m_tls;
+    ssl::context m_slowTls;
     tcp::endpoint m_endpoint;
     std::function<void()> m_idleReady;
     std::vector<std::shared_ptr<CPost>> m_idle;
     unsigned int m_idleLaunched = 0;
     unsigned int m_idleEnded = 0;
+    std::vector<std::shared_ptr<CSlow>> m_slow;
+    unsigned int m_slowLaunched = 0;
+    unsigned int m_slowEnded = 0;
     uint64_t m_launched = 0;
     unsigned int m_inFlight = 0;
     uint32_t m_nextSource = 0;
@@ -266,6 +309,122 @@ void CPost::Close() {
     beast::get_lowest_layer(m_stream).socket().close(ignored);
 }
 
+void CSlow::Start() {
+    m_timer = std::make_unique<asio::steady_timer>(m_load.Io());
+    Connect();
+}
+
+void CSlow::Connect() {
+    ++m_generation;
+    m_sent = 0;
+    m_stream =
+        std::make_unique<beast::ssl_stream<beast::tcp_stream>>(m_load.Io(), m_load.SlowTls());
+    SSL_set_tlsext_host_name(m_stream->native_handle(), m_load.Target().serverName.c_str());
+    const asio::ip::address source = m_load.NextSource();
+    tcp::socket& socket = beast::get_lowest_layer(*m_stream).socket();
+    beast::error_code error;
+    if (!source.is_unspecified()) {
+        socket.open(source.is_v4() ? tcp::v4() : tcp::v6(), error);
+        const int on = 1;
+        if (!error) {
+            setsockopt(socket.native_handle(), IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &on, sizeof on);
+            socket.bind(tcp::endpoint(source, 0), error);
+        }
+    }
+    const unsigned generation = m_generation;
+    if (error) {
+        asio::post(m_load.Io(), [self = shared_from_this(), generation] {
+            if (generation == self->m_generation)
+                self->OnHandshake(asio::error::address_in_use);
+        });
+        return;
+    }
+    beast::get_lowest_layer(*m_stream).expires_after(m_load.Timeout());
+    beast::get_lowest_layer(*m_stream).async_connect(
+        m_load.Endpoint(), [self = shared_from_this(), generation](beast::error_code error) {
+            if (generation != self->m_generation)
+                return;
+            if (error)
+                return self->OnHandshake(error);
+            self->m_stream->async_handshake(ssl::stream_base::client,
+                                            [self, generation](beast::error_code error) {
+                                                if (generation == self->m_generation)
+                                                    self->OnHandshake(error);
+                                            });
+        });
+}
+
+void CSlow::OnHandshake(beast::error_code error) {
+    if (m_stopped)
+        return;
+    if (error) {
+        if (!m_opened) {
+            m_opened = true;  // counted as failed; not tried again
+            m_load.SlowOpened(false);
+            return;
+        }
+        // Opened before: tried again after a pause.
+        const unsigned generation = m_generation;
+        m_timer->expires_after(m_load.SlowInterval());
+        m_timer->async_wait([self = shared_from_this(), generation](beast::error_code error) {
+            if (!error && generation == self->m_generation && !self->m_stopped)
+                self->Connect();
+        });
+        return;
+    }
+    if (!m_opened) {
+        m_opened = true;
+        m_load.SlowOpened(true);
+    }
+    // The server ends the connection at its deadline: the watch sees it and opens again.
+    beast::get_lowest_layer(*m_stream).expires_never();
+    const unsigned generation = m_generation;
+    m_stream->async_read_some(asio::buffer(&m_watched, 1),
+                              [self = shared_from_this(), generation](beast::error_code, size_t) {
+                                  if (generation == self->m_generation)
+                                      self->Ended();
+                              });
+    SendByte();
+}
+
+void CSlow::SendByte() {
+    const unsigned generation = m_generation;
+    asio::async_write(*m_stream, asio::buffer(&m_head[m_sent % m_head.size()], 1),
+                      [self = shared_from_this(), generation](beast::error_code error, size_t) {
+                          if (generation != self->m_generation || self->m_stopped)
+                              return;
+                          if (error)
+                              return self->Ended();
+                          ++self->m_sent;
+                          self->m_timer->expires_after(self->m_load.SlowInterval());
+                          self->m_timer->async_wait([self, generation](beast::error_code error) {
+                              if (!error && generation == self->m_generation && !self->m_stopped)
+                                  self->SendByte();
+                          });
+                      });
+}
+
+void CSlow::Ended() {
+    if (m_stopped)
+        return;
+    m_timer->cancel();
+    beast::error_code ignored;
+    beast::get_lowest_layer(*m_stream).socket().close(ignored);
+    m_load.SlowReopened();
+    Connect();
+}
+
+void CSlow::Stop() {
+    m_stopped = true;
+    ++m_generation;
+    if (m_timer)
+        m_timer->cancel();
+    if (m_stream) {
+        beast::error_code ignored;
+        beast::get_lowest_layer(*m_stream).socket().close(ignored);
+    }
+}
+
 bool CLoad::Prepare() {
     beast::error_code error;
     auto endpoints = tcp::resolver(m_io).resolve(m_target.host, m_target.port, error);
@@ -275,6 +434,12 @@ bool CLoad::Prepare() {
         return false;
     }
     m_endpoint = endpoints.begin()->endpoint();
+
+    SSL_CTX* slow = m_slowTls.native_handle();
+    SSL_CTX_set_min_proto_version(slow, TLS1_2_VERSION);
+    SSL_CTX_set_session_cache_mode(slow, SSL_SESS_CACHE_OFF);
+    SSL_CTX_set_options(slow, SSL_OP_NO_TICKET);
+    m_slowTls.set_verify_mode(ssl::verify_none);
 
     SSL_CTX* context = m_tls.native_handle();
     SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
@@ -350,9 +515,43 @@ void CLoad::IdleEnded(const std::shared_ptr<CPost>& kept) {
     }
 }
 
+// Slow clients open a few at a time, as the idle connections do; the rest of the run
+// starts once they all are (or failed).
+void CLoad::LaunchSlow() {
+    if (m_slowLaunched >= m_limits.slowConnections)
+        return;
+    ++m_slowLaunched;
+    const std::string head = "POST /cef/upload HTTP/1.1\r\nHost: " + m_target.serverName +
+                             "\r\nUser-Agent: Pathweave\r\nAccept: */*\r\n";
+    m_slow.push_back(std::make_shared<CSlow>(*this, head));
+    m_slow.back()->Start();
+}
+
+void CLoad::SlowOpened(bool open) {
+    ++m_slowEnded;
+    if (open) {
+        ++m_result.slowOpened;
+    } else {
+        ++m_result.slowFailed;
+    }
+    LaunchSlow();
+    if (m_slowEnded == m_slowLaunched) {
+        AfterSlow();
+    }
+}
+
+void CLoad::AfterSlow() {
+    if (m_limits.idleConnections == 0) {
+        return StartMeasured();
+    }
+    for (unsigned int slot = 0; slot < m_limits.concurrency; ++slot) {
+        LaunchIdle();
+    }
+}
+
 void CLoad::StartMeasured() {
     m_result.idleOpened = m_idle.size();
-    if (m_limits.idleConnections > 0 && m_idleReady) {
+    if ((m_limits.idleConnections > 0 || m_limits.slowConnections > 0) && m_idleReady) {
         m_idleReady();
     }
     m_begin = Clock::now();
@@ -377,6 +576,10 @@ void CLoad::Finish() {
         idle->Close();
     }
     m_idle.clear();
+    for (const std::shared_ptr<CSlow>& slow : m_slow) {
+        slow->Stop();
+    }
+    m_slow.clear();
 }
 
 void CLoad::Ended(ReportKind kind, size_t bodyBytes, Clock::time_point started, Outcome outcome,
@@ -425,11 +628,11 @@ void CLoad::Ended(ReportKind kind, size_t bodyBytes, Clock::time_point started, 
 }
 
 void CLoad::Run() {
-    if (m_limits.idleConnections == 0) {
-        StartMeasured();
+    if (m_limits.slowConnections == 0) {
+        AfterSlow();
     } else {
-        for (unsigned int slot = 0; slot < m_limits.concurrency; ++slot) {
-            LaunchIdle();
+        for (unsigned int slot = 0; slot < 4 * m_limits.concurrency; ++slot) {
+            LaunchSlow();
         }
     }
     m_io.run();

@@ -7,6 +7,12 @@
 // With idle connections asked for, the run first opens them (each posts one feedback report
 // and then stays open, idle, as a kept-alive connection) and holds them through the
 // measured posts, noting which of them the server closes meanwhile.
+//
+// With slow clients asked for, the run first opens those (slowloris: after the handshake
+// each sends the start of a request one byte at a time, a byte every `slowInterval`
+// seconds, and never finishes it); the server closes them at its header deadline and
+// each opens again at once, so that the given number stays open through the measured
+// posts.
 #pragma once
 
 #include <cstdint>
@@ -33,6 +39,8 @@ struct LoadLimits {
     uint64_t count = 0;           // posts in all
     double timeoutSeconds = 30;   // for each step of a post
     unsigned int idleConnections = 0;
+    unsigned int slowConnections = 0;
+    double slowIntervalSeconds = 2;
     // Connections come from this many loopback addresses (127.0.0.1, 127.0.0.2, ...), as
     // from that many clients; 0 leaves the choice to the system.
     unsigned int sourceAddresses = 0;
@@ -55,13 +63,16 @@ struct LoadResult {
     uint64_t idleOpened = 0;           // idle connections that posted and stayed open
     uint64_t idleFailed = 0;           // idle connections that could not be opened
     uint64_t idleClosedByServer = 0;   // opened, then closed by the server during the run
+    uint64_t slowOpened = 0;           // slow clients open when the measured posts started
+    uint64_t slowFailed = 0;           // slow clients whose connection or handshake failed
+    uint64_t slowReopened = 0;         // slow clients closed by the server and opened again
 
     uint64_t Failed() const;
 };
 
 // Runs the posts against `target`; `idleReady` (may be empty) is called once the idle
-// connections are open, before the measured posts start. False (with a message on stderr)
-// when the run could not start: the target does not resolve or the CA file cannot be read.
+// connections and slow clients are open, before the measured posts start. False (with a message on
+// stderr) when the run could not start: the target does not resolve or the CA file cannot be read.
 bool RunLoad(const LoadTarget& target, const LoadLimits& limits, CReportFleet& fleet,
              LoadResult& result, const std::function<void()>& idleReady);
 

@@ -46,6 +46,10 @@ const char kUsage[] =
     "  --timeout SECONDS     limit for each step of a post (30)\n"
     "  --idle N              first open N connections that post once and stay open, idle,\n"
     "                        through the run\n"
+    "  --slow N              first open N slowloris clients (a header byte every interval,\n"
+    "                        never ending the header; opened again when closed), held\n"
+    "                        through the run\n"
+    "  --slow-interval SECS  the slow clients' pause between two bytes (2)\n"
     "  --source-addresses N  connect from N loopback addresses (127.0.0.1 and up), as from\n"
     "                        N clients (default: the system's choice)\n";
 
@@ -148,6 +152,10 @@ int ParseOptions(int argc, char** argv, Options& options) {
             options.cpu = static_cast<long>(number);
         } else if (name == "--idle") {
             options.limits.idleConnections = static_cast<unsigned int>(number);
+        } else if (name == "--slow") {
+            options.limits.slowConnections = static_cast<unsigned int>(number);
+        } else if (name == "--slow-interval" && number > 0) {
+            options.limits.slowIntervalSeconds = number;
         } else if (name == "--source-addresses" && number <= 65536) {
             options.limits.sourceAddresses = static_cast<unsigned int>(number);
         } else if (name == "--server-pid" && number >= 1) {
@@ -264,6 +272,12 @@ void PrintFigures(const Options& options, LoadResult& result, double generatorCp
         if (idle.found) {
             printf(" idle_rss_mib=%.1f", static_cast<double>(idle.rssKiB) / 1024.0);
         }
+    }
+    if (options.limits.slowConnections > 0) {
+        printf(" slow_open=%llu slow_failed=%llu slow_reopened=%llu",
+               static_cast<unsigned long long>(result.slowOpened),
+               static_cast<unsigned long long>(result.slowFailed),
+               static_cast<unsigned long long>(result.slowReopened));
     }
     printf("\n");
     fflush(stdout);

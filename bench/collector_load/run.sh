@@ -12,17 +12,20 @@
 # target's medians and its rate as a multiple of nginx's. Then the memory run (all targets
 # but the fixture): IDLE connections that posted once are held open, idle, and 64 posts of
 # 16 MiB go at once on top of them; its table gives the server's resident memory with the
-# idle connections open and its peak.
+# idle connections open and its peak. Between the two, the slow-client round (the
+# collector on SQLite only): feedback posts without and then with SLOW slowloris clients
+# open, RUNS times in turn, and the p99 latency of each.
 #
 # Usage: run.sh [--build DIR] [--collector PROGRAM] [--runs N] [--duration SECONDS]
 #               [--concurrency N] [--machines N] [--mixes "feedback fleet"]
-#               [--sources N] [--idle N] [--no-memory] [--keep]
+#               [--sources N] [--idle N] [--no-memory] [--slow N] [--keep]
 #   --build DIR          build directory with the generator (default: build-bench; the
 #                        generator and cefdump are built there when missing)
 #   --collector PROGRAM  the collector to measure (default: DIR/collector/pathweave-collector,
 #                        built when the tree has it); without one the collector is skipped
 #   --sources N          loopback source addresses of the posts (256)
 #   --idle N             idle connections of the memory run (10000); --no-memory skips it
+#   --slow N             slow clients of the slow-client round (5000); 0 skips it
 #   --keep               keep the run's temporary directory (logs, stores) and say where
 # Servers run as an unprivileged user (nobody when started as root) from a temporary
 # directory, on loopback ports; all are stopped when the script ends.
@@ -39,6 +42,7 @@ machines=10000
 mixes="feedback fleet"
 sources=256
 idle=10000
+slow=5000
 memory=1
 keep=0
 server_name=feedback.pathweave.example
@@ -53,7 +57,7 @@ pg_bin=/usr/lib/postgresql/15/bin
 python=/usr/bin/python3
 [ -x "$python" ] || python=$(command -v python3)
 
-usage() { sed -n '2,28p' "$0" | sed 's/^# \{0,1\}//' >&2; exit 2; }
+usage() { sed -n '2,32p' "$0" | sed 's/^# \{0,1\}//' >&2; exit 2; }
 while [ $# -gt 0 ]; do
     case "$1" in
         --build) build=$2; shift 2 ;;
@@ -66,6 +70,7 @@ while [ $# -gt 0 ]; do
         --sources) sources=$2; shift 2 ;;
         --idle) idle=$2; shift 2 ;;
         --no-memory) memory=0; shift ;;
+        --slow) slow=$2; shift 2 ;;
         --keep) keep=1; shift ;;
         *) usage ;;
     esac
@@ -73,6 +78,9 @@ done
 
 say() { echo "run.sh: $*" >&2; }
 die() { say "$*"; exit 1; }
+# Every server and the generator hold thousands of connections: as many descriptors as
+# allowed.
+ulimit -n "$(ulimit -Hn)"
 
 # --- the programs ---------------------------------------------------------------------
 load="$build/bench/collector_load"
@@ -344,6 +352,28 @@ done
 echo "# load average $(cut -d' ' -f1-3 /proc/loadavg) at the end; disk: growth of each" \
     "store during its runs, per delivered report (databases by content, WAL left out)"
 
+# The slow-client round: the same feedback posts to the collector on SQLite, without and
+# then with the slowloris clients open, in turn.
+slow_results="$work/slow.txt"
+: >"$slow_results"
+if [ "$slow" -gt 0 ] && [[ " ${targets[*]} " == *" collector-sqlite "* ]]; then
+    echo "# slow clients: feedback posts to collector-sqlite without and with $slow slowloris" \
+        "clients open (a header byte every 2 s, closed at the header deadline, opened again)"
+    for round in $(seq "$runs"); do
+        for open in 0 "$slow"; do
+            line=$("$load" --target "127.0.0.1:${port[collector-sqlite]}" \
+                --server-name "$server_name" --ca-file "$work/certs/ca.pem" \
+                --concurrency "$concurrency" --duration "$duration" --mix feedback \
+                --machines "$machines" --seed $((900 + round)) --cpu 0 \
+                --server-pid "${pid[collector-sqlite]}" --source-addresses "$sources" \
+                --slow "$open" --label "slow-$open" || true)
+            [ -n "$line" ] || die "the generator gave no figures for the slow-client round"
+            echo "$line"
+            echo "$line" >>"$slow_results"
+        done
+    done
+fi
+
 memory_results="$work/memory.txt"
 : >"$memory_results"
 if [ "$memory" = 1 ]; then
@@ -362,10 +392,10 @@ if [ "$memory" = 1 ]; then
 fi
 
 # --- the table -------------------------------------------------------------------------
-python3 - "$results" "$memory_results" "${targets[@]}" <<'EOF'
+python3 - "$results" "$memory_results" "$slow_results" "${targets[@]}" <<'EOF'
 import statistics, sys
 
-path, memory_path, targets = sys.argv[1], sys.argv[2], sys.argv[3:]
+path, memory_path, slow_path, targets = sys.argv[1], sys.argv[2], sys.argv[3], sys.argv[4:]
 runs = {}
 for line in open(path):
     fields = dict(item.split("=", 1) for item in line.split())
@@ -396,6 +426,25 @@ for mix in dict.fromkeys(m for m, _ in runs):
             "%.3f" % cpu if cpu is not None else "-", peak,
             stored / delivered if delivered else 0,
             sum(int(row["failed"]) for row in rows)))
+
+slow = {}
+for line in open(slow_path):
+    fields = dict(item.split("=", 1) for item in line.split())
+    slow.setdefault(fields["label"], []).append(fields)
+if slow:
+    print()
+    print("%-27s %9s %8s %8s %10s %12s %7s" % (
+        "collector-sqlite, feedback", "reports/s", "p50 ms", "p99 ms", "slow open",
+        "slow reopened", "failed"))
+    for label, rows in slow.items():
+        print("%-27s %9.1f %8.2f %8.2f %10s %12s %7d" % (
+            "no slow clients" if label == "slow-0" else label.split("-")[1] + " slow clients",
+            median(rows, "rate"), median(rows, "p50_ms"), median(rows, "p99_ms"),
+            rows[-1].get("slow_open", "-"), rows[-1].get("slow_reopened", "-"),
+            sum(int(row["failed"]) for row in rows)))
+    if len(slow) == 2:
+        quiet, loaded = (median(rows, "p99_ms") for rows in slow.values())
+        print("p99 with the slow clients: %.2fx the p99 without" % (loaded / quiet))
 
 memory = [dict(item.split("=", 1) for item in line.split()) for line in open(memory_path)]
 if memory:

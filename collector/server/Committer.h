@@ -42,8 +42,10 @@ public:
     using Opener = std::function<std::unique_ptr<Store>(std::string& error)>;
 
     // `gather`: how long a batch may wait for more posts while posts come close together.
+    // Every answer in the batch waits that long too: a few milliseconds gather a crowd,
+    // where 20 ms halved the rate of 16 clients posting one after another.
     Committer(Opener opener, Metrics& metrics,
-              std::chrono::milliseconds gather = std::chrono::milliseconds(20));
+              std::chrono::milliseconds gather = std::chrono::milliseconds(4));
     ~Committer();  // Stop()s
     Committer(const Committer&) = delete;
     Committer& operator=(const Committer&) = delete;

@@ -106,8 +106,25 @@ void Listener::Accept() {
                 return;
             }
             self->open_(std::move(socket));
+            self->AcceptWaiting();
             self->Accept();
         });
+}
+
+// Under a crowd of new connections the accept handler waits its turn behind every other
+// connection's work: each turn takes all the connections the kernel holds ready (up to a
+// bound), so that its queue does not overflow and drop connection attempts, which the
+// clients would then retry only seconds later.
+void Listener::AcceptWaiting() {
+    constexpr int kAcceptsPerTurn = 256;
+    boost::system::error_code error;
+    acceptor_.non_blocking(true, error);
+    for (int i = 0; !error && i < kAcceptsPerTurn; ++i) {
+        tcp::socket socket(asio::make_strand(io_));
+        acceptor_.accept(socket, error);
+        if (!error)
+            open_(std::move(socket));
+    }
 }
 
 }  // namespace collector

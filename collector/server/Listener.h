@@ -32,6 +32,8 @@ public:
 
 private:
     void Accept();
+    // Accepts, without waiting, the connections already queued in the kernel.
+    void AcceptWaiting();
 
     boost::asio::io_context& io_;
     boost::asio::ip::tcp::acceptor acceptor_;

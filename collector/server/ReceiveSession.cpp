@@ -39,8 +39,8 @@ constexpr unsigned int kRetryDiskFull = 300;
 ReceiveSession::ReceiveSession(tcp::socket socket, ReceiveContext& context, std::string peerAddress,
                                ConnectionLimiter::Slot slot)
     : context_(context),
-      tls_(context.tls.Current()),
-      stream_(std::move(socket), *tls_),
+      stream_(std::move(socket), context.tls.Current()->native_handle()),
+      deadline_(stream_.get_executor()),
       address_(std::move(peerAddress)),
       slot_(std::move(slot)) {
     context_.metrics.ConnectionOpened();
@@ -56,6 +56,11 @@ ReceiveSession::~ReceiveSession() {
 void ReceiveSession::Start() {
     registryId_ = context_.sessions.Add(shared_from_this());
     asio::dispatch(stream_.get_executor(), [self = shared_from_this()] {
+        if (!self->stream_.Valid()) {
+            COLLECTOR_LOG(CAppLog::Error, "out of memory for a connection from %s",
+                          self->address_.c_str());
+            return self->Close();
+        }
         if (self->context_.settings.proxyProtocol) {
             self->ReadProxyHeader();
         } else {
@@ -67,15 +72,28 @@ void ReceiveSession::Start() {
 void ReceiveSession::Drain() {
     asio::post(stream_.get_executor(), [self = shared_from_this()] {
         if (self->state_ == State::Idle || self->state_ == State::Opening) {
-            self->Socket().cancel();
+            beast::error_code ignored;
+            self->Socket().cancel(ignored);
         }
     });
 }
 
 // --- Before the first request --------------------------------------------------------
 
+void ReceiveSession::SetDeadline(std::chrono::steady_clock::time_point when) {
+    stream_.Rearm();
+    deadline_.expires_at(when);
+    deadline_.async_wait([weak = weak_from_this()](beast::error_code error) {
+        auto self = weak.lock();
+        // A wait replaced by a later deadline is cancelled, or has fired just before it was
+        // replaced: only the deadline now set may end the step.
+        if (!error && self && self->deadline_.expiry() <= std::chrono::steady_clock::now())
+            self->stream_.Expire();
+    });
+}
+
 void ReceiveSession::ReadProxyHeader() {
-    Socket().expires_after(std::chrono::seconds(context_.settings.headerTimeoutSeconds));
+    SetDeadline(std::chrono::seconds(context_.settings.headerTimeoutSeconds));
     const size_t have = proxyBytes_.size();
     proxyBytes_.resize(kMaxProxyHeader);
     Socket().async_read_some(
@@ -112,16 +130,15 @@ void ReceiveSession::OnProxyBytes(beast::error_code error, size_t) {
 }
 
 void ReceiveSession::Handshake() {
-    Socket().expires_after(std::chrono::seconds(context_.settings.headerTimeoutSeconds));
-    stream_.async_handshake(asio::ssl::stream_base::server, asio::buffer(proxyBytes_),
-                            [self = shared_from_this()](beast::error_code error, size_t) {
-                                self->proxyBytes_.clear();
-                                self->proxyBytes_.shrink_to_fit();
-                                if (error)
-                                    return self->Close();
-                                self->state_ = State::Idle;
-                                self->ReadRequest();
-                            });
+    SetDeadline(std::chrono::seconds(context_.settings.headerTimeoutSeconds));
+    stream_.AsyncHandshake(std::move(proxyBytes_),
+                           [self = shared_from_this()](beast::error_code error) {
+                               self->proxyBytes_ = std::string();
+                               if (error)
+                                   return self->Close();
+                               self->state_ = State::Idle;
+                               self->ReadRequest();
+                           });
 }
 
 // --- Reading a request ---------------------------------------------------------------
@@ -129,25 +146,26 @@ void ReceiveSession::Handshake() {
 void ReceiveSession::ReadRequest() {
     if (context_.draining)
         return Close();
-    if (buffer_.size() > 0)
+    if (buffer_.size() > 0 || stream_.HasPending())
         return StartHeader();  // a pipelined request is waiting
     state_ = State::Idle;
-    buffer_.shrink_to_fit();
-    Socket().expires_after(std::chrono::seconds(context_.settings.idleTimeoutSeconds));
-    stream_.async_read_some(buffer_.prepare(1024),
-                            [self = shared_from_this()](beast::error_code error, size_t bytes) {
-                                if (error)
-                                    return self->Close();
-                                self->buffer_.commit(bytes);
-                                self->StartHeader();
-                            });
+    buffer_ = beast::flat_buffer();
+    stream_.ReleaseBuffers();
+    SetDeadline(std::chrono::seconds(context_.settings.idleTimeoutSeconds));
+    Socket().async_wait(tcp::socket::wait_read,
+                        [self = shared_from_this()](beast::error_code error) {
+                            if (error)
+                                return self->Close();
+                            self->StartHeader();
+                        });
 }
 
 void ReceiveSession::StartHeader() {
     state_ = State::Header;
     requestStart_ = std::chrono::steady_clock::now();
-    Socket().expires_at(requestStart_ +
-                        std::chrono::seconds(context_.settings.headerTimeoutSeconds));
+    head_ = false;
+    uploadPath_ = true;
+    SetDeadline(requestStart_ + std::chrono::seconds(context_.settings.headerTimeoutSeconds));
     parser_.emplace();
     parser_->header_limit(kHeaderLimit);
     parser_->body_limit(kMaxBodyBytes);
@@ -176,8 +194,9 @@ void ReceiveSession::OnHeader(beast::error_code error) {
     const bool unreadBody = !parser_->is_done();
     const beast::string_view target = request.target();
     const beast::string_view path = target.substr(0, target.find('?'));
-    const bool readOnly =
-        request.method() == http::verb::get || request.method() == http::verb::head;
+    head_ = request.method() == http::verb::head;
+    const bool readOnly = request.method() == http::verb::get || head_;
+    uploadPath_ = path == "/cef/upload";
 
     if (path == "/healthz" || path == "/readyz") {
         if (!readOnly)
@@ -231,9 +250,8 @@ bool ReceiveSession::AdmitUpload(const Request& request) {
     } else {
         reserved_ = *length;
         const uint64_t rate = context_.settings.minBodyRate > 0 ? context_.settings.minBodyRate : 1;
-        Socket().expires_at(requestStart_ +
-                            std::chrono::seconds(context_.settings.headerTimeoutSeconds) +
-                            std::chrono::seconds(*length / rate));
+        SetDeadline(requestStart_ + std::chrono::seconds(context_.settings.headerTimeoutSeconds) +
+                    std::chrono::seconds(*length / rate));
         return true;
     }
     return false;
@@ -328,11 +346,17 @@ void ReceiveSession::Answer(unsigned int status, const std::string& text, bool c
     if (retryAfter > 0)
         response_.set(http::field::retry_after, std::to_string(retryAfter));
     if (status == 405)
-        response_.set(http::field::allow, "POST");
-    response_.body() = text;
+        response_.set(http::field::allow, uploadPath_ ? "POST" : "GET, HEAD");
     response_.keep_alive(keepAlive_ && !context_.draining);
-    response_.prepare_payload();
-    Socket().expires_after(kWriteTimeout);
+    // A HEAD is answered with the header a GET gets, its Content-Length included, and no
+    // body.
+    if (head_) {
+        response_.content_length(text.size());
+    } else {
+        response_.body() = text;
+        response_.prepare_payload();
+    }
+    SetDeadline(kWriteTimeout);
     http::async_write(stream_, response_,
                       [self = shared_from_this(), status](beast::error_code error, size_t) {
                           self->OnWritten(error, status);
@@ -341,7 +365,10 @@ void ReceiveSession::Answer(unsigned int status, const std::string& text, bool c
 
 void ReceiveSession::OnWritten(beast::error_code error, unsigned int status) {
     context_.metrics.CountRequest(status);
-    if (error || !response_.keep_alive())
+    const bool keepAlive = response_.keep_alive();
+    response_ = Response();
+    parser_.reset();
+    if (error || !keepAlive)
         return Close();
     ReadRequest();
 }
@@ -352,14 +379,34 @@ void ReceiveSession::Close() {
     const bool secured = state_ != State::Opening;
     state_ = State::Closing;
     ReleaseBudget();
+    beast::error_code ignored;
     if (!secured)
-        return Socket().close();  // no TLS session to end
-    Socket().expires_after(context_.draining ? kDrainShutdownTimeout : kShutdownTimeout);
-    stream_.async_shutdown([self = shared_from_this()](beast::error_code) {
+        return void(Socket().close(ignored));  // no TLS session to end
+    parser_.reset();
+    buffer_ = beast::flat_buffer();
+    SetDeadline(context_.draining ? kDrainShutdownTimeout : kShutdownTimeout);
+    stream_.AsyncShutdown([self = shared_from_this()](beast::error_code error) {
         beast::error_code ignored;
-        self->Socket().socket().shutdown(tcp::socket::shutdown_both, ignored);
-        self->Socket().close();
+        if (error)
+            return void(self->Socket().close(ignored));
+        self->Socket().shutdown(tcp::socket::shutdown_send, ignored);
+        self->Linger();
     });
+}
+
+void ReceiveSession::Linger() {
+    Socket().async_wait(
+        tcp::socket::wait_read, [self = shared_from_this()](beast::error_code error) {
+            if (!error) {
+                char scrap[4096];
+                const size_t bytes = self->Socket().read_some(asio::buffer(scrap), error);
+                if ((!error && bytes > 0) || error == asio::error::would_block ||
+                    error == asio::error::try_again)
+                    return self->Linger();
+            }
+            beast::error_code ignored;
+            self->Socket().close(ignored);
+        });
 }
 
 void ReceiveSession::ReleaseBudget() {

@@ -11,14 +11,17 @@
 // pool, handed to the committer and answered when its batch is durable (200) or could
 // not be stored (503 with Retry-After); a body cut short stores nothing.
 //
+// Between requests the connection holds no read buffer, parser or answer: it waits for the
+// socket to become readable, so that thousands of idle kept-alive clients cost little.
+//
 // Threads: everything runs on the connection's strand; the validators and the committer
 // hand their results back to it.
 #pragma once
 
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
-#include <boost/beast/ssl.hpp>
 #include <chrono>
 #include <memory>
 #include <optional>
@@ -28,6 +31,7 @@
 #include "server/ProxyHeader.h"
 #include "server/ReceiveContext.h"
 #include "server/SessionRegistry.h"
+#include "server/TlsStream.h"
 
 namespace collector {
 
@@ -64,13 +68,22 @@ private:
                 unsigned int retryAfter = 0);
     void OnWritten(boost::beast::error_code error, unsigned int status);
     void Close();
+    // After our close_notify: our side of the socket is shut and what the client still
+    // sends is read and dropped until it closes too (or the deadline), so that closing
+    // with unread bytes does not reset the connection before the client read our answer.
+    void Linger();
     void ReleaseBudget();
+    // The current step's deadline; past it the pending operation ends with a timeout.
+    void SetDeadline(std::chrono::steady_clock::time_point when);
+    void SetDeadline(std::chrono::steady_clock::duration after) {
+        SetDeadline(std::chrono::steady_clock::now() + after);
+    }
 
-    boost::beast::tcp_stream& Socket() { return boost::beast::get_lowest_layer(stream_); }
+    boost::asio::ip::tcp::socket& Socket() { return stream_.Socket(); }
 
     ReceiveContext& context_;
-    std::shared_ptr<boost::asio::ssl::context> tls_;  // kept for the stream's lifetime
-    boost::beast::ssl_stream<boost::beast::tcp_stream> stream_;
+    TlsStream stream_;
+    boost::asio::steady_timer deadline_;
     std::string address_;
     ConnectionLimiter::Slot slot_;
     uint64_t registryId_ = 0;
@@ -82,7 +95,9 @@ private:
     Response response_;
     std::chrono::steady_clock::time_point requestStart_;
     bool keepAlive_ = true;
-    uint64_t reserved_ = 0;  // body bytes taken from the budget
+    bool head_ = false;        // the request is a HEAD: its answer has no body
+    bool uploadPath_ = false;  // the request is for the upload path (405's Allow)
+    uint64_t reserved_ = 0;    // body bytes taken from the budget
 };
 
 }  // namespace collector

@@ -1,6 +1,8 @@
 #include "server/Serve.h"
 
+#include <malloc.h>
 #include <signal.h>
+#include <sys/resource.h>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/signal_set.hpp>
@@ -55,6 +57,7 @@ public:
           dashboard_{settings, metrics_, access_, api_, sessions_, receive_.draining, nullptr},
           signals_(io_, SIGTERM, SIGINT, SIGHUP),
           purgeTimer_(io_),
+          trimTimer_(io_),
           drainTimer_(io_) {}
 
     int Run();
@@ -65,6 +68,7 @@ private:
     void BeginDrain();
     void WatchDrain(std::chrono::steady_clock::time_point deadline);
     void SchedulePurge(std::chrono::milliseconds after);
+    void ScheduleTrim();
     void OpenReceiving(tcp::socket socket);
 
     const CollectorSettings& settings_;
@@ -86,6 +90,7 @@ private:
     asio::io_context io_;
     asio::signal_set signals_;
     asio::steady_timer purgeTimer_;
+    asio::steady_timer trimTimer_;
     asio::steady_timer drainTimer_;
     std::vector<std::shared_ptr<Listener>> listeners_;
 };
@@ -184,6 +189,7 @@ void Service::BeginDrain() {
     boost::system::error_code ignored;
     signals_.cancel(ignored);
     purgeTimer_.cancel();
+    trimTimer_.cancel();
     for (auto& listener : listeners_)
         listener->Close();
     sessions_.DrainAll();
@@ -210,6 +216,19 @@ void Service::WatchDrain(std::chrono::steady_clock::time_point deadline) {
     });
 }
 
+// After a burst (large posts, a crowd of connections) the freed memory lies between blocks
+// still in use, where the allocator keeps it: every few seconds its free pages are given
+// back, so that the resident size follows what is in use.
+void Service::ScheduleTrim() {
+    trimTimer_.expires_after(std::chrono::seconds(10));
+    trimTimer_.async_wait([this](boost::system::error_code error) {
+        if (error)
+            return;
+        malloc_trim(0);
+        ScheduleTrim();
+    });
+}
+
 void Service::SchedulePurge(std::chrono::milliseconds after) {
     purgeTimer_.expires_after(after);
     purgeTimer_.async_wait([this](boost::system::error_code error) {
@@ -223,6 +242,19 @@ void Service::SchedulePurge(std::chrono::milliseconds after) {
 }
 
 int Service::Run() {
+    // OpenSSL writes the receiving sockets itself: a client gone mid-answer must give
+    // EPIPE there, not end the process.
+    ::signal(SIGPIPE, SIG_IGN);
+    // A descriptor per connection: max_connections may need more than the usual soft limit.
+    rlimit files{};
+    if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
+        files.rlim_cur = files.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &files);
+    }
+    // Bodies of up to 16 MiB are mapped and unmapped on their own rather than carved from
+    // the heap: after a burst of large posts the memory goes back to the system at once.
+    // (Left to itself the allocator raises this threshold to the largest block freed.)
+    mallopt(M_MMAP_THRESHOLD, 1 << 20);
     if (!Prepare())
         return 1;
     committer_.Start();
@@ -233,6 +265,7 @@ int Service::Run() {
             OnSignal(s);
     });
     SchedulePurge(std::chrono::seconds(60));
+    ScheduleTrim();
     COLLECTOR_LOG(CAppLog::Information, "serving: %zu receiving listener(s), dashboard on %s",
                   settings_.listen.size(), settings_.dashboardListen.c_str());
 

@@ -164,15 +164,16 @@ def upload(body, headers=b"", length=None):
             % (SERVER_NAME.encode(), length, headers)) + body
 
 
-def read_answers(tls, count):
-    """Reads `count` answers; fewer when the server closes first."""
+def read_answers(tls, count, bodiless=()):
+    """Reads `count` answers; fewer when the server closes first. The answers numbered in
+    `bodiless` (those to HEAD requests) have a Content-Length but no body."""
     data, answers = b"", []
     while len(answers) < count:
         end = data.find(b"\r\n\r\n")
         if end >= 0:
             head = data[:end].decode("latin-1").split("\r\n")
             headers = {k.lower(): v.strip() for k, v in (h.split(":", 1) for h in head[1:])}
-            size = int(headers.get("content-length", "0"))
+            size = 0 if len(answers) in bodiless else int(headers.get("content-length", "0"))
             if len(data) >= end + 4 + size:
                 answers.append((int(head[0].split()[1]), headers, data[end + 4:end + 4 + size]))
                 data = data[end + 4 + size:]

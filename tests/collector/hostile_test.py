@@ -4,14 +4,18 @@ the collector keeps serving others, stays within its memory, and loses nothing s
 import base64
 import hashlib
 import os
+import shutil
+import signal
 import socket
 import ssl
+import subprocess
 import threading
 import time
 import unittest
 import zlib
 
-from collector_harness import Collector, read_answers, report, upload
+from collector_harness import (SERVER_NAME, WORK, Collector, certificates, make_certs,
+                               read_answers, report, upload, wait_for)
 
 MACHINE = "0123456789abcdef0123456789abcdef01234567"
 MAX_BODY = 16 * 1024 * 1024 + 5
@@ -160,6 +164,124 @@ class Hostile(unittest.TestCase):
             self.assertTrue(capped.healthy())
         finally:
             capped.stop()
+
+    def test_head_is_answered_as_get_without_a_body(self):
+        """HEAD gets GET's status and header, its Content-Length included, and no body: the
+        GET pipelined behind it is then read whole and on its own."""
+        self.assertTrue(wait_for(lambda: self.collector.request(
+            b"GET /readyz HTTP/1.1\r\nHost: x\r\n\r\n")[0] == 200), "storage not ready")
+        for path in (b"/healthz", b"/readyz"):
+            with self.subTest(path), self.collector.connect() as tls:
+                get = b"GET %s HTTP/1.1\r\nHost: x\r\n\r\n" % path
+                tls.sendall(get + b"HEAD" + get[3:] + get)
+                first, head, after = read_answers(tls, 3, bodiless=(1,))
+                self.assertEqual(200, first[0])
+                self.assertEqual((first[0], first[1], b""), head)
+                self.assertEqual(first, after)
+
+
+def served_certificate(port):
+    """SHA-256 of the certificate a new connection is shown (not verified: only compared)."""
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+    context.check_hostname, context.verify_mode = False, ssl.CERT_NONE
+    with socket.create_connection(("127.0.0.1", port), timeout=10) as raw, \
+            context.wrap_socket(raw, server_hostname=SERVER_NAME) as tls:
+        return hashlib.sha256(tls.getpeercert(binary_form=True)).hexdigest()
+
+
+def file_certificate(path):
+    with open(path) as pem:
+        first = pem.read().split("-----END CERTIFICATE-----")[0] + "-----END CERTIFICATE-----\n"
+    return hashlib.sha256(ssl.PEM_cert_to_DER_cert(first)).hexdigest()
+
+
+def proxied_post(port, context, header, body):
+    """A post behind a load balancer: the PROXY header and the TLS ClientHello in one
+    segment, as a proxy forwards them; the answer's status."""
+    incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
+    tls = context.wrap_bio(incoming, outgoing, server_hostname=SERVER_NAME)
+    with socket.create_connection(("127.0.0.1", port), timeout=10) as raw:
+        first = True
+        while True:
+            try:
+                tls.do_handshake()
+                break
+            except ssl.SSLWantReadError:
+                raw.sendall((header if first else b"") + outgoing.read())
+                first = False
+                incoming.write(raw.recv(65536))
+        tls.write(upload(body))
+        raw.sendall(outgoing.read())
+        answer = b""
+        while b"\r\n\r\n" not in answer:
+            chunk = raw.recv(65536)
+            if not chunk:
+                break
+            incoming.write(chunk)
+            try:
+                answer += tls.read(65536)
+            except ssl.SSLWantReadError:
+                pass
+        return int(answer.split()[1]) if answer else 0
+
+
+class Reload(unittest.TestCase):
+    def test_proxy_header_and_handshake_in_one_segment(self):
+        """The bytes after the PROXY header start the TLS handshake; the address the header
+        names is the one stored."""
+        collector = Collector("proxied", extra={"proxy_protocol": "yes"})
+        # Started by hand: its health check would come without a PROXY header.
+        collector.process = subprocess.Popen(collector.command("serve"))
+
+        def listening():
+            try:
+                socket.create_connection(("127.0.0.1", collector.port), timeout=1).close()
+                return True
+            except OSError:
+                return False
+        try:
+            self.assertTrue(wait_for(listening), collector.log())
+            rows = [(b"PROXY TCP4 192.0.2.7 127.0.0.1 4711 443\r\n", "192.0.2.7"),
+                    (b"PROXY TCP6 2001:db8::9 ::1 4711 443\r\n", "2001:db8::9")]
+            for number, (header, address) in enumerate(rows):
+                with self.subTest(address):
+                    body = b"data=" + report(period=(10 + number, 20 + number))
+                    status = proxied_post(collector.port, collector.context, header, body)
+                    self.assertEqual(200, status, collector.log())
+                    self.assertIn(address, [r["client_address"] for r in collector.exported()])
+        finally:
+            collector.process.terminate()
+            collector.process.wait(30)
+
+    def test_sighup_reloads_the_certificate_and_reopens_the_log(self):
+        """A renewed certificate is served to new connections and a rotated log is
+        reopened at its path, without a restart."""
+        old, new = certificates(), make_certs(os.path.join(WORK, "certs-renewed"))
+        here = os.path.join(WORK, "reload")
+        files = {"cert_file": os.path.join(here, "server.pem"),
+                 "key_file": os.path.join(here, "server.key")}
+        collector = Collector("reload", extra=files)
+        for key, name in (("cert_file", "server.pem"), ("key_file", "server.key")):
+            shutil.copy(os.path.join(old, name), files[key])
+        collector.start()
+        try:
+            self.assertEqual(file_certificate(os.path.join(old, "server.pem")),
+                             served_certificate(collector.port))
+            for key, name in (("cert_file", "server.pem"), ("key_file", "server.key")):
+                shutil.copy(os.path.join(new, name), files[key] + ".new")
+                os.replace(files[key] + ".new", files[key])
+            os.rename(collector.log_path, collector.log_path + ".1")
+            os.kill(collector.pid, signal.SIGHUP)
+            renewed = file_certificate(os.path.join(new, "server.pem"))
+            self.assertTrue(wait_for(lambda: served_certificate(collector.port) == renewed))
+            self.assertTrue(wait_for(lambda: os.path.exists(collector.log_path) and
+                                     "certificate reloaded" in collector.log()))
+            with open(collector.log_path + ".1") as rotated:
+                before = rotated.read()
+            self.assertIn("serving", before)
+            self.assertNotIn("certificate reloaded", before)
+        finally:
+            collector.stop()
 
 
 if __name__ == "__main__":
