@@ -76,8 +76,7 @@ while [ $# -gt 0 ]; do
     esac
 done
 
-say() { echo "run.sh: $*" >&2; }
-die() { say "$*"; exit 1; }
+source "$root/bench/common/run_support.sh"
 # Every server and the generator hold thousands of connections: as many descriptors as
 # allowed.
 ulimit -n "$(ulimit -Hn)"
@@ -129,19 +128,6 @@ cleanup() {
 trap cleanup EXIT
 trap 'exit 130' INT TERM
 
-# A command prefix rather than a function: a background command then has the server's own
-# pid as $!, which the cleanup stops and the generator measures.
-if [ "$(id -u)" = 0 ]; then
-    as_server=(setpriv --reuid=65534 --regid=65534 --clear-groups --)
-    give() { chown -R 65534:65534 "$@"; }
-else
-    as_server=()
-    give() { :; }
-fi
-
-free_port() {
-    python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
-}
 wait_port() {  # wait_port PORT PID NAME
     for _ in $(seq 300); do
         (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null && return 0

@@ -48,8 +48,7 @@ while [ $# -gt 0 ]; do
     esac
 done
 
-say() { echo "run.sh: $*" >&2; }
-die() { say "$*"; exit 1; }
+source "$root/bench/common/run_support.sh"
 
 [ -x "$collector" ] || die "$collector is not a program (build pathweave-collector, or give --collector)"
 fixture_program="$build/bench/collector_store_fixture"
@@ -85,16 +84,6 @@ cleanup() {
 trap cleanup EXIT
 trap 'exit 130' INT TERM
 
-if [ "$(id -u)" = 0 ]; then
-    as_server=(setpriv --reuid=65534 --regid=65534 --clear-groups --)
-    give() { chown -R 65534:65534 "$@"; }
-else
-    as_server=()
-    give() { :; }
-fi
-free_port() {
-    python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
-}
 seconds_since() { echo "$(date +%s.%N) - $1" | bc; }
 
 # --- the fixture: one directory per day, made once per size ---------------------------------
