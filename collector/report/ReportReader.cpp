@@ -1,7 +1,9 @@
 #include "report/ReportReader.h"
 
 #include <cstring>
+#include <vector>
 
+#include "BencodeEvents.h"
 #include "BencodeJson.h"
 
 namespace collector {
@@ -35,6 +37,60 @@ std::string RefusalReason(CBencodeBuffer& buffer, const std::string& report) {
     }
     return "not valid bencode: the first invalid byte is at " + Offset(buffer.InvalidByte());
 }
+
+// Tells the JSON writer what the bencode reader finds, as it finds it, and notes whether
+// every value read and every dictionary's keys came in strictly increasing order (the
+// order the tree would write them in).
+class JsonPrinter : public CBencodeReadHandler {
+public:
+    explicit JsonPrinter(bencodejson::StreamWriter& out)
+        : m_out(out), m_integer(0LL), m_string(std::string()), m_scalar(&m_string) {}
+
+    void Open(bool dictionary) override {
+        m_out.Open(dictionary);
+        m_open.emplace_back();
+    }
+    void Close(bool ok) override {
+        m_ok = m_ok && ok;
+        m_out.Close();
+        m_open.pop_back();
+    }
+    bool Key(std::string& key) override {
+        Container& container = m_open.back();
+        if (container.keyed && key <= container.lastKey) {
+            m_ok = false;
+        }
+        m_out.Key(key);
+        container.lastKey = key;
+        container.keyed = true;
+        return true;
+    }
+    CBencode& Scalar(CBencode::EContentType type) override {
+        m_scalar = type == CBencode::eBencodeInteger ? &m_integer : &m_string;
+        return *m_scalar;
+    }
+    void ScalarDone(bool ok) override {
+        m_ok = m_ok && ok;
+        if (ok) {
+            m_out.Scalar(*m_scalar);
+        }
+    }
+
+    bool Ok() const { return m_ok; }
+
+private:
+    struct Container {
+        std::string lastKey;
+        bool keyed = false;
+    };
+
+    bencodejson::StreamWriter& m_out;
+    CBencode m_integer;
+    CBencode m_string;
+    CBencode* m_scalar;
+    std::vector<Container> m_open;
+    bool m_ok = true;
+};
 
 }  // namespace
 
@@ -105,6 +161,35 @@ bool ReportToJson(const std::string& report, std::string& json, std::string& rea
         return false;
     }
     json = bencodejson::ToJson(*tree);
+    return true;
+}
+
+bool AppendAcceptedReportJson(const std::string& report, std::string& json) {
+    if (report.empty() || report[0] != 'l' || report.size() > kMaxReportBytes ||
+        memchr(report.data(), 0, report.size()) != nullptr) {
+        return false;
+    }
+    CBencodeStream stream("", false);
+    stream.SetReadLimits(ReportReadLimits());
+    if (!stream.Write(report.data(), static_cast<unsigned int>(report.size())) ||
+        !stream.Seekg(0, std::ios_base::beg)) {
+        return false;
+    }
+    const size_t before = json.size();
+    const bencodejson::Sink sink = [&json](const char* data, size_t size) {
+        json.append(data, size);
+        return true;
+    };
+    bencodejson::StreamWriter out(0, sink);
+    JsonPrinter printer(out);
+    const bool read = ReadBencodeEvents(stream, false, printer) && printer.Ok() &&
+                      stream.Buffer().ReadPosition() == report.size();
+    out.Finish();
+    if (!read) {
+        json.resize(before);
+        return false;
+    }
+    json.pop_back();  // the final line break
     return true;
 }
 

@@ -35,4 +35,11 @@ std::unique_ptr<CBencodeList> ReadReportTree(const std::string& report, std::str
 // ReadReportTree refuses it.
 bool ReportToJson(const std::string& report, std::string& json, std::string& reason);
 
+// The same text as ReportToJson, appended to `json`, for a report that ReadReportTree
+// accepted before (any stored report not classified as damaged): written as the bytes are
+// read, without building the tree or writing the report back. False, with `json` as it
+// was, when the bytes do not read as one list with its keys in order after all: ask
+// ReportToJson then.
+bool AppendAcceptedReportJson(const std::string& report, std::string& json);
+
 }  // namespace collector

@@ -40,9 +40,12 @@ std::string FromHex(const char* text, int length) {
     if (length < 2 || text[0] != '\\' || text[1] != 'x') {
         return std::string(text, length);
     }
-    bytes.reserve((length - 2) / 2);
-    for (int i = 2; i + 1 < length; i += 2) {
-        bytes.push_back(static_cast<char>(HexDigit(text[i]) << 4 | HexDigit(text[i + 1])));
+    // Written in place, not pushed back one byte at a time: reports are megabytes of it.
+    bytes.resize(static_cast<size_t>(length - 2) / 2);
+    char* out = &bytes[0];
+    const char* in = text + 2;
+    for (size_t i = 0; i < bytes.size(); ++i, in += 2) {
+        out[i] = static_cast<char>(HexDigit(in[0]) << 4 | HexDigit(in[1]));
     }
     return bytes;
 }

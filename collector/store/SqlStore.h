@@ -36,6 +36,9 @@ public:
                             std::vector<ReportSummary>& reports, ReportCursor& next) override;
     StoreResult ScanReports(const ReportFilter& filter, int64_t afterId, int limit,
                             std::vector<StoredReport>& reports) override;
+    StoreResult ScanReportRange(const ReportFilter& filter, int64_t afterId, int64_t lastId,
+                                std::vector<StoredReport>& reports) override;
+    StoreResult ReportIdRange(const ReportFilter& filter, int64_t& first, int64_t& last) override;
     StoreResult GetReport(int64_t id, StoredReport& report) override;
     StoreResult GetDump(int64_t id, const std::string& module, std::string& bytes) override;
     StoreResult MachineReports(const std::string& machineId,
@@ -95,6 +98,10 @@ private:
     // At most how many reports the filter's kind, machine, customer and version match (the
     // fewest of them, from the rollups); INT64_MAX when it names none of them.
     StoreResult ReportsMatching(const ReportFilter& filter, int64_t& count);
+    // ScanReports and ScanReportRange: ids above `afterId`, up to `lastId` when it is not 0,
+    // at most `limit` reports when it is not 0.
+    StoreResult Scan(const ReportFilter& filter, int64_t afterId, int64_t lastId, int limit,
+                     std::vector<StoredReport>& reports);
     StoreResult Summaries(const std::string& sql, const std::vector<SqlValue>& params,
                           std::vector<ReportSummary>& reports);
 

@@ -213,6 +213,41 @@ StoreResult SqlStore::ListReports(const ReportFilter& filter, const ReportCursor
 
 StoreResult SqlStore::ScanReports(const ReportFilter& filter, int64_t afterId, int limit,
                                   std::vector<StoredReport>& reports) {
+    return Scan(filter, afterId, 0, limit, reports);
+}
+
+StoreResult SqlStore::ScanReportRange(const ReportFilter& filter, int64_t afterId, int64_t lastId,
+                                      std::vector<StoredReport>& reports) {
+    if (lastId <= afterId) {
+        reports.clear();
+        return StoreResult::Ok;
+    }
+    return Scan(filter, afterId, lastId, 0, reports);
+}
+
+StoreResult SqlStore::ReportIdRange(const ReportFilter& filter, int64_t& first, int64_t& last) {
+    std::vector<SqlRow> rows;
+    StoreResult result;
+    if (filter.since == 0 && filter.until == 0) {
+        result = m_db->Exec(
+            "SELECT (SELECT coalesce(min(id), 0) FROM reports), "
+            "(SELECT coalesce(max(id), 0) FROM reports)",
+            {}, &rows);
+    } else {
+        // Along the time index; "id + 0" keeps the planners from walking the primary key in
+        // search of the first and last id instead.
+        result = m_db->Exec(
+            "SELECT coalesce(min(id + 0), 0), coalesce(max(id + 0), 0) FROM reports "
+            "WHERE received >= $1 AND received < $2",
+            {filter.since, filter.until != 0 ? filter.until : INT64_MAX}, &rows);
+    }
+    first = rows.empty() ? 0 : rows[0][0].Int();
+    last = rows.empty() ? 0 : rows[0][1].Int();
+    return result;
+}
+
+StoreResult SqlStore::Scan(const ReportFilter& filter, int64_t afterId, int64_t lastId, int limit,
+                           std::vector<StoredReport>& reports) {
     reports.clear();
     std::vector<SqlValue> params;
     std::string where = Conditions(filter, "r.received", params);
@@ -224,34 +259,43 @@ StoreResult SqlStore::ScanReports(const ReportFilter& filter, int64_t afterId, i
     params.push_back(afterId);
     where += (where.empty() ? " WHERE " : " AND ") + std::string("r.id > $") +
              std::to_string(params.size());
-    params.push_back(static_cast<int64_t>(limit));
+    if (lastId != 0) {
+        params.push_back(lastId);
+        where += " AND r.id <= $" + std::to_string(params.size());
+    }
     std::string sql = std::string("SELECT ") + kSummaryColumns +
                       ", r.body, r.client_address, r.damaged_reason, r.os_type, "
                       "r.os_version_details, r.os_locale, r.module_data, r.has_threat, "
                       "r.threat_incident FROM reports r" +
-                      where + " ORDER BY r.id LIMIT $" + std::to_string(params.size());
+                      where + " ORDER BY r.id";
+    if (limit != 0) {
+        params.push_back(static_cast<int64_t>(limit));
+        sql += " LIMIT $" + std::to_string(params.size());
+    }
     std::vector<SqlRow> rows;
     StoreResult result = m_db->Exec(sql, params, &rows);
     if (result != StoreResult::Ok || rows.empty()) {
         return result;
     }
-    for (const SqlRow& row : rows) {
+    reports.reserve(rows.size());
+    for (SqlRow& row : rows) {
         StoredReport r;
         r.summary = ToSummary(row);
         const int c = kSummaryColumnCount;
-        r.body = row[c].bytes;
-        r.clientAddress = row[c + 1].bytes;
-        r.damagedReason = row[c + 2].bytes;
-        r.osType = row[c + 3].bytes;
+        // The cells are moved, not copied: the bodies are most of an export's bytes.
+        r.body = std::move(row[c].bytes);
+        r.clientAddress = std::move(row[c + 1].bytes);
+        r.damagedReason = std::move(row[c + 2].bytes);
+        r.osType = std::move(row[c + 3].bytes);
         r.osName = r.summary.osName;
-        r.osVersionDetails = row[c + 4].bytes;
-        r.osLocale = row[c + 5].bytes;
+        r.osVersionDetails = std::move(row[c + 4].bytes);
+        r.osLocale = std::move(row[c + 5].bytes);
         r.osMajor = row[13].Int();
         r.osMinor = row[14].Int();
         r.osBuild = row[15].Int();
-        r.moduleDataJson = row[c + 6].bytes;
+        r.moduleDataJson = std::move(row[c + 6].bytes);
         r.hasThreat = row[c + 7].Int() != 0;
-        r.threatIncident = row[c + 8].bytes;
+        r.threatIncident = std::move(row[c + 8].bytes);
         reports.push_back(std::move(r));
     }
     // Dumps and duplicate arrivals of the whole page, two statements.

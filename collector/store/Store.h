@@ -183,6 +183,14 @@ public:
     // Oldest id first, ids above `afterId`: the order export and migrate walk in.
     virtual StoreResult ScanReports(const ReportFilter& filter, int64_t afterId, int limit,
                                     std::vector<StoredReport>& reports) = 0;
+    // The reports with ids in (afterId, lastId] that match, oldest id first: one slice of
+    // the walk, so that several readers can share it (export).
+    virtual StoreResult ScanReportRange(const ReportFilter& filter, int64_t afterId, int64_t lastId,
+                                        std::vector<StoredReport>& reports) = 0;
+    // The lowest and highest ids of the reports received within the filter's time bounds
+    // (its other fields are not looked at); both 0 when there is none.
+    virtual StoreResult ReportIdRange(const ReportFilter& filter, int64_t& first,
+                                      int64_t& last) = 0;
     virtual StoreResult GetReport(int64_t id, StoredReport& report) = 0;
     // The decoded dump of `module` in report `id`.
     virtual StoreResult GetDump(int64_t id, const std::string& module, std::string& bytes) = 0;

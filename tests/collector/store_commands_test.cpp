@@ -5,10 +5,12 @@
 #include <unistd.h>
 
 #include <functional>
+#include <map>
 #include <nlohmann/json.hpp>
 
 #include "Commands.h"
 #include "StoreFixture.h"
+#include "report/ReportReader.h"
 
 using namespace collector;
 using Json = nlohmann::json;
@@ -34,8 +36,8 @@ std::string Capture(const std::function<int()>& command, int& status) {
     return pwsupport::ReadFileOrEmpty(path);
 }
 
-// The export of `database` with `args`, each line without the store's own id.
-std::vector<Json> Export(const std::string& database, const std::vector<std::string>& args) {
+// The export of `database` with `args`, one object a line.
+std::vector<Json> ExportWithIds(const std::string& database, const std::vector<std::string>& args) {
     CollectorSettings settings;
     settings.database = database;
     int status = -1;
@@ -45,9 +47,21 @@ std::vector<Json> Export(const std::string& database, const std::vector<std::str
     size_t start = 0;
     for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
         lines.push_back(Json::parse(text.substr(start, end - start)));
-        lines.back().erase("id");
     }
     return lines;
+}
+
+// The same, each line without the store's own id.
+std::vector<Json> Export(const std::string& database, const std::vector<std::string>& args) {
+    std::vector<Json> lines = ExportWithIds(database, args);
+    for (Json& line : lines) {
+        line.erase("id");
+    }
+    return lines;
+}
+
+std::string Bencoded(const std::string& bytes) {
+    return std::to_string(bytes.size()) + ":" + bytes;
 }
 
 TEST(StoreCommands, MigrateKeepsEverythingBothWays) {
@@ -127,6 +141,96 @@ TEST(StoreCommands, ExportFiltersAndPurgeByMachine) {
                                         status));
     EXPECT_EQ(0, status);
     EXPECT_EQ(8u, Export(db.location(), {}).size());
+}
+
+// Export reads pages of the store on several threads at once: whatever the pages, the lines
+// come in id order, each matching report once, each with the report in the shared JSON form
+// (null where that form refuses the body). Reports are received out of id order, some hold a
+// megabyte (pages shrink around them), some bodies are damaged or not in the client's form.
+TEST(StoreCommands, ExportKeepsOrderAndContentAcrossPages) {
+    for (const char* backend : {"sqlite", "postgres"}) {
+        SCOPED_TRACE(backend);
+        pwsupport::TestDatabase db(backend);
+        auto store = db.Open();
+        ASSERT_TRUE(store);
+        std::vector<ValidatedReport> batch;
+        for (int i = 0; i < 240; ++i) {
+            // Strings that need escapes, that are not UTF-8 (base64 in JSON), and every 16th
+            // a megabyte of base64 text with a quote at an odd offset.
+            std::string text = "q\"b\\n\nt\tc\x01\xc3\xa9" + std::to_string(i);
+            std::string large = i % 16 == 5 ? std::string(1 << 20, 'Q') : "short";
+            large[large.size() / 2 + 3] = '"';
+            ValidatedReport r = pwsupport::MakeReport(
+                i % 5 ? kA : kB, i, kT0 + (i * 7 % 24) * 86400, std::to_string(i));
+            r.body = "li7e" + Bencoded(r.machineId) + "d1:A" + Bencoded(text) + "1:B" +
+                     Bencoded("\xff\xfe" + std::to_string(i)) + "1:Ci-" + std::to_string(i + 1) +
+                     "e1:D" + Bencoded(large) + "ee";
+            if (i % 9 == 4) {
+                pwsupport::AddDump(r, "Core", "d" + std::to_string(i));
+            }
+            if (i % 31 == 7) {
+                r.body =
+                    "li7e" + Bencoded(std::to_string(i)) + "d1:Bi1e1:Ai2eee";  // keys out of order
+            } else if (i % 37 == 8) {
+                r.body = "li7e" + Bencoded(std::to_string(i)) + "d1:Ai1e1:Ai2eee";  // a key twice
+            } else if (i % 23 == 2) {
+                r.kind = ReportKind::Damaged;
+                r.damagedReason = "truncated";
+                r.body = r.body.substr(0, r.body.size() / 2);
+            } else if (i % 29 == 3) {
+                // Reads as bencode, but not in the client's form: a damaged body is read the
+                // long way, which refuses it.
+                r.kind = ReportKind::Damaged;
+                r.damagedReason = "a number with leading zeros";
+                r.body = "li007e" + r.body.substr(4);
+            } else if (i % 41 == 9) {
+                r.kind = ReportKind::Damaged;  // reads as a report, damaged for another reason
+                r.damagedReason = "machine ids differ";
+            }
+            r.sha256 = pwsupport::Sha256Hex(r.body);
+            batch.push_back(r);
+        }
+        std::vector<InsertOutcome> outcomes;
+        ASSERT_EQ(StoreResult::Ok, store->InsertBatch(batch, outcomes));
+        ASSERT_EQ(batch.size(), outcomes.size());
+        const int64_t day = 86400;
+        const struct {
+            std::vector<std::string> args;
+            std::function<bool(const ValidatedReport&)> matches;
+        } cases[] = {
+            {{}, [](const ValidatedReport&) { return true; }},
+            {{"--since", "2024-10-09", "--until", "2024-10-15"},
+             [&](const ValidatedReport& r) {
+                 return r.received >= kT0 + 5 * day && r.received < kT0 + 11 * day;
+             }},
+            {{"--kind", "crash"},
+             [](const ValidatedReport& r) { return r.kind == ReportKind::Crash; }},
+            {{"--kind", "damaged"},
+             [](const ValidatedReport& r) { return r.kind == ReportKind::Damaged; }},
+            {{"--machine", kB}, [](const ValidatedReport& r) { return r.machineId == kB; }},
+        };
+        for (const auto& c : cases) {
+            SCOPED_TRACE(c.args.empty() ? "all" : c.args[0]);
+            std::map<int64_t, const ValidatedReport*> expected;
+            for (size_t i = 0; i < batch.size(); ++i) {
+                if (c.matches(batch[i])) {
+                    expected[outcomes[i].id] = &batch[i];
+                }
+            }
+            std::vector<Json> lines = ExportWithIds(db.location(), c.args);
+            ASSERT_EQ(expected.size(), lines.size());
+            auto want = expected.begin();
+            for (const Json& line : lines) {
+                ASSERT_EQ(want->first, line["id"].get<int64_t>());
+                const ValidatedReport& r = *want->second;
+                EXPECT_EQ(r.sha256, line["sha256"]);
+                std::string json, reason;
+                EXPECT_EQ(ReportToJson(r.body, json, reason) ? Json::parse(json) : Json(),
+                          line["report"]);
+                ++want;
+            }
+        }
+    }
 }
 
 TEST(StoreCommands, UsageErrorsExitTwo) {

@@ -4,6 +4,8 @@
 #include <zlib.h>
 
 #include <map>
+#include <nlohmann/json.hpp>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -240,6 +242,60 @@ TEST(ReportValidator, KeptFuzzInputsKeepTheInvariants) {
     }
     closedir(listing);
     EXPECT_GE(inputs, 2u);
+}
+
+// The report's JSON form against an independent JSON parser, over random strings made of
+// runs of plain ASCII (passed over eight bytes at a time) broken by bytes that need an
+// escape and by valid and invalid UTF-8 at every offset: the text always parses; a valid
+// UTF-8 string comes back as the same bytes, any other as a base64 object.
+TEST(ReportJson, StringsSurviveAJsonParser) {
+    const std::vector<std::string> pieces = {"\"",
+                                             "\\",
+                                             "\n",
+                                             "\t",
+                                             "\x01",
+                                             "\x1f",
+                                             "\x7f",
+                                             "/",
+                                             "\xc3\xa9",
+                                             "\xe2\x82\xac",
+                                             "\xf0\x9f\x98\x80",
+                                             "\x80",
+                                             "\xff",
+                                             "\xc3",
+                                             "\xed\xa0\x80",
+                                             "\xc0\x80",
+                                             "\xf4\x90\x80\x80"};
+    std::mt19937 random(18);
+    for (int trial = 0; trial < 4000; ++trial) {
+        std::string text;
+        const size_t length = random() % 40;
+        while (text.size() < length) {
+            if (random() % 3 != 0) {
+                text.append(1 + random() % 11, static_cast<char>('A' + random() % 26));
+            } else {
+                text += pieces[random() % pieces.size()];
+            }
+        }
+        // The oracle: the same bytes in a JSON string, escaping only what JSON requires;
+        // the parser refuses exactly the strings that are not valid UTF-8.
+        std::string quoted = "\"";
+        for (unsigned char c : text) {
+            char escape[8];
+            snprintf(escape, sizeof escape, "\\u%04x", c);
+            quoted += c < 0x20 || c == '"' || c == '\\' ? std::string(escape) : std::string(1, c);
+        }
+        nlohmann::json expected = nlohmann::json::parse(quoted + "\"", nullptr, false);
+        std::string json, reason;
+        ASSERT_TRUE(collector::ReportToJson("l" + S(text) + "e", json, reason)) << reason;
+        nlohmann::json written = nlohmann::json::parse(json, nullptr, false);
+        ASSERT_FALSE(written.is_discarded()) << json;
+        if (expected.is_discarded()) {
+            EXPECT_TRUE(written[0].is_object()) << json;
+        } else {
+            EXPECT_EQ(text, written[0].get<std::string>()) << json;
+        }
+    }
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // The JSON form of a bencode tree, written as the tree is walked.
 #include "BencodeJson.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <deque>
@@ -15,6 +16,31 @@ namespace {
 
 // Pieces are collected up to this size before they go to the sink.
 const size_t kChunkSize = 64 * 1024;
+
+// Most strings are long runs of ASCII that need no escape (base64 text above all): those are
+// passed over eight bytes at a time.
+constexpr uint64_t kEveryByte = 0x0101010101010101ull;
+constexpr uint64_t kHighBits = 0x8080808080808080ull;
+
+uint64_t LoadEight(const char* bytes) {
+    uint64_t eight;
+    memcpy(&eight, bytes, sizeof(eight));
+    return eight;
+}
+
+// Non-zero when a byte of `eight` is zero (exact as to whether any is).
+uint64_t AnyZeroByte(uint64_t eight) {
+    return (eight - kEveryByte) & ~eight & kHighBits;
+}
+
+// Non-zero when a byte of `eight` has to be looked at one by one by the string writer: a
+// control byte, a quote, a backslash, or a byte of a multi-byte sequence.
+uint64_t AnyByteToLookAt(uint64_t eight) {
+    const uint64_t control = (eight - kEveryByte * 0x20) & ~eight;
+    return (control | AnyZeroByte(eight ^ (kEveryByte * '"')) |
+            AnyZeroByte(eight ^ (kEveryByte * '\\')) | eight) &
+           kHighBits;
+}
 
 // Length of the valid UTF-8 sequence that starts at bytes[index], or 0 if none does there.
 size_t Utf8SequenceLength(const char* bytes, size_t size, size_t index) {
@@ -219,6 +245,15 @@ void StreamWriter::NewLine(size_t depth) {
 }
 
 void StreamWriter::Append(const char* data, size_t size) {
+    // A piece of a chunk or more (a long string's run) goes to the sink as it is, after
+    // what was collected before it, rather than being copied into the chunk first.
+    if (size >= kChunkSize) {
+        Flush();
+        if (m_ok) {
+            m_ok = m_sink(data, size);
+        }
+        return;
+    }
     m_text.append(data, size);
     if (m_text.size() >= kChunkSize) {
         Flush();
@@ -240,6 +275,10 @@ void StreamWriter::WriteString(const std::string& bytes) {
     const size_t size = bytes.size();
     size_t plain = 0;  // start of the run of bytes that need no escape
     for (size_t i = 0; i < size;) {
+        if (size - i >= 8 && AnyByteToLookAt(LoadEight(data + i)) == 0) {
+            i += 8;
+            continue;
+        }
         const size_t length = Utf8SequenceLength(data, size, i);
         if (length > 1) {
             i += length;
@@ -277,6 +316,10 @@ void StreamWriter::WriteString(const std::string& bytes) {
 
 bool IsValidUtf8(const char* bytes, size_t size) {
     for (size_t i = 0; i < size;) {
+        if (size - i >= 8 && (LoadEight(bytes + i) & kHighBits) == 0) {
+            i += 8;
+            continue;
+        }
         const size_t length = Utf8SequenceLength(bytes, size, i);
         if (length == 0) {
             return false;
