@@ -35,6 +35,7 @@ using Json = nlohmann::ordered_json;
 
 const char kUsage[] = "export [--since DATE] [--until DATE] [--kind KIND] [--machine ID]";
 
+constexpr unsigned kMaxWorkers = 8;
 constexpr int kFirstPageReports = 16;
 constexpr int kMaxPageReports = 1000;
 constexpr uint64_t kPageBytes = 32u * 1024 * 1024;
@@ -225,7 +226,10 @@ public:
     // 0 when every matching report was written to `fd`; 1 (reported) otherwise.
     int Run(const std::string& database, int fd) {
         const bool byMachine = !m_filter.machineId.empty();
-        const unsigned workers = byMachine ? 1 : std::max(2u, std::thread::hardware_concurrency());
+        // Two at least, so that reading overlaps writing; at most kMaxWorkers connections.
+        const unsigned workers =
+            byMachine ? 1
+                      : std::min(kMaxWorkers, std::max(2u, std::thread::hardware_concurrency()));
         std::vector<std::unique_ptr<Store>> stores;
         for (unsigned i = 0; i < workers; ++i) {
             stores.push_back(OpenForCommand(database));
