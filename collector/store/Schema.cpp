@@ -147,6 +147,12 @@ CREATE INDEX breakdown_by_value ON breakdown (dim, value, day, count, repeats);
 DROP INDEX breakdown_by_dim;
 )";
 
+// Version 4: dumps are no longer stored as bytes (dumps.bytes is empty in new rows; the
+// report's body holds them). Rows written before keep their bytes and are read from them,
+// so nothing is rewritten; the version tells an older collector that it cannot read the
+// dumps of this database.
+const char* const kVersion4 = "";
+
 void ReplaceAll(std::string& text, const std::string& word, const std::string& with) {
     for (size_t at = text.find(word); at != std::string::npos;
          at = text.find(word, at + with.size())) {
@@ -208,7 +214,7 @@ StoreResult Migrate(SqlConnection& connection, int target, int& version, std::st
                 ") is newer than this collector's (" + std::to_string(kSchemaVersion) + ")";
         return StoreResult::Error;
     }
-    const char* const steps[] = {kVersion1, kVersion2, kVersion3};
+    const char* const steps[] = {kVersion1, kVersion2, kVersion3, kVersion4};
     while (version < target) {
         if ((result = connection.Begin()) != StoreResult::Ok) {
             error = "cannot begin a schema change";

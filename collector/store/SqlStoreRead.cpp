@@ -301,22 +301,6 @@ StoreResult SqlStore::GetReport(int64_t id, StoredReport& report) {
     return StoreResult::Ok;
 }
 
-StoreResult SqlStore::GetDump(int64_t id, const std::string& module, std::string& bytes) {
-    std::vector<SqlRow> rows;
-    StoreResult result = m_db->Exec(
-        "SELECT d.bytes FROM report_dumps r JOIN dumps d ON d.machine_id = r.machine_id AND "
-        "d.module = r.module AND d.sha256 = r.sha256 WHERE r.report_id = $1 AND r.module = $2",
-        {id, module}, &rows);
-    if (result != StoreResult::Ok) {
-        return result;
-    }
-    if (rows.empty()) {
-        return StoreResult::NotFound;
-    }
-    bytes = std::move(rows[0][0].bytes);
-    return StoreResult::Ok;
-}
-
 StoreResult SqlStore::MachineReports(const std::string& machineId,
                                      std::vector<ReportSummary>& reports) {
     reports.clear();

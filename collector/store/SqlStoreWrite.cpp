@@ -285,7 +285,8 @@ StoreResult SqlStore::InsertDumps(const std::vector<Pending>& batch,
         }
     }
     // First the dumps (a dump kept already makes this copy a repeat), then the reports'
-    // references to them.
+    // references to them. A dump's bytes are not stored: the report's body holds them
+    // (GetDump decodes them from it), so each dump would otherwise be written twice.
     std::vector<SqlStatement> statements;
     for (const auto& entry : dumps) {
         const CrashDump& dump = *entry.second.first;
@@ -294,7 +295,7 @@ StoreResult SqlStore::InsertDumps(const std::vector<Pending>& batch,
             {"INSERT INTO dumps (machine_id, module, sha256, size, bytes) VALUES ($1, $2, $3, "
              "$4, $5) ON CONFLICT DO NOTHING RETURNING size",
              {r.machineId, dump.module, dump.sha256, static_cast<int64_t>(dump.size),
-              SqlValue::Blob(dump.bytes)}});
+              SqlValue::Blob(std::string())}});
     }
     std::vector<std::vector<SqlRow>> rows;
     StoreResult result = m_db->ExecBatch(statements, &rows);

@@ -100,6 +100,50 @@ TEST_P(StoreContract, DuplicatesRepeatsAndTheUnknownMachine) {
     EXPECT_EQ(1, crashes[0].repeats);
 }
 
+// A dump is read from the report's body unless its row holds bytes (as rows stored by
+// earlier versions do); a body that no longer holds it is an error, never wrong bytes.
+TEST_P(StoreContract, DumpsAreReadFromTheirRowOrTheBody) {
+    TestDatabase db(GetParam());
+    auto store = db.Open();
+    std::string error;
+    auto sql = GetParam() == "sqlite" ? OpenSqlite(db.location(), error)
+                                      : OpenPostgres(db.location(), error);
+    ASSERT_TRUE(store && sql) << error;
+    const std::string dump("MDMP\0\x01\xff tail", 12);
+    struct Case {
+        const char* name;
+        bool oldRow;        // the row holds the dump's bytes
+        bool bodyReplaced;  // the body no longer holds the dump
+        StoreResult result;
+    };
+    const Case cases[] = {
+        {"new row", false, false, StoreResult::Ok},
+        {"old row", true, true, StoreResult::Ok},
+        {"new row, body without it", false, true, StoreResult::Error},
+    };
+    for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i) {
+        const Case& c = cases[i];
+        SCOPED_TRACE(c.name);
+        ValidatedReport r = MakeReport(i % 2 ? kA : kB, static_cast<int64_t>(i), kT0, c.name);
+        AddDump(r, "Core", dump + c.name);
+        const int64_t id = Insert(*store, {r})[0].id;
+        if (c.oldRow) {
+            ASSERT_EQ(StoreResult::Ok,
+                      sql->Exec("UPDATE dumps SET bytes = $2 WHERE sha256 = $1",
+                                {r.crashDumps[0].sha256, SqlValue::Blob(r.crashDumps[0].bytes)},
+                                nullptr));
+        }
+        if (c.bodyReplaced) {
+            ASSERT_EQ(StoreResult::Ok,
+                      sql->Exec("UPDATE reports SET body = $2 WHERE id = $1",
+                                {id, SqlValue::Blob(MakeReport(kA, 0, 0, "").body)}, nullptr));
+        }
+        std::string bytes;
+        EXPECT_EQ(c.result, store->GetDump(id, "Core", bytes));
+        EXPECT_EQ(c.result == StoreResult::Ok ? dump + c.name : "", bytes);
+    }
+}
+
 TEST_P(StoreContract, HostileTextRoundTrips) {
     TestDatabase db(GetParam());
     auto store = db.Open();
