@@ -55,6 +55,10 @@ int RunMigrate(const CollectorSettings& settings, const std::vector<std::string>
     if (!to) {
         return 1;
     }
+    if (to->PrepareForBulkLoad() != StoreResult::Ok) {
+        CommandFailed("migrate: " + options["to"] + " cannot be prepared for the copy");
+        return 1;
+    }
     // Copies into a store that holds reports would count them again as duplicates.
     StoreTotals existing;
     if (to->Totals(existing) != StoreResult::Ok || existing.reports + existing.duplicates != 0) {

@@ -28,6 +28,7 @@ public:
     StoreResult InsertBatch(const std::vector<ValidatedReport>& batch,
                             std::vector<InsertOutcome>& outcomes) override;
     StoreResult Ping() override;
+    StoreResult PrepareForBulkLoad() override;
     StoreResult CopyBatch(const std::vector<ValidatedReport>& batch,
                           const std::vector<std::vector<int64_t>>& duplicateTimes,
                           std::vector<InsertOutcome>& outcomes) override;

@@ -41,6 +41,10 @@ StoreResult SqlStore::Ping() {
     return m_db->Exec("SELECT 1", {}, nullptr);
 }
 
+StoreResult SqlStore::PrepareForBulkLoad() {
+    return m_db->PrepareForBulkLoad();
+}
+
 template <typename Work>
 StoreResult SqlStore::InTransaction(Work work) {
     StoreResult result = StoreResult::Error;
