@@ -30,6 +30,40 @@ bool CountsAsMachine(const std::string& machineId) {
     return !machineId.empty() && machineId != kUnknownMachineId;
 }
 
+// The most rows one INSERT carries. Each statement has a fixed cost on the server (bind,
+// executor start, a round of triggers), so a batch's rows of a small table go in few
+// statements; their sizes are powers of two, so that a connection prepares at most nine
+// shapes per table.
+constexpr size_t kRowsPerInsert = 256;
+
+// Appends to `statements` the INSERTs of `values` (rows of `columns` values each, in
+// order): "`head` VALUES (...), (...) `tail`".
+void AppendInserts(const std::string& head, const std::string& tail, size_t columns,
+                   std::vector<SqlValue>&& values, std::vector<SqlStatement>& statements) {
+    const size_t rows = columns == 0 ? 0 : values.size() / columns;
+    for (size_t done = 0; done < rows;) {
+        size_t chunk = kRowsPerInsert;
+        while (chunk > rows - done) {
+            chunk /= 2;
+        }
+        SqlStatement statement;
+        statement.sql = head + " VALUES ";
+        for (size_t row = 0; row < chunk; ++row) {
+            statement.sql += row == 0 ? "(" : ", (";
+            for (size_t column = 0; column < columns; ++column) {
+                statement.sql +=
+                    (column == 0 ? "$" : ", $") + std::to_string(row * columns + column + 1);
+            }
+            statement.sql += ")";
+        }
+        statement.sql += tail;
+        statement.params.assign(std::make_move_iterator(values.begin() + done * columns),
+                                std::make_move_iterator(values.begin() + (done + chunk) * columns));
+        statements.push_back(std::move(statement));
+        done += chunk;
+    }
+}
+
 }  // namespace
 
 SqlStore::SqlStore(std::unique_ptr<SqlConnection> connection, int schemaVersion)
@@ -120,12 +154,21 @@ StoreResult SqlStore::Insert(const std::vector<Pending>& batch,
             (result = InsertMachineDays(batch, outcomes, rollup)) != StoreResult::Ok) {
             return result;
         }
+        std::vector<SqlValue> moduleRows;
         for (size_t i = 0; i < batch.size(); ++i) {
-            if (!outcomes[i].duplicate &&
-                (result = InsertDetails(batch[i], outcomes[i].id, rollup)) != StoreResult::Ok) {
+            if (outcomes[i].duplicate) {
+                continue;
+            }
+            if ((result = InsertDetails(batch[i], outcomes[i].id, rollup)) != StoreResult::Ok) {
                 return result;
             }
+            for (const std::string& module : batch[i].report->modules) {
+                moduleRows.insert(moduleRows.end(),
+                                  {outcomes[i].id, module, batch[i].report->received});
+            }
         }
+        AppendInserts("INSERT INTO report_modules (report_id, module, received)",
+                      " ON CONFLICT DO NOTHING", 3, std::move(moduleRows), m_deferred);
         return WriteRollup(rollup);
     });
 }
@@ -230,10 +273,6 @@ StoreResult SqlStore::InsertDetails(const Pending& pending, int64_t id, Rollup& 
         }
     }
     for (const std::string& module : r.modules) {
-        m_deferred.push_back(
-            {"INSERT INTO report_modules (report_id, module, received) VALUES ($1, $2, $3) "
-             "ON CONFLICT DO NOTHING",
-             {id, module, r.received}});
         rollup.breakdown[std::make_tuple(kModuleDimension, day, module)].first += 1;
     }
     if (r.kind != ReportKind::Damaged) {
@@ -256,18 +295,21 @@ StoreResult SqlStore::InsertMachineDays(const std::vector<Pending>& batch,
             machineDays.emplace(DayOf(r.received), r.machineId);
         }
     }
-    std::vector<SqlStatement> statements;
+    std::vector<SqlValue> values;
+    values.reserve(machineDays.size() * 2);
     for (const auto& machineDay : machineDays) {
-        statements.push_back(
-            {"INSERT INTO machine_days (day, machine_id) VALUES ($1, $2) ON CONFLICT DO NOTHING "
-             "RETURNING day",
-             {machineDay.first, machineDay.second}});
+        values.insert(values.end(), {machineDay.first, machineDay.second});
     }
+    // A row comes back for each machine day that is new.
+    std::vector<SqlStatement> statements;
+    AppendInserts("INSERT INTO machine_days (day, machine_id)",
+                  " ON CONFLICT DO NOTHING RETURNING day", 2, std::move(values), statements);
     std::vector<std::vector<SqlRow>> rows;
     StoreResult result = m_db->ExecBatch(statements, &rows);
     for (size_t k = 0; k < rows.size() && result == StoreResult::Ok; ++k) {
-        rollup.daily[statements[k].params[0].integer].machines +=
-            static_cast<int64_t>(rows[k].size());
+        for (const SqlRow& row : rows[k]) {
+            rollup.daily[row[0].Int()].machines += 1;
+        }
     }
     return result;
 }
