@@ -493,11 +493,23 @@ StoreResult SqlStore::WriteRollup(const Rollup& rollup) {
             "$5)" +
             upsert("(dim, day, value)",
                    "count = count + excluded.count, repeats = repeats + excluded.repeats");
+        // The day rows, and from version 5 on the same figures summed per block of days.
+        std::map<std::tuple<int, int64_t, std::string>, std::pair<int64_t, int64_t>> blocks;
         for (const auto& entry : rollup.breakdown) {
+            const auto& [dimension, day, value] = entry.first;
             statements.push_back(
-                {sql,
-                 {std::get<0>(entry.first), std::get<1>(entry.first), std::get<2>(entry.first),
-                  entry.second.first, entry.second.second}});
+                {sql, {dimension, day, value, entry.second.first, entry.second.second}});
+            if (m_schemaVersion >= 5) {
+                auto& block = blocks[std::make_tuple(dimension + kBlockDimensionOffset,
+                                                     day / kBreakdownBlockDays, value)];
+                block.first += entry.second.first;
+                block.second += entry.second.second;
+            }
+        }
+        for (const auto& entry : blocks) {
+            const auto& [dimension, block, value] = entry.first;
+            statements.push_back(
+                {sql, {dimension, block, value, entry.second.first, entry.second.second}});
         }
     }
     const std::string fieldSql =
@@ -545,7 +557,25 @@ StoreResult SqlStore::PurgeOlderThan(int64_t before, int64_t& removed) {
             "DELETE FROM machine_days WHERE day < $2", "DELETE FROM field_days WHERE day < $2",
             "DELETE FROM value_days WHERE day < $2",
         };
-        if (m_schemaVersion >= 2) {
+        if (m_schemaVersion >= 5) {
+            // The block that holds the first kept day loses the days before it; the blocks
+            // before it go whole, with the day rows.
+            const int64_t block = firstKeptDay / kBreakdownBlockDays;
+            const std::string blockDay = std::to_string(block);
+            statements.push_back(
+                "INSERT INTO breakdown (dim, day, value, count, repeats) SELECT dim + " +
+                std::to_string(kBlockDimensionOffset) + ", " + blockDay +
+                ", value, -sum(count), -sum(repeats) FROM breakdown WHERE dim < " +
+                std::to_string(kBlockDimensionOffset) + " AND day >= " +
+                std::to_string(block * kBreakdownBlockDays) + " AND day < $2 GROUP BY dim, value" +
+                (m_sqlite ? " ON CONFLICT (dim, day, value) DO UPDATE SET count = count + "
+                            "excluded.count, repeats = repeats + excluded.repeats"
+                          : ""));
+            statements.push_back(
+                "DELETE FROM breakdown WHERE (dim < " + std::to_string(kBlockDimensionOffset) +
+                " AND day < $2) OR (dim >= " + std::to_string(kBlockDimensionOffset) +
+                " AND day < " + blockDay + ")");
+        } else if (m_schemaVersion >= 2) {
             statements.push_back("DELETE FROM breakdown WHERE day < $2");
         }
         statements.push_back(

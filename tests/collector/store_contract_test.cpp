@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <map>
 #include <random>
 #include <thread>
 
@@ -292,6 +293,61 @@ TEST_P(StoreContract, RollupsAfterPurgeEqualAStoreThatNeverHadThePurged) {
             }
         }
     }
+}
+
+TEST_P(StoreContract, BreakdownsOverLongRangesEqualTheirDaysSummed) {
+    // Reports over 100 days (a few blocks of days); then a purge by age that cuts a block,
+    // and a purge of one machine. A range's breakdown must equal its days' summed.
+    TestDatabase database(GetParam());
+    auto store = database.Open();
+    ASSERT_TRUE(store);
+    const int64_t day0 = kT0 / kDay;
+    std::vector<ValidatedReport> batch;
+    for (int i = 0; i < 90; ++i) {
+        batch.push_back(MakeReport(i % 4 ? kA : kB, i, kT0 + ((i * 37) % 100 - 40) * kDay,
+                                   std::string(1 + i % 3, 'a' + i % 5)));
+        if (i % 6 == 0)
+            AddDump(batch.back(), i % 12 ? "Core" : "Ui", "dump" + std::to_string(i % 4));
+    }
+    Insert(*store, batch);
+    auto summed = [&](BreakdownBy by, int64_t first, int64_t last) {
+        std::map<std::string, std::pair<int64_t, int64_t>> sums;
+        for (int64_t day = first; day <= last; ++day) {
+            std::vector<BreakdownRow> rows;
+            EXPECT_EQ(StoreResult::Ok, store->Breakdown(by, day, day, rows));
+            for (const BreakdownRow& row : rows) {
+                sums[row.value].first += row.count;
+                sums[row.value].second += row.repeats;
+            }
+        }
+        return sums;
+    };
+    auto check = [&](const char* when) {
+        const std::pair<int64_t, int64_t> ranges[] = {{day0 - 40, day0 + 60},
+                                                      {day0 - 31, day0 + 33},
+                                                      {day0 - 33, day0 - 2},
+                                                      {day0, day0 + 63}};
+        for (const auto& [first, last] : ranges) {
+            for (int by = 0; by < 5; ++by) {
+                std::vector<BreakdownRow> rows;
+                ASSERT_EQ(StoreResult::Ok,
+                          store->Breakdown(static_cast<BreakdownBy>(by), first, last, rows));
+                std::map<std::string, std::pair<int64_t, int64_t>> read;
+                for (const BreakdownRow& row : rows)
+                    read[row.value] = {row.count, row.repeats};
+                EXPECT_EQ(summed(static_cast<BreakdownBy>(by), first, last), read)
+                    << when << ": by " << by << " over " << first << ".." << last;
+            }
+        }
+    };
+    check("as inserted");
+    int64_t removed = 0;
+    ASSERT_EQ(StoreResult::Ok, store->PurgeOlderThan(kT0 - 29 * kDay + 5, removed));
+    EXPECT_GT(removed, 0);
+    check("after a purge by age");
+    ASSERT_EQ(StoreResult::Ok, store->PurgeMachine(kB, removed));
+    EXPECT_GT(removed, 0);
+    check("after a purge of a machine");
 }
 
 TEST_P(StoreContract, AnOlderSchemaIsBroughtUpToDate) {
