@@ -269,6 +269,9 @@ void ReceiveSession::OnBody(beast::error_code error) {
     std::string body = parser_->release().body();
     parser_.reset();
     context_.metrics.CountBytesReceived(body.size());
+    // The committer may hold a batch briefly for a report that is this close; Validate
+    // submits it or forgets it.
+    context_.committer.Expect();
     asio::post(context_.validators,
                [self = shared_from_this(), body = std::move(body), zipped]() mutable {
                    self->Validate(std::move(body), zipped);
@@ -284,6 +287,7 @@ void ReceiveSession::Validate(std::string body, bool zipped) {
     } catch (const std::bad_alloc&) {
         COLLECTOR_LOG(CAppLog::Error, "out of memory validating a report from %s",
                       address_.c_str());
+        context_.committer.Forget();
         asio::post(stream_.get_executor(), [self = shared_from_this()] {
             self->OnStored(StoreResult::Unavailable, InsertOutcome());
         });
@@ -322,7 +326,8 @@ void ReceiveSession::Validate(std::string body, bool zipped) {
         [self = shared_from_this(), work](StoreResult result, const InsertOutcome& outcome) {
             asio::post(self->stream_.get_executor(),
                        [self, result, outcome] { self->OnStored(result, outcome); });
-        });
+        },
+        true);
 }
 
 void ReceiveSession::OnStored(StoreResult result, const InsertOutcome& outcome) {
