@@ -61,7 +61,8 @@ private:
     // answered instead.
     bool AdmitUpload(const Request& request);
     void OnBody(boost::beast::error_code error);
-    void Validate(std::string body, bool zipped);
+    // `announced`: the committer was told of it (Committer::Expect).
+    void Validate(std::string body, bool zipped, bool announced);
     void OnStored(StoreResult result, const InsertOutcome& outcome);
     // Answers `status` with a short text; `close` ends the connection after it.
     void Answer(unsigned int status, const std::string& text, bool close,
