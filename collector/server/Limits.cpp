@@ -71,6 +71,42 @@ void ConnectionLimiter::Release(const std::string& address) {
         perAddress_.erase(it);
 }
 
+// --- SlowClientGuard ---------------------------------------------------------------------
+
+bool SlowClientGuard::NoteOverrun(const std::string& address, double now) {
+    if (strikes_ == 0)
+        return false;
+    std::lock_guard<std::mutex> lock(mutex_);
+    // Forget addresses with nothing in the last window, at most once a window, so that the
+    // table holds only the recent offenders.
+    if (now - lastPrune_ > kWindowSeconds) {
+        lastPrune_ = now;
+        for (auto it = byAddress_.begin(); it != byAddress_.end();) {
+            const bool stale =
+                now - it->second.windowStart > kWindowSeconds && now >= it->second.refusedUntil;
+            it = stale ? byAddress_.erase(it) : std::next(it);
+        }
+    }
+    Record& record = byAddress_[address];
+    if (now - record.windowStart > kWindowSeconds) {
+        record.windowStart = now;
+        record.overruns = 0;
+    }
+    if (++record.overruns < strikes_ || now < record.refusedUntil)
+        return false;
+    record.refusedUntil = now + kWindowSeconds;
+    record.overruns = 0;
+    return true;
+}
+
+bool SlowClientGuard::Refused(const std::string& address, double now) {
+    if (strikes_ == 0)
+        return false;
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto it = byAddress_.find(address);
+    return it != byAddress_.end() && now < it->second.refusedUntil;
+}
+
 // --- AddressQuotas -----------------------------------------------------------------------
 
 namespace {

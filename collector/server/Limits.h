@@ -90,6 +90,36 @@ private:
     double lastPrune_ = 0;
 };
 
+// Addresses whose connections keep running past their deadlines (a TLS handshake, a
+// request's header or its body too slow): after `strikes` of them within a minute, further
+// connections from the address are closed as they arrive, before any TLS work, for a
+// minute. A slowloris crowd closed at its deadlines that connects again at once would
+// otherwise cost a TLS handshake per reconnection; refusing it costs an accept. Zero
+// strikes turns the guard off.
+class SlowClientGuard {
+public:
+    static constexpr double kWindowSeconds = 60;
+    explicit SlowClientGuard(unsigned int strikes) : strikes_(strikes) {}
+
+    // One of `address`'s connections ran past a deadline at `now`. True when this begins a
+    // refusal (for the caller to log).
+    bool NoteOverrun(const std::string& address, double now);
+    // Connections from `address` are refused at `now`.
+    bool Refused(const std::string& address, double now);
+
+private:
+    struct Record {
+        double windowStart = 0;
+        unsigned int overruns = 0;
+        double refusedUntil = 0;
+    };
+
+    const unsigned int strikes_;
+    std::mutex mutex_;
+    std::unordered_map<std::string, Record> byAddress_;
+    double lastPrune_ = 0;
+};
+
 // Body bytes held in memory by requests in progress, in all: a request reserves its
 // Content-Length before its body is read, and gives it back when it is answered.
 class BodyBudget {

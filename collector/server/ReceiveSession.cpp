@@ -44,6 +44,7 @@ ReceiveSession::ReceiveSession(tcp::socket socket, ReceiveContext& context, std:
       stream_(std::move(socket), context.tls.Current()->native_handle()),
       deadline_(stream_.get_executor()),
       address_(std::move(peerAddress)),
+      addressKnown_(!context.settings.proxyProtocol),
       slot_(std::move(slot)) {
     context_.metrics.ConnectionOpened();
 }
@@ -89,9 +90,32 @@ void ReceiveSession::SetDeadline(std::chrono::steady_clock::time_point when) {
         auto self = weak.lock();
         // A wait replaced by a later deadline is cancelled, or has fired just before it was
         // replaced: only the deadline now set may end the step.
-        if (!error && self && self->deadline_.expiry() <= std::chrono::steady_clock::now())
+        if (!error && self && self->deadline_.expiry() <= std::chrono::steady_clock::now()) {
+            self->NoteOverrun();
             self->stream_.Expire();
+        }
     });
+}
+
+void ReceiveSession::NoteOverrun() {
+    // An idle keep-alive connection reaching its idle timeout is no fault; a handshake, a
+    // header or a body past its deadline is. Behind a proxy the address is the client's
+    // only once the PROXY header is read.
+    const bool slow = state_ == State::Header || state_ == State::Body ||
+                      (state_ == State::Opening && addressKnown_);
+    const double now = MonotonicSeconds();
+    if (!slow || !context_.slowClients.NoteOverrun(address_, now))
+        return;
+    uint64_t suppressed = 0;
+    if (context_.slowLog.Allow(now, suppressed)) {
+        COLLECTOR_LOG(CAppLog::Warning,
+                      "refusing connections from %s for %.0f s: %u of its connections ran past "
+                      "their deadlines within a minute (%llu more addresses refused since the "
+                      "last one logged)",
+                      address_.c_str(), SlowClientGuard::kWindowSeconds,
+                      context_.settings.slowClientStrikes,
+                      static_cast<unsigned long long>(suppressed));
+    }
 }
 
 void ReceiveSession::ReadProxyHeader() {
@@ -122,6 +146,11 @@ void ReceiveSession::OnProxyBytes(beast::error_code error, size_t) {
     }
     if (!header.clientAddress.empty())
         address_ = header.clientAddress;
+    addressKnown_ = true;
+    if (context_.slowClients.Refused(address_, MonotonicSeconds())) {
+        context_.metrics.CountRefusedConnection();
+        return Close();
+    }
     slot_ = context_.connections.TryAcquire(address_);
     if (!slot_) {
         context_.metrics.CountRefusedConnection();

@@ -76,6 +76,8 @@ private:
     void ReleaseBudget();
     // The current step's deadline; past it the pending operation ends with a timeout.
     void SetDeadline(std::chrono::steady_clock::time_point when);
+    // A deadline ended the current step: a slow client's counts against its address.
+    void NoteOverrun();
     void SetDeadline(std::chrono::steady_clock::duration after) {
         SetDeadline(std::chrono::steady_clock::now() + after);
     }
@@ -86,6 +88,7 @@ private:
     TlsStream stream_;
     boost::asio::steady_timer deadline_;
     std::string address_;
+    bool addressKnown_;  // address_ is the client's (not a proxy's still to be read past)
     ConnectionLimiter::Slot slot_;
     uint64_t registryId_ = 0;
 
