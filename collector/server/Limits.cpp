@@ -172,13 +172,44 @@ bool AddressQuotas::AdmitDamaged(const std::string& address, uint64_t bytes, dou
 
 // --- BodyBudget, FreeSpaceWatch, LogThrottle --------------------------------------------
 
-bool BodyBudget::TryReserve(uint64_t bytes) {
-    uint64_t used = used_.load();
-    do {
-        if (bytes > capacity_ || used > capacity_ - bytes)
-            return false;
-    } while (!used_.compare_exchange_weak(used, used + bytes));
+BodyBudget::BodyBudget(uint64_t capacity)
+    : smallCapacity_(capacity / 8),
+      largeCapacity_(capacity - capacity / 8),
+      perAddress_(largeCapacity_ / 4) {}
+
+bool BodyBudget::Take(uint64_t& used, uint64_t capacity, uint64_t bytes) {
+    if (bytes > capacity || used > capacity - bytes)
+        return false;
+    used += bytes;
     return true;
+}
+
+BodyBudget::Pool BodyBudget::TryReserve(const std::string& address, uint64_t bytes) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (bytes <= kSmallBody && Take(smallUsed_, smallCapacity_, bytes))
+        return Pool::Small;
+    uint64_t& held = largeByAddress_[address];
+    // A small body past its own share is not held to the address's share of the rest.
+    const uint64_t share = bytes <= kSmallBody ? largeCapacity_ : perAddress_;
+    if (held + bytes > share || !Take(largeUsed_, largeCapacity_, bytes)) {
+        if (held == 0)
+            largeByAddress_.erase(address);
+        return Pool::None;
+    }
+    held += bytes;
+    return Pool::Large;
+}
+
+void BodyBudget::Release(const std::string& address, uint64_t bytes, Pool pool) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (pool == Pool::Small) {
+        smallUsed_ -= bytes;
+    } else if (pool == Pool::Large) {
+        largeUsed_ -= bytes;
+        auto it = largeByAddress_.find(address);
+        if (it != largeByAddress_.end() && (it->second -= bytes) == 0)
+            largeByAddress_.erase(it);
+    }
 }
 
 bool FreeSpaceWatch::Enough(double now) {

@@ -276,7 +276,7 @@ bool ReceiveSession::AdmitUpload(const Request& request) {
         Answer(503, "storage full\n", true, kRetryDiskFull);
     } else if (!context_.quotas.AdmitPost(address_, *length, now, retryAfter)) {
         Answer(429, "too many reports from this address\n", true, retryAfter);
-    } else if (!context_.budget.TryReserve(*length)) {
+    } else if ((pool_ = context_.budget.TryReserve(address_, *length)) == BodyBudget::Pool::None) {
         Answer(503, "busy\n", true, kRetryBusy);
     } else {
         reserved_ = *length;
@@ -453,8 +453,9 @@ void ReceiveSession::Linger() {
 
 void ReceiveSession::ReleaseBudget() {
     if (reserved_ > 0)
-        context_.budget.Release(reserved_);
+        context_.budget.Release(address_, reserved_, pool_);
     reserved_ = 0;
+    pool_ = BodyBudget::Pool::None;
 }
 
 }  // namespace collector

@@ -102,6 +102,7 @@ private:
     bool head_ = false;        // the request is a HEAD: its answer has no body
     bool uploadPath_ = false;  // the request is for the upload path (405's Allow)
     uint64_t reserved_ = 0;    // body bytes taken from the budget
+    BodyBudget::Pool pool_ = BodyBudget::Pool::None;  // where reserved_ came from
 };
 
 }  // namespace collector
