@@ -155,6 +155,7 @@ bool LoadCollectorSettings(const std::string& path, CollectorSettings& settings)
              return pwhost::ParseClockStartValue(value, settings.clockStart);
          }},
         {"header_timeout", Number(settings.headerTimeoutSeconds, 1, 3600)},
+        {"slow_client_strikes", Number(settings.slowClientStrikes, 0, 1000000)},
         {"min_body_rate", Number(settings.minBodyRate, 1, 1u << 30, true)},
         {"body_budget", Number(settings.bodyBudgetBytes, 17u << 20, kUnlimited, true)},
         {"address_posts_per_minute", Number(settings.postsPerMinutePerAddress, 1, 1000000)},

@@ -29,11 +29,12 @@ struct CollectorSettings {
     int64_t clockStart = -1;
 
     // Limits of the receiving listener (keys in brackets).
-    unsigned int headerTimeoutSeconds = 10;        // [header_timeout] first byte to last header
-    unsigned int minBodyRate = 4096;               // [min_body_rate] bytes/s a body must keep up
-    uint64_t bodyBudgetBytes = 384ull << 20;       // [body_budget] body bytes in flight, in all
-    unsigned int postsPerMinutePerAddress = 600;   // [address_posts_per_minute]
-    uint64_t bytesPerHourPerAddress = 1ull << 30;  // [address_bytes_per_hour]
+    unsigned int headerTimeoutSeconds = 10;   // [header_timeout] first byte to last header
+    unsigned int slowClientStrikes = 16;      // [slow_client_strikes] deadline overruns a minute
+    unsigned int minBodyRate = 4096;          // [min_body_rate] bytes/s a body must keep up
+    uint64_t bodyBudgetBytes = 384ull << 20;  // [body_budget] body bytes in flight, in all
+    unsigned int postsPerMinutePerAddress = 600;          // [address_posts_per_minute]
+    uint64_t bytesPerHourPerAddress = 1ull << 30;         // [address_bytes_per_hour]
     uint64_t damagedBytesPerDayPerAddress = 64ull << 20;  // [address_damaged_bytes_per_day]
     uint64_t minFreeBytes = 512ull << 20;                 // [min_free_space] 503 below it
     unsigned int drainTimeoutSeconds = 60;                // [drain_timeout] SIGTERM's grace period

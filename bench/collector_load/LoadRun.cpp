@@ -140,6 +140,9 @@ public:
         return std::chrono::milliseconds(static_cast<long>(m_limits.slowIntervalSeconds * 1000));
     }
     asio::ip::address NextSource();
+    // Slow clients come from addresses of their own (127.2.0.1 on), as a crowd of
+    // misbehaving hosts would, apart from the measured posts' clients.
+    asio::ip::address NextSlowSource();
 
 private:
     void Launch();
@@ -167,6 +170,7 @@ private:
     uint64_t m_launched = 0;
     unsigned int m_inFlight = 0;
     uint32_t m_nextSource = 0;
+    uint32_t m_nextSlowSource = 0;
     Clock::time_point m_begin;
     Clock::time_point m_deadline;
     Clock::time_point m_lastEnd;
@@ -320,7 +324,7 @@ void CSlow::Connect() {
     m_stream =
         std::make_unique<beast::ssl_stream<beast::tcp_stream>>(m_load.Io(), m_load.SlowTls());
     SSL_set_tlsext_host_name(m_stream->native_handle(), m_load.Target().serverName.c_str());
-    const asio::ip::address source = m_load.NextSource();
+    const asio::ip::address source = m_load.NextSlowSource();
     tcp::socket& socket = beast::get_lowest_layer(*m_stream).socket();
     beast::error_code error;
     if (!source.is_unspecified()) {
@@ -470,6 +474,14 @@ asio::ip::address CLoad::NextSource() {
     }
     const uint32_t index = m_nextSource++ % m_limits.sourceAddresses;
     return asio::ip::address_v4(asio::ip::address_v4::loopback().to_uint() + index);
+}
+
+asio::ip::address CLoad::NextSlowSource() {
+    if (m_limits.sourceAddresses == 0) {
+        return asio::ip::address();
+    }
+    const uint32_t index = m_nextSlowSource++ % m_limits.sourceAddresses;
+    return asio::ip::address_v4(asio::ip::make_address_v4("127.2.0.1").to_uint() + index);
 }
 
 void CLoad::Launch() {

@@ -51,7 +51,8 @@ const char kUsage[] =
     "                        through the run\n"
     "  --slow-interval SECS  the slow clients' pause between two bytes (2)\n"
     "  --source-addresses N  connect from N loopback addresses (127.0.0.1 and up), as from\n"
-    "                        N clients (default: the system's choice)\n";
+    "                        N clients, and the slow clients from N others (127.2.0.1 and\n"
+    "                        up) (default: the system's choice)\n";
 
 struct Options {
     LoadTarget target;

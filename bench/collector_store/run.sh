@@ -85,6 +85,19 @@ trap cleanup EXIT
 trap 'exit 130' INT TERM
 
 seconds_since() { echo "$(date +%s.%N) - $1" | bc; }
+# CPU ticks of this shell's finished children (the imports), and of the PostgreSQL server:
+# the postmaster, its finished children (a connection's backend ends with its import) and
+# those still running (writer, checkpointer).
+client_ticks() { awk '{ print $16 + $17 }' /proc/$$/stat; }
+server_ticks() {
+    [ -n "$pg_pid" ] || { echo 0; return; }
+    local total child
+    total=$(awk '{ print $14 + $15 + $16 + $17 }' "/proc/$pg_pid/stat")
+    for child in $(pgrep -P "$pg_pid"); do
+        total=$((total + $(awk '{ print $14 + $15 }' "/proc/$child/stat" 2>/dev/null || echo 0)))
+    done
+    echo "$total"
+}
 
 # --- the fixture: one directory per day, made once per size ---------------------------------
 fixture="$work/fixture"
@@ -143,7 +156,7 @@ EOF
 }
 
 # --- one back end: import day by day, then export ---------------------------------------------
-declare -A import_s export_s stored export_bytes count
+declare -A import_s export_s stored export_bytes count client_us server_us
 run_backend() {  # run_backend NAME DATABASE
     local name=$1 database=$2 dir="$work/$1" start day total=0 lines
     mkdir -p "$dir"
@@ -155,6 +168,9 @@ log_file=$dir/collector.log
 EOF
     give "$dir"
     say "$name: importing"
+    local client0 server0 hz
+    client0=$(client_ticks)
+    server0=$(server_ticks)
     start=$(date +%s.%N)
     for day in $(ls "$fixture" | grep -E '^[0-9]+$' | sort -n); do
         "${as_server[@]}" "$collector" --config "$dir/collector.conf" import \
@@ -163,6 +179,10 @@ EOF
     done
     import_s[$name]=$(seconds_since "$start")
     count[$name]=$(awk '/^imported/ { n += $2 } END { print n + 0 }' "$dir/import.log")
+    sleep 1  # a backend's time reaches the postmaster once it has exited
+    hz=$(getconf CLK_TCK)
+    client_us[$name]=$(( ($(client_ticks) - client0) * 1000000 / hz / (count[$name] + 1) ))
+    server_us[$name]=$(( ($(server_ticks) - server0) * 1000000 / hz / (count[$name] + 1) ))
     if [ "$export_too" = 1 ]; then
         say "$name: exporting"
         start=$(date +%s.%N)
@@ -197,12 +217,15 @@ done
 # --- the table --------------------------------------------------------------------------------
 echo
 echo "collector store: $wanted; $(nproc) cores, load average $(cut -d' ' -f1-3 /proc/loadavg)"
-printf '%-8s %10s %10s %12s %10s %12s %10s\n' store reports import_s reports/s export_s \
-    export_MB store_MB
+printf '%-8s %10s %10s %12s %10s %12s %10s %14s\n' store reports import_s reports/s export_s \
+    export_MB store_MB import_cpu_us
 for name in sqlite pg; do
     [ -n "${import_s[$name]:-}" ] || continue
-    printf '%-8s %10s %10.1f %12.0f %10s %12s %10.0f\n' "$name" "${count[$name]}" \
+    printf '%-8s %10s %10.1f %12.0f %10s %12s %10.0f %14s\n' "$name" "${count[$name]}" \
         "${import_s[$name]}" "$(echo "${count[$name]} / ${import_s[$name]}" | bc -l)" \
         "$(printf '%.1f' "${export_s[$name]:-0}")" \
-        "$(( ${export_bytes[$name]:-0} / 1000000 ))" "$(echo "${stored[$name]} / 1000000" | bc -l)"
+        "$(( ${export_bytes[$name]:-0} / 1000000 ))" "$(echo "${stored[$name]} / 1000000" | bc -l)" \
+        "${client_us[$name]}+${server_us[$name]}"
 done
+echo "import_cpu_us: CPU per imported report in microseconds, the import processes' and the"
+echo "PostgreSQL server's (0 for SQLite); unlike reports/s, it depends little on the load."

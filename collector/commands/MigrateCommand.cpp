@@ -55,6 +55,10 @@ int RunMigrate(const CollectorSettings& settings, const std::vector<std::string>
     if (!to) {
         return 1;
     }
+    if (to->PrepareForBulkLoad() != StoreResult::Ok) {
+        CommandFailed("migrate: " + options["to"] + " cannot be prepared for the copy");
+        return 1;
+    }
     // Copies into a store that holds reports would count them again as duplicates.
     StoreTotals existing;
     if (to->Totals(existing) != StoreResult::Ok || existing.reports + existing.duplicates != 0) {
@@ -76,13 +80,11 @@ int RunMigrate(const CollectorSettings& settings, const std::vector<std::string>
         for (const StoredReport& r : page) {
             batch.push_back(ToValidated(r));
             duplicateTimes.push_back(r.duplicateTimes);
+            // A dump's bytes travel in the body; the destination keeps its module, size
+            // and SHA-256 (and, by the order of the copies, which dumps are repeats).
             for (const StoredDump& dump : r.dumps) {
-                CrashDump copy{dump.module, dump.sha256, dump.size, std::string()};
-                if (from->GetDump(r.summary.id, dump.module, copy.bytes) != StoreResult::Ok) {
-                    CommandFailed("migrate stopped: a dump could not be read");
-                    return 1;
-                }
-                batch.back().crashDumps.push_back(std::move(copy));
+                batch.back().crashDumps.push_back(
+                    CrashDump{dump.module, dump.sha256, dump.size, std::string()});
             }
         }
         std::vector<InsertOutcome> outcomes;

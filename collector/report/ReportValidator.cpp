@@ -320,4 +320,28 @@ ValidatedReport ValidateBody(std::string posted, bool zipped) {
     return report;
 }
 
+bool DecodeCrashDump(const std::string& body, const std::string& module, std::string& bytes,
+                     std::string& reason) {
+    std::unique_ptr<CBencodeList> tree = ReadReportTree(body, reason);
+    if (!tree) {
+        return false;
+    }
+    ValidatedReport header;
+    Fault fault;
+    const CBencodeDictionary* dictionary = CheckHeader(*tree, header, fault);
+    const CBencodeDictionary* data =
+        dictionary ? Dictionary(*dictionary, "QualityImprovementData", "", true, fault) : nullptr;
+    const std::string where = "QualityImprovementData/CrashReports/";
+    const CBencodeDictionary* crashes =
+        data ? Dictionary(*data, "CrashReports", "QualityImprovementData/", true, fault) : nullptr;
+    const CBencodeDictionary* crash =
+        crashes ? Dictionary(*crashes, module, where, true, fault) : nullptr;
+    std::string text;
+    if (crash == nullptr || !Text(*crash, "CrashData", where + module + "/", true, text, fault)) {
+        reason = fault.reason;
+        return false;
+    }
+    return DecodeBase64(text, bytes, reason);
+}
+
 }  // namespace collector

@@ -32,18 +32,36 @@ void Committer::Start() {
     thread_ = std::thread([this] { Run(); });
 }
 
-void Committer::Submit(ValidatedReport report, Done done) {
-    bool full = false;
+void Committer::Expect() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++expected_;
+}
+
+void Committer::Forget() {
+    bool last = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        const auto now = std::chrono::steady_clock::now();
-        busy_ = now - lastSubmit_ < gather_;
-        lastSubmit_ = now;
-        queue_.push_back(Pending{std::move(report), std::move(done)});
-        full = queue_.size() == 1 || queue_.size() >= kGatherReports;
+        if (expected_ > 0)
+            --expected_;
+        last = expected_ == 0 && !queue_.empty();
     }
-    // The committer waits for the first post, or for a gathering batch to fill.
-    if (full)
+    // A gathering batch waits for nothing more.
+    if (last)
+        wake_.notify_one();
+}
+
+void Committer::Submit(ValidatedReport report, Done done, bool expected) {
+    bool wake = false;
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (expected && expected_ > 0)
+            --expected_;
+        queue_.push_back(Pending{std::move(report), std::move(done)});
+        wake = queue_.size() == 1 || queue_.size() >= kGatherReports || expected_ == 0;
+    }
+    // The committer waits for the first post, and a gathering batch for the last announced
+    // post or for a batch's worth.
+    if (wake)
         wake_.notify_one();
 }
 
@@ -76,9 +94,10 @@ void Committer::Run() {
             }
             if (queue_.empty())
                 return;  // stopping, and nothing left to write
-            if (busy_ && !stopping_) {
-                wake_.wait_for(lock, gather_,
-                               [this] { return stopping_ || queue_.size() >= kGatherReports; });
+            if (expected_ > 0 && !stopping_) {
+                wake_.wait_for(lock, gather_, [this] {
+                    return stopping_ || expected_ == 0 || queue_.size() >= kGatherReports;
+                });
             }
             uint64_t bytes = 0;
             while (!queue_.empty() && batch.size() < kMaxBatchReports &&

@@ -4,10 +4,13 @@
 // is known. One thread takes everything waiting (up to a batch's limits), writes it with
 // one Store::InsertBatch (one transaction, one sync), and then calls every post's function:
 // a post is answered only after its batch is durable. While a batch is being written the
-// next one gathers, so the more clients post at once, the fewer syncs per report. When
-// posts come close together (the previous one less than the gather window before), the
-// committer also waits up to that window for more before it writes: where a sync is
-// cheap, posts arriving a few milliseconds apart would otherwise each pay for their own.
+// next one gathers, so the more clients post at once, the fewer syncs per report. A
+// connection announces a post once its body has arrived (Expect), before it is
+// validated; while announced posts are on their way, the committer waits for them up to
+// the gather window before it writes: posts arriving a few milliseconds apart would
+// otherwise each pay for their own sync. With none announced it writes at once, so a lone
+// post, or a crowd whose other members are still in their handshakes or sending their
+// bodies, never waits for a window.
 //
 // When the store fails (database gone, disk full) the batch's posts get Unavailable, the
 // failure is logged once per episode, and the committer reopens the store before the next
@@ -41,9 +44,9 @@ public:
     // Opens a store; null with `error` set when it cannot (Store::Open, or a test's own).
     using Opener = std::function<std::unique_ptr<Store>(std::string& error)>;
 
-    // `gather`: how long a batch may wait for more posts while posts come close together.
-    // Every answer in the batch waits that long too: a few milliseconds gather a crowd,
-    // where 20 ms halved the rate of 16 clients posting one after another.
+    // `gather`: how long a batch may wait for announced posts. Every answer in the batch
+    // may wait that long too: a few milliseconds gather a crowd, where 20 ms halved the
+    // rate of 16 clients posting one after another.
     Committer(Opener opener, Metrics& metrics,
               std::chrono::milliseconds gather = std::chrono::milliseconds(4));
     ~Committer();  // Stop()s
@@ -53,7 +56,12 @@ public:
     // Opens the store (logging a failure; the committer then keeps trying) and starts the
     // thread.
     void Start();
-    void Submit(ValidatedReport report, Done done);
+    // A post is on its way: its body is being validated. Each Expect() is matched by one
+    // Submit(..., true) or one Forget().
+    void Expect();
+    void Forget();
+    // `expected`: the post was announced with Expect().
+    void Submit(ValidatedReport report, Done done, bool expected = false);
     // Writes everything submitted so far, answers it, and ends the thread.
     void Stop();
     // The store answered the last ping or commit.
@@ -78,8 +86,7 @@ private:
     mutable std::mutex mutex_;
     std::condition_variable wake_;
     std::deque<Pending> queue_;
-    std::chrono::steady_clock::time_point lastSubmit_;
-    bool busy_ = false;  // the last post came within the gather window of the one before
+    size_t expected_ = 0;  // posts announced and not yet submitted (or forgotten)
     bool stopping_ = false;
     bool ready_ = false;
     bool failing_ = false;  // in a storage failure episode (logged once)

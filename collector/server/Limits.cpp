@@ -71,6 +71,42 @@ void ConnectionLimiter::Release(const std::string& address) {
         perAddress_.erase(it);
 }
 
+// --- SlowClientGuard ---------------------------------------------------------------------
+
+bool SlowClientGuard::NoteOverrun(const std::string& address, double now) {
+    if (strikes_ == 0)
+        return false;
+    std::lock_guard<std::mutex> lock(mutex_);
+    // Forget addresses with nothing in the last window, at most once a window, so that the
+    // table holds only the recent offenders.
+    if (now - lastPrune_ > kWindowSeconds) {
+        lastPrune_ = now;
+        for (auto it = byAddress_.begin(); it != byAddress_.end();) {
+            const bool stale =
+                now - it->second.windowStart > kWindowSeconds && now >= it->second.refusedUntil;
+            it = stale ? byAddress_.erase(it) : std::next(it);
+        }
+    }
+    Record& record = byAddress_[address];
+    if (now - record.windowStart > kWindowSeconds) {
+        record.windowStart = now;
+        record.overruns = 0;
+    }
+    if (++record.overruns < strikes_ || now < record.refusedUntil)
+        return false;
+    record.refusedUntil = now + kWindowSeconds;
+    record.overruns = 0;
+    return true;
+}
+
+bool SlowClientGuard::Refused(const std::string& address, double now) {
+    if (strikes_ == 0)
+        return false;
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto it = byAddress_.find(address);
+    return it != byAddress_.end() && now < it->second.refusedUntil;
+}
+
 // --- AddressQuotas -----------------------------------------------------------------------
 
 namespace {
@@ -136,13 +172,44 @@ bool AddressQuotas::AdmitDamaged(const std::string& address, uint64_t bytes, dou
 
 // --- BodyBudget, FreeSpaceWatch, LogThrottle --------------------------------------------
 
-bool BodyBudget::TryReserve(uint64_t bytes) {
-    uint64_t used = used_.load();
-    do {
-        if (bytes > capacity_ || used > capacity_ - bytes)
-            return false;
-    } while (!used_.compare_exchange_weak(used, used + bytes));
+BodyBudget::BodyBudget(uint64_t capacity)
+    : smallCapacity_(capacity / 8),
+      largeCapacity_(capacity - capacity / 8),
+      perAddress_(largeCapacity_ / 4) {}
+
+bool BodyBudget::Take(uint64_t& used, uint64_t capacity, uint64_t bytes) {
+    if (bytes > capacity || used > capacity - bytes)
+        return false;
+    used += bytes;
     return true;
+}
+
+BodyBudget::Pool BodyBudget::TryReserve(const std::string& address, uint64_t bytes) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (bytes <= kSmallBody && Take(smallUsed_, smallCapacity_, bytes))
+        return Pool::Small;
+    uint64_t& held = largeByAddress_[address];
+    // A small body past its own share is not held to the address's share of the rest.
+    const uint64_t share = bytes <= kSmallBody ? largeCapacity_ : perAddress_;
+    if (held + bytes > share || !Take(largeUsed_, largeCapacity_, bytes)) {
+        if (held == 0)
+            largeByAddress_.erase(address);
+        return Pool::None;
+    }
+    held += bytes;
+    return Pool::Large;
+}
+
+void BodyBudget::Release(const std::string& address, uint64_t bytes, Pool pool) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (pool == Pool::Small) {
+        smallUsed_ -= bytes;
+    } else if (pool == Pool::Large) {
+        largeUsed_ -= bytes;
+        auto it = largeByAddress_.find(address);
+        if (it != largeByAddress_.end() && (it->second -= bytes) == 0)
+            largeByAddress_.erase(it);
+    }
 }
 
 bool FreeSpaceWatch::Enough(double now) {

@@ -90,17 +90,65 @@ private:
     double lastPrune_ = 0;
 };
 
-// Body bytes held in memory by requests in progress, in all: a request reserves its
-// Content-Length before its body is read, and gives it back when it is answered.
-class BodyBudget {
+// Addresses whose connections keep running past their deadlines (a TLS handshake, a
+// request's header or its body too slow): after `strikes` of them within a minute, further
+// connections from the address are closed as they arrive, before any TLS work, for a
+// minute. A slowloris crowd closed at its deadlines that connects again at once would
+// otherwise cost a TLS handshake per reconnection; refusing it costs an accept. Zero
+// strikes turns the guard off.
+class SlowClientGuard {
 public:
-    explicit BodyBudget(uint64_t capacity) : capacity_(capacity) {}
-    bool TryReserve(uint64_t bytes);
-    void Release(uint64_t bytes) { used_ -= bytes; }
+    static constexpr double kWindowSeconds = 60;
+    explicit SlowClientGuard(unsigned int strikes) : strikes_(strikes) {}
+
+    // One of `address`'s connections ran past a deadline at `now`. True when this begins a
+    // refusal (for the caller to log).
+    bool NoteOverrun(const std::string& address, double now);
+    // Connections from `address` are refused at `now`.
+    bool Refused(const std::string& address, double now);
 
 private:
-    const uint64_t capacity_;
-    std::atomic<uint64_t> used_{0};
+    struct Record {
+        double windowStart = 0;
+        unsigned int overruns = 0;
+        double refusedUntil = 0;
+    };
+
+    const unsigned int strikes_;
+    std::mutex mutex_;
+    std::unordered_map<std::string, Record> byAddress_;
+    double lastPrune_ = 0;
+};
+
+// Body bytes held in memory by requests in progress, in all: a request reserves its
+// Content-Length before its body is read, and gives it back when it is answered.
+//
+// A reservation is held from the header to the answer, so a client that declares a large
+// body and sends it at the minimum rate holds its bytes for a long time. Two rules keep such
+// clients from starving the others: an eighth of the budget is kept for small bodies
+// (feedback reports), which draw on it first and on the rest after; and one address may
+// hold at most a quarter of the rest with large bodies.
+class BodyBudget {
+public:
+    static constexpr uint64_t kSmallBody = 64 * 1024;
+    enum class Pool { None, Small, Large };
+
+    explicit BodyBudget(uint64_t capacity);
+    // Reserves `bytes` for a body from `address`; the pool it came from, or None when it
+    // does not fit.
+    Pool TryReserve(const std::string& address, uint64_t bytes);
+    void Release(const std::string& address, uint64_t bytes, Pool pool);
+
+private:
+    bool Take(uint64_t& used, uint64_t capacity, uint64_t bytes);
+
+    const uint64_t smallCapacity_;
+    const uint64_t largeCapacity_;
+    const uint64_t perAddress_;  // of the large pool
+    std::mutex mutex_;
+    uint64_t smallUsed_ = 0;
+    uint64_t largeUsed_ = 0;
+    std::unordered_map<std::string, uint64_t> largeByAddress_;
 };
 
 // Free space on the file system of the database, looked at no more than once a second.

@@ -27,6 +27,8 @@ struct ReceiveContext {
     BodyBudget& budget;
     FreeSpaceWatch& freeSpace;
     LogThrottle& damagedLog;
+    SlowClientGuard& slowClients;
+    LogThrottle& slowLog;
     boost::asio::thread_pool& validators;  // bodies are validated off the network threads
     SessionRegistry& sessions;
     std::atomic<bool> draining{false};

@@ -29,6 +29,8 @@ constexpr auto kShutdownTimeout = std::chrono::seconds(2);
 constexpr auto kDrainShutdownTimeout = std::chrono::milliseconds(100);
 // What is kept of a damaged body past its address's daily allowance.
 constexpr size_t kDamagedKeptBytes = 4096;
+// Bodies up to this size are validated on the network thread that read them.
+constexpr size_t kInlineValidationBytes = 16 * 1024;
 // Retry-After when storage or the body budget cannot take a post now.
 constexpr unsigned int kRetryStorage = 60;
 constexpr unsigned int kRetryBusy = 5;
@@ -42,6 +44,7 @@ ReceiveSession::ReceiveSession(tcp::socket socket, ReceiveContext& context, std:
       stream_(std::move(socket), context.tls.Current()->native_handle()),
       deadline_(stream_.get_executor()),
       address_(std::move(peerAddress)),
+      addressKnown_(!context.settings.proxyProtocol),
       slot_(std::move(slot)) {
     context_.metrics.ConnectionOpened();
 }
@@ -87,9 +90,32 @@ void ReceiveSession::SetDeadline(std::chrono::steady_clock::time_point when) {
         auto self = weak.lock();
         // A wait replaced by a later deadline is cancelled, or has fired just before it was
         // replaced: only the deadline now set may end the step.
-        if (!error && self && self->deadline_.expiry() <= std::chrono::steady_clock::now())
+        if (!error && self && self->deadline_.expiry() <= std::chrono::steady_clock::now()) {
+            self->NoteOverrun();
             self->stream_.Expire();
+        }
     });
+}
+
+void ReceiveSession::NoteOverrun() {
+    // An idle keep-alive connection reaching its idle timeout is no fault; a handshake, a
+    // header or a body past its deadline is. Behind a proxy the address is the client's
+    // only once the PROXY header is read.
+    const bool slow = state_ == State::Header || state_ == State::Body ||
+                      (state_ == State::Opening && addressKnown_);
+    const double now = MonotonicSeconds();
+    if (!slow || !context_.slowClients.NoteOverrun(address_, now))
+        return;
+    uint64_t suppressed = 0;
+    if (context_.slowLog.Allow(now, suppressed)) {
+        COLLECTOR_LOG(CAppLog::Warning,
+                      "refusing connections from %s for %.0f s: %u of its connections ran past "
+                      "their deadlines within a minute (%llu more addresses refused since the "
+                      "last one logged)",
+                      address_.c_str(), SlowClientGuard::kWindowSeconds,
+                      context_.settings.slowClientStrikes,
+                      static_cast<unsigned long long>(suppressed));
+    }
 }
 
 void ReceiveSession::ReadProxyHeader() {
@@ -120,6 +146,11 @@ void ReceiveSession::OnProxyBytes(beast::error_code error, size_t) {
     }
     if (!header.clientAddress.empty())
         address_ = header.clientAddress;
+    addressKnown_ = true;
+    if (context_.slowClients.Refused(address_, MonotonicSeconds())) {
+        context_.metrics.CountRefusedConnection();
+        return Close();
+    }
     slot_ = context_.connections.TryAcquire(address_);
     if (!slot_) {
         context_.metrics.CountRefusedConnection();
@@ -245,7 +276,7 @@ bool ReceiveSession::AdmitUpload(const Request& request) {
         Answer(503, "storage full\n", true, kRetryDiskFull);
     } else if (!context_.quotas.AdmitPost(address_, *length, now, retryAfter)) {
         Answer(429, "too many reports from this address\n", true, retryAfter);
-    } else if (!context_.budget.TryReserve(*length)) {
+    } else if ((pool_ = context_.budget.TryReserve(address_, *length)) == BodyBudget::Pool::None) {
         Answer(503, "busy\n", true, kRetryBusy);
     } else {
         reserved_ = *length;
@@ -269,21 +300,31 @@ void ReceiveSession::OnBody(beast::error_code error) {
     std::string body = parser_->release().body();
     parser_.reset();
     context_.metrics.CountBytesReceived(body.size());
+    // A small plain body (a feedback report, some hundred bytes) is checked here in tens
+    // of microseconds, cheaper than two thread hand-overs; a crash report's dump or a
+    // zipped body is decoded on the validators so that no network thread stalls on it.
+    if (!zipped && body.size() <= kInlineValidationBytes)
+        return Validate(std::move(body), zipped, false);
+    // The committer may hold a batch briefly for a report that is this close; Validate
+    // submits it or forgets it.
+    context_.committer.Expect();
     asio::post(context_.validators,
                [self = shared_from_this(), body = std::move(body), zipped]() mutable {
-                   self->Validate(std::move(body), zipped);
+                   self->Validate(std::move(body), zipped, true);
                });
 }
 
-// --- Validating and storing (on a validator thread) ----------------------------------
+// --- Validating and storing (small bodies inline, others on a validator thread) -----
 
-void ReceiveSession::Validate(std::string body, bool zipped) {
+void ReceiveSession::Validate(std::string body, bool zipped, bool announced) {
     ValidatedReport report;
     try {
         report = ValidateBody(std::move(body), zipped);
     } catch (const std::bad_alloc&) {
         COLLECTOR_LOG(CAppLog::Error, "out of memory validating a report from %s",
                       address_.c_str());
+        if (announced)
+            context_.committer.Forget();
         asio::post(stream_.get_executor(), [self = shared_from_this()] {
             self->OnStored(StoreResult::Unavailable, InsertOutcome());
         });
@@ -322,7 +363,8 @@ void ReceiveSession::Validate(std::string body, bool zipped) {
         [self = shared_from_this(), work](StoreResult result, const InsertOutcome& outcome) {
             asio::post(self->stream_.get_executor(),
                        [self, result, outcome] { self->OnStored(result, outcome); });
-        });
+        },
+        announced);
 }
 
 void ReceiveSession::OnStored(StoreResult result, const InsertOutcome& outcome) {
@@ -411,8 +453,9 @@ void ReceiveSession::Linger() {
 
 void ReceiveSession::ReleaseBudget() {
     if (reserved_ > 0)
-        context_.budget.Release(reserved_);
+        context_.budget.Release(address_, reserved_, pool_);
     reserved_ = 0;
+    pool_ = BodyBudget::Pool::None;
 }
 
 }  // namespace collector

@@ -61,7 +61,8 @@ private:
     // answered instead.
     bool AdmitUpload(const Request& request);
     void OnBody(boost::beast::error_code error);
-    void Validate(std::string body, bool zipped);
+    // `announced`: the committer was told of it (Committer::Expect).
+    void Validate(std::string body, bool zipped, bool announced);
     void OnStored(StoreResult result, const InsertOutcome& outcome);
     // Answers `status` with a short text; `close` ends the connection after it.
     void Answer(unsigned int status, const std::string& text, bool close,
@@ -75,6 +76,8 @@ private:
     void ReleaseBudget();
     // The current step's deadline; past it the pending operation ends with a timeout.
     void SetDeadline(std::chrono::steady_clock::time_point when);
+    // A deadline ended the current step: a slow client's counts against its address.
+    void NoteOverrun();
     void SetDeadline(std::chrono::steady_clock::duration after) {
         SetDeadline(std::chrono::steady_clock::now() + after);
     }
@@ -85,6 +88,7 @@ private:
     TlsStream stream_;
     boost::asio::steady_timer deadline_;
     std::string address_;
+    bool addressKnown_;  // address_ is the client's (not a proxy's still to be read past)
     ConnectionLimiter::Slot slot_;
     uint64_t registryId_ = 0;
 
@@ -98,6 +102,7 @@ private:
     bool head_ = false;        // the request is a HEAD: its answer has no body
     bool uploadPath_ = false;  // the request is for the upload path (405's Allow)
     uint64_t reserved_ = 0;    // body bytes taken from the budget
+    BodyBudget::Pool pool_ = BodyBudget::Pool::None;  // where reserved_ came from
 };
 
 }  // namespace collector

@@ -51,9 +51,10 @@ public:
                    settings.damagedBytesPerDayPerAddress}),
           budget_(settings.bodyBudgetBytes),
           freeSpace_(DatabaseDirectory(settings.database), settings.minFreeBytes),
+          slowClients_(settings.slowClientStrikes),
           api_(settings.database),
-          receive_{settings, metrics_,   committer_,  tls_,        connections_, quotas_,
-                   budget_,  freeSpace_, damagedLog_, validators_, sessions_},
+          receive_{settings,   metrics_,    committer_,   tls_,     connections_, quotas_,  budget_,
+                   freeSpace_, damagedLog_, slowClients_, slowLog_, validators_,  sessions_},
           dashboard_{settings, metrics_, access_, api_, sessions_, receive_.draining, nullptr},
           signals_(io_, SIGTERM, SIGINT, SIGHUP),
           purgeTimer_(io_),
@@ -80,6 +81,8 @@ private:
     BodyBudget budget_;
     FreeSpaceWatch freeSpace_;
     LogThrottle damagedLog_{10};
+    SlowClientGuard slowClients_;
+    LogThrottle slowLog_{10};
     asio::thread_pool validators_{std::max(2u, std::thread::hardware_concurrency())};
     SessionRegistry sessions_;
     DashboardAccess access_;
@@ -150,7 +153,12 @@ void Service::OpenReceiving(tcp::socket socket) {
     const std::string address = ClientAddressText(peer.address());
     ConnectionLimiter::Slot slot;
     if (!settings_.proxyProtocol) {
-        // The cap is checked at once: past it the connection is closed before any TLS work.
+        // The guard and the cap are checked at once: the connection is closed before any
+        // TLS work.
+        if (slowClients_.Refused(address, MonotonicSeconds())) {
+            metrics_.CountRefusedConnection();
+            return;
+        }
         slot = connections_.TryAcquire(address);
         if (!slot) {
             metrics_.CountRefusedConnection();

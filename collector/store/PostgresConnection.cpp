@@ -203,6 +203,9 @@ public:
     // back to the file system, without the exclusive lock of VACUUM FULL.
     StoreResult Reclaim() override { return ExecScript("VACUUM"); }
 
+    // The server manages its own memory and checkpoints.
+    StoreResult PrepareForBulkLoad() override { return StoreResult::Ok; }
+
 private:
     // A statement's parameters as libpq takes them: integers as text, byte strings as
     // binary bytea.

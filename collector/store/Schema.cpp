@@ -147,6 +147,20 @@ CREATE INDEX breakdown_by_value ON breakdown (dim, value, day, count, repeats);
 DROP INDEX breakdown_by_dim;
 )";
 
+// Version 4: dumps are no longer stored as bytes (dumps.bytes is empty in new rows; the
+// report's body holds them). Rows written before keep their bytes and are read from them,
+// so nothing is rewritten; the version tells an older collector that it cannot read the
+// dumps of this database.
+const char* const kVersion4 = "";
+
+// Version 5: breakdowns also per block of 32 days (the dimension plus 16, the block
+// number in `day`), summed from the day rows already kept.
+const char* const kVersion5 = R"(
+INSERT INTO breakdown (dim, day, value, count, repeats)
+    SELECT dim + 16, day / 32, value, sum(count), sum(repeats) FROM breakdown WHERE dim < 16
+    GROUP BY dim + 16, day / 32, value;
+)";
+
 void ReplaceAll(std::string& text, const std::string& word, const std::string& with) {
     for (size_t at = text.find(word); at != std::string::npos;
          at = text.find(word, at + with.size())) {
@@ -208,7 +222,7 @@ StoreResult Migrate(SqlConnection& connection, int target, int& version, std::st
                 ") is newer than this collector's (" + std::to_string(kSchemaVersion) + ")";
         return StoreResult::Error;
     }
-    const char* const steps[] = {kVersion1, kVersion2, kVersion3};
+    const char* const steps[] = {kVersion1, kVersion2, kVersion3, kVersion4, kVersion5};
     while (version < target) {
         if ((result = connection.Begin()) != StoreResult::Ok) {
             error = "cannot begin a schema change";

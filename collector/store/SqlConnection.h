@@ -83,6 +83,9 @@ public:
 
     // Gives the space of deleted rows back (after a purge); outside a transaction.
     virtual StoreResult Reclaim() = 0;
+
+    // This connection will write many large transactions in a row (see Store).
+    virtual StoreResult PrepareForBulkLoad() = 0;
 };
 
 // `path`: a SQLite file, made 0600 in a directory made 0700 when missing.

@@ -97,6 +97,14 @@ constexpr int64_t kLongBreakdownDays = 60;
 
 }  // namespace
 
+// A dimension's figures for all time: its block rows where they are kept (fewer rows, the
+// same sums), else its day rows.
+int SqlStore::AllTimeDimension(int dimension) const {
+    return m_schemaVersion >= 5 ? dimension + kBlockDimensionOffset : dimension;
+}
+
+namespace {}  // namespace
+
 bool ParseBreakdownBy(const std::string& text, BreakdownBy& by) {
     const char* const names[] = {"version", "os", "locale", "customer", "crash_module"};
     for (int i = 0; i < 5; ++i) {
@@ -126,7 +134,7 @@ StoreResult SqlStore::ReportsMatching(const ReportFilter& filter, int64_t& count
         rows.clear();
         if (result == StoreResult::Ok) {
             result = m_db->Exec("SELECT sum(count) FROM breakdown WHERE dim = $1 AND value = $2",
-                                {static_cast<int>(by), value}, &rows);
+                                {AllTimeDimension(static_cast<int>(by)), value}, &rows);
         }
         count = std::min(count, rows.empty() ? 0 : rows[0][0].Int());
     };
@@ -164,7 +172,7 @@ StoreResult SqlStore::ListReports(const ReportFilter& filter, const ReportCursor
         std::vector<SqlRow> rows;
         if (result == StoreResult::Ok && others != INT64_MAX) {
             result = m_db->Exec("SELECT sum(count) FROM breakdown WHERE dim = $1 AND value = $2",
-                                {kModuleDimension, filter.module}, &rows);
+                                {AllTimeDimension(kModuleDimension), filter.module}, &rows);
             modules = rows.empty() ? 0 : rows[0][0].Int();
             byModule = others >= modules;
         }
@@ -345,22 +353,6 @@ StoreResult SqlStore::GetReport(int64_t id, StoredReport& report) {
     return StoreResult::Ok;
 }
 
-StoreResult SqlStore::GetDump(int64_t id, const std::string& module, std::string& bytes) {
-    std::vector<SqlRow> rows;
-    StoreResult result = m_db->Exec(
-        "SELECT d.bytes FROM report_dumps r JOIN dumps d ON d.machine_id = r.machine_id AND "
-        "d.module = r.module AND d.sha256 = r.sha256 WHERE r.report_id = $1 AND r.module = $2",
-        {id, module}, &rows);
-    if (result != StoreResult::Ok) {
-        return result;
-    }
-    if (rows.empty()) {
-        return StoreResult::NotFound;
-    }
-    bytes = std::move(rows[0][0].bytes);
-    return StoreResult::Ok;
-}
-
 StoreResult SqlStore::MachineReports(const std::string& machineId,
                                      std::vector<ReportSummary>& reports) {
     reports.clear();
@@ -411,15 +403,34 @@ StoreResult SqlStore::Breakdown(BreakdownBy by, int64_t firstDay, int64_t lastDa
         return StoreResult::Ok;
     }
     std::vector<SqlRow> rows;
-    // Over a long range, walking the value index and summing each value's days as they come
-    // reads no more rows than the day index would and needs no sort; SQLite is told so.
-    const bool longRange = lastDay - firstDay >= kLongBreakdownDays;
-    StoreResult result = m_db->Exec(
-        std::string("SELECT value, sum(count), sum(repeats) FROM breakdown") +
-            (m_sqlite && longRange && m_schemaVersion >= 3 ? " INDEXED BY breakdown_by_value"
-                                                           : "") +
-            " WHERE dim = $1 AND day BETWEEN $2 AND $3 GROUP BY value",
-        {static_cast<int>(by), firstDay, lastDay}, &rows);
+    StoreResult result;
+    // The whole blocks of days inside the range are read from their block rows, the days
+    // at its two ends from the day rows.
+    const int64_t firstBlock = (firstDay + kBreakdownBlockDays - 1) / kBreakdownBlockDays;
+    const int64_t lastBlock = (lastDay + 1) / kBreakdownBlockDays - 1;
+    if (m_schemaVersion >= 5 && firstDay >= 0 && firstBlock <= lastBlock) {
+        result = m_db->Exec(
+            "SELECT value, sum(count), sum(repeats) FROM (SELECT value, count, repeats FROM "
+            "breakdown WHERE dim = $1 AND day BETWEEN $2 AND $3 UNION ALL SELECT value, count, "
+            "repeats FROM breakdown WHERE dim = $1 AND day BETWEEN $4 AND $5 UNION ALL SELECT "
+            "value, count, repeats FROM breakdown WHERE dim = $6 AND day BETWEEN $7 AND $8) "
+            "AS parts GROUP BY value",
+            {static_cast<int>(by), firstDay, firstBlock * kBreakdownBlockDays - 1,
+             (lastBlock + 1) * kBreakdownBlockDays, lastDay,
+             static_cast<int>(by) + kBlockDimensionOffset, firstBlock, lastBlock},
+            &rows);
+    } else {
+        // Over a long range, walking the value index and summing each value's days as they
+        // come reads no more rows than the day index would and needs no sort; SQLite is
+        // told so.
+        const bool longRange = lastDay - firstDay >= kLongBreakdownDays;
+        result = m_db->Exec(
+            std::string("SELECT value, sum(count), sum(repeats) FROM breakdown") +
+                (m_sqlite && longRange && m_schemaVersion >= 3 ? " INDEXED BY breakdown_by_value"
+                                                               : "") +
+                " WHERE dim = $1 AND day BETWEEN $2 AND $3 GROUP BY value",
+            {static_cast<int>(by), firstDay, lastDay}, &rows);
+    }
     for (const SqlRow& row : rows) {
         BreakdownRow item{row[0].bytes, row[1].Int(), row[2].Int()};
         if (item.count != 0 || item.repeats != 0) {
@@ -476,7 +487,7 @@ StoreResult SqlStore::Modules(std::vector<ModuleSummary>& modules) {
             : m_db->Exec(
                   "SELECT value, sum(count) FROM breakdown WHERE dim = $1 GROUP BY value "
                   "ORDER BY value",
-                  {kModuleDimension}, &rows);
+                  {AllTimeDimension(kModuleDimension)}, &rows);
     for (const SqlRow& row : rows) {
         if (row[1].Int() != 0 || m_schemaVersion < 2) {
             modules.push_back({row[0].bytes, row[1].Int()});

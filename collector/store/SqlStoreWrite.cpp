@@ -30,6 +30,40 @@ bool CountsAsMachine(const std::string& machineId) {
     return !machineId.empty() && machineId != kUnknownMachineId;
 }
 
+// The most rows one INSERT carries. Each statement has a fixed cost on the server (bind,
+// executor start, a round of triggers), so a batch's rows of a small table go in few
+// statements; their sizes are powers of two, so that a connection prepares at most nine
+// shapes per table.
+constexpr size_t kRowsPerInsert = 256;
+
+// Appends to `statements` the INSERTs of `values` (rows of `columns` values each, in
+// order): "`head` VALUES (...), (...) `tail`".
+void AppendInserts(const std::string& head, const std::string& tail, size_t columns,
+                   std::vector<SqlValue>&& values, std::vector<SqlStatement>& statements) {
+    const size_t rows = columns == 0 ? 0 : values.size() / columns;
+    for (size_t done = 0; done < rows;) {
+        size_t chunk = kRowsPerInsert;
+        while (chunk > rows - done) {
+            chunk /= 2;
+        }
+        SqlStatement statement;
+        statement.sql = head + " VALUES ";
+        for (size_t row = 0; row < chunk; ++row) {
+            statement.sql += row == 0 ? "(" : ", (";
+            for (size_t column = 0; column < columns; ++column) {
+                statement.sql +=
+                    (column == 0 ? "$" : ", $") + std::to_string(row * columns + column + 1);
+            }
+            statement.sql += ")";
+        }
+        statement.sql += tail;
+        statement.params.assign(std::make_move_iterator(values.begin() + done * columns),
+                                std::make_move_iterator(values.begin() + (done + chunk) * columns));
+        statements.push_back(std::move(statement));
+        done += chunk;
+    }
+}
+
 }  // namespace
 
 SqlStore::SqlStore(std::unique_ptr<SqlConnection> connection, int schemaVersion)
@@ -39,6 +73,10 @@ SqlStore::SqlStore(std::unique_ptr<SqlConnection> connection, int schemaVersion)
 
 StoreResult SqlStore::Ping() {
     return m_db->Exec("SELECT 1", {}, nullptr);
+}
+
+StoreResult SqlStore::PrepareForBulkLoad() {
+    return m_db->PrepareForBulkLoad();
 }
 
 template <typename Work>
@@ -116,12 +154,21 @@ StoreResult SqlStore::Insert(const std::vector<Pending>& batch,
             (result = InsertMachineDays(batch, outcomes, rollup)) != StoreResult::Ok) {
             return result;
         }
+        std::vector<SqlValue> moduleRows;
         for (size_t i = 0; i < batch.size(); ++i) {
-            if (!outcomes[i].duplicate &&
-                (result = InsertDetails(batch[i], outcomes[i].id, rollup)) != StoreResult::Ok) {
+            if (outcomes[i].duplicate) {
+                continue;
+            }
+            if ((result = InsertDetails(batch[i], outcomes[i].id, rollup)) != StoreResult::Ok) {
                 return result;
             }
+            for (const std::string& module : batch[i].report->modules) {
+                moduleRows.insert(moduleRows.end(),
+                                  {outcomes[i].id, module, batch[i].report->received});
+            }
         }
+        AppendInserts("INSERT INTO report_modules (report_id, module, received)",
+                      " ON CONFLICT DO NOTHING", 3, std::move(moduleRows), m_deferred);
         return WriteRollup(rollup);
     });
 }
@@ -226,10 +273,6 @@ StoreResult SqlStore::InsertDetails(const Pending& pending, int64_t id, Rollup& 
         }
     }
     for (const std::string& module : r.modules) {
-        m_deferred.push_back(
-            {"INSERT INTO report_modules (report_id, module, received) VALUES ($1, $2, $3) "
-             "ON CONFLICT DO NOTHING",
-             {id, module, r.received}});
         rollup.breakdown[std::make_tuple(kModuleDimension, day, module)].first += 1;
     }
     if (r.kind != ReportKind::Damaged) {
@@ -252,18 +295,21 @@ StoreResult SqlStore::InsertMachineDays(const std::vector<Pending>& batch,
             machineDays.emplace(DayOf(r.received), r.machineId);
         }
     }
-    std::vector<SqlStatement> statements;
+    std::vector<SqlValue> values;
+    values.reserve(machineDays.size() * 2);
     for (const auto& machineDay : machineDays) {
-        statements.push_back(
-            {"INSERT INTO machine_days (day, machine_id) VALUES ($1, $2) ON CONFLICT DO NOTHING "
-             "RETURNING day",
-             {machineDay.first, machineDay.second}});
+        values.insert(values.end(), {machineDay.first, machineDay.second});
     }
+    // A row comes back for each machine day that is new.
+    std::vector<SqlStatement> statements;
+    AppendInserts("INSERT INTO machine_days (day, machine_id)",
+                  " ON CONFLICT DO NOTHING RETURNING day", 2, std::move(values), statements);
     std::vector<std::vector<SqlRow>> rows;
     StoreResult result = m_db->ExecBatch(statements, &rows);
     for (size_t k = 0; k < rows.size() && result == StoreResult::Ok; ++k) {
-        rollup.daily[statements[k].params[0].integer].machines +=
-            static_cast<int64_t>(rows[k].size());
+        for (const SqlRow& row : rows[k]) {
+            rollup.daily[row[0].Int()].machines += 1;
+        }
     }
     return result;
 }
@@ -285,7 +331,8 @@ StoreResult SqlStore::InsertDumps(const std::vector<Pending>& batch,
         }
     }
     // First the dumps (a dump kept already makes this copy a repeat), then the reports'
-    // references to them.
+    // references to them. A dump's bytes are not stored: the report's body holds them
+    // (GetDump decodes them from it), so each dump would otherwise be written twice.
     std::vector<SqlStatement> statements;
     for (const auto& entry : dumps) {
         const CrashDump& dump = *entry.second.first;
@@ -294,7 +341,7 @@ StoreResult SqlStore::InsertDumps(const std::vector<Pending>& batch,
             {"INSERT INTO dumps (machine_id, module, sha256, size, bytes) VALUES ($1, $2, $3, "
              "$4, $5) ON CONFLICT DO NOTHING RETURNING size",
              {r.machineId, dump.module, dump.sha256, static_cast<int64_t>(dump.size),
-              SqlValue::Blob(dump.bytes)}});
+              SqlValue::Blob(std::string())}});
     }
     std::vector<std::vector<SqlRow>> rows;
     StoreResult result = m_db->ExecBatch(statements, &rows);
@@ -446,11 +493,23 @@ StoreResult SqlStore::WriteRollup(const Rollup& rollup) {
             "$5)" +
             upsert("(dim, day, value)",
                    "count = count + excluded.count, repeats = repeats + excluded.repeats");
+        // The day rows, and from version 5 on the same figures summed per block of days.
+        std::map<std::tuple<int, int64_t, std::string>, std::pair<int64_t, int64_t>> blocks;
         for (const auto& entry : rollup.breakdown) {
+            const auto& [dimension, day, value] = entry.first;
             statements.push_back(
-                {sql,
-                 {std::get<0>(entry.first), std::get<1>(entry.first), std::get<2>(entry.first),
-                  entry.second.first, entry.second.second}});
+                {sql, {dimension, day, value, entry.second.first, entry.second.second}});
+            if (m_schemaVersion >= 5) {
+                auto& block = blocks[std::make_tuple(dimension + kBlockDimensionOffset,
+                                                     day / kBreakdownBlockDays, value)];
+                block.first += entry.second.first;
+                block.second += entry.second.second;
+            }
+        }
+        for (const auto& entry : blocks) {
+            const auto& [dimension, block, value] = entry.first;
+            statements.push_back(
+                {sql, {dimension, block, value, entry.second.first, entry.second.second}});
         }
     }
     const std::string fieldSql =
@@ -498,7 +557,25 @@ StoreResult SqlStore::PurgeOlderThan(int64_t before, int64_t& removed) {
             "DELETE FROM machine_days WHERE day < $2", "DELETE FROM field_days WHERE day < $2",
             "DELETE FROM value_days WHERE day < $2",
         };
-        if (m_schemaVersion >= 2) {
+        if (m_schemaVersion >= 5) {
+            // The block that holds the first kept day loses the days before it; the blocks
+            // before it go whole, with the day rows.
+            const int64_t block = firstKeptDay / kBreakdownBlockDays;
+            const std::string blockDay = std::to_string(block);
+            statements.push_back(
+                "INSERT INTO breakdown (dim, day, value, count, repeats) SELECT dim + " +
+                std::to_string(kBlockDimensionOffset) + ", " + blockDay +
+                ", value, -sum(count), -sum(repeats) FROM breakdown WHERE dim < " +
+                std::to_string(kBlockDimensionOffset) + " AND day >= " +
+                std::to_string(block * kBreakdownBlockDays) + " AND day < $2 GROUP BY dim, value" +
+                (m_sqlite ? " ON CONFLICT (dim, day, value) DO UPDATE SET count = count + "
+                            "excluded.count, repeats = repeats + excluded.repeats"
+                          : ""));
+            statements.push_back(
+                "DELETE FROM breakdown WHERE (dim < " + std::to_string(kBlockDimensionOffset) +
+                " AND day < $2) OR (dim >= " + std::to_string(kBlockDimensionOffset) +
+                " AND day < " + blockDay + ")");
+        } else if (m_schemaVersion >= 2) {
             statements.push_back("DELETE FROM breakdown WHERE day < $2");
         }
         statements.push_back(

@@ -171,6 +171,11 @@ public:
     // Ok when the storage answers (readiness).
     virtual StoreResult Ping() = 0;
 
+    // For a program that writes many batches one after the other (import, migrate): the
+    // back end may keep more of the database in memory and space its housekeeping out.
+    // Durability and what other Stores on the database see are unchanged.
+    virtual StoreResult PrepareForBulkLoad() = 0;
+
     // Stores reports read from another store, with their duplicate arrivals (migrate).
     virtual StoreResult CopyBatch(const std::vector<ValidatedReport>& batch,
                                   const std::vector<std::vector<int64_t>>& duplicateTimes,

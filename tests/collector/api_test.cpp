@@ -188,7 +188,9 @@ TEST_F(Api, OneReportItsDownloadsAndItsMachine) {
               disposition);
     ApiAnswer raw = Get("/api/reports/" + std::to_string(firstId) + "/raw");
     EXPECT_EQ("application/octet-stream", raw.contentType);
-    EXPECT_EQ(pwsupport::MakeReport(kB, 0, 0, "k").body, raw.body);
+    ValidatedReport first = pwsupport::MakeReport(kB, 0, 0, "k");
+    pwsupport::AddDump(first, "../etc/passwd", "DUMPBYTES");
+    EXPECT_EQ(first.body, raw.body);
     // 2^60 does not fit a double exactly: it is given as text.
     Json second = Json::parse(Get("/api/reports/" + std::to_string(secondId)).body);
     EXPECT_EQ("1152921504606846976", second["os"]["major"]);

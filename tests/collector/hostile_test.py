@@ -165,6 +165,28 @@ class Hostile(unittest.TestCase):
         finally:
             capped.stop()
 
+    def test_an_address_that_keeps_overrunning_its_deadlines_is_refused_before_tls(self):
+        """After `slow_client_strikes` deadline overruns within a minute, connections from
+        that address are closed before the TLS handshake; other addresses are served."""
+        guarded = Collector("guarded", extra={"header_timeout": "1", "slow_client_strikes": "2"})
+        guarded.start()
+        try:
+            silent = [socket.create_connection(("127.0.0.1", guarded.port)) for _ in range(2)]
+            for sock in silent:
+                sock.settimeout(10)
+                self.assertEqual(b"", sock.recv(1), "closed at the handshake deadline")
+                sock.close()
+            with self.assertRaises((ssl.SSLError, ConnectionError)):
+                guarded.connect().close()
+            other = socket.create_connection(("127.0.0.1", guarded.port), timeout=10,
+                                             source_address=("127.0.0.2", 0))
+            with guarded.context.wrap_socket(other, server_hostname=SERVER_NAME) as tls:
+                tls.sendall(b"GET /healthz HTTP/1.1\r\nHost: x\r\n\r\n")
+                self.assertEqual(200, read_answers(tls, 1)[0][0])
+            self.assertIn("refusing connections from 127.0.0.1 for 60 s", guarded.log())
+        finally:
+            guarded.stop()
+
     def test_head_is_answered_as_get_without_a_body(self):
         """HEAD gets GET's status and header, its Content-Length included, and no body: the
         GET pipelined behind it is then read whole and on its own."""

@@ -50,6 +50,46 @@ TEST(AddressQuotas, PostsRefillAtTheMinuteRateAndBytesPerHour) {
     EXPECT_TRUE(bytes.AdmitPost("a", 200, 3600.0, retry)) << "a new hour";
 }
 
+TEST(SlowClientGuard, RefusesAnAddressForAMinuteAfterItsStrikesWithinOne) {
+    SlowClientGuard guard(3);
+    EXPECT_FALSE(guard.NoteOverrun("a", 0.0));
+    EXPECT_FALSE(guard.NoteOverrun("a", 59.0));
+    EXPECT_TRUE(guard.NoteOverrun("a", 59.5)) << "the third within a minute begins a refusal";
+    EXPECT_TRUE(guard.Refused("a", 60.0));
+    EXPECT_FALSE(guard.Refused("b", 60.0)) << "addresses are apart";
+    EXPECT_FALSE(guard.NoteOverrun("a", 100.0)) << "a refusal is logged once";
+    EXPECT_FALSE(guard.Refused("a", 119.5)) << "the minute is over";
+
+    EXPECT_FALSE(guard.NoteOverrun("c", 0.0));
+    EXPECT_FALSE(guard.NoteOverrun("c", 30.0));
+    EXPECT_FALSE(guard.NoteOverrun("c", 61.0)) << "the first fell out of its window";
+    EXPECT_FALSE(guard.Refused("c", 61.0));
+
+    SlowClientGuard off(0);
+    for (int i = 0; i < 100; ++i)
+        EXPECT_FALSE(off.NoteOverrun("a", i));
+    EXPECT_FALSE(off.Refused("a", 100.0));
+}
+
+TEST(BodyBudget, LargeBodiesNeitherStarveSmallOnesNorLetOneAddressHoldTheRest) {
+    using Pool = BodyBudget::Pool;
+    constexpr uint64_t MiB = 1 << 20;
+    BodyBudget budget(80 * MiB);  // 10 MiB for small bodies, 70 for the rest, 17.5 an address
+    EXPECT_EQ(Pool::Large, budget.TryReserve("a", 16 * MiB));
+    EXPECT_EQ(Pool::None, budget.TryReserve("a", 16 * MiB)) << "past the address's share";
+    for (const char* other : {"b", "c", "d"})
+        EXPECT_EQ(Pool::Large, budget.TryReserve(other, 16 * MiB)) << other;
+    EXPECT_EQ(Pool::None, budget.TryReserve("e", 16 * MiB)) << "the large pool is full";
+    EXPECT_EQ(Pool::Small, budget.TryReserve("a", 600)) << "small bodies have their own";
+    for (int i = 0; i < 159; ++i)
+        ASSERT_EQ(Pool::Small, budget.TryReserve("f", 64 * 1024)) << i;
+    EXPECT_EQ(Pool::Large, budget.TryReserve("f", 64 * 1024)) << "then draw on the rest";
+    budget.Release("b", 16 * MiB, Pool::Large);
+    EXPECT_EQ(Pool::Large, budget.TryReserve("e", 16 * MiB)) << "a release makes room";
+    budget.Release("a", 16 * MiB, Pool::Large);
+    EXPECT_EQ(Pool::Large, budget.TryReserve("a", 16 * MiB)) << "and gives the share back";
+}
+
 TEST(AddressQuotas, DamagedBytesPerDay) {
     AddressQuotas quotas({60, 1u << 30, 100});
     EXPECT_TRUE(quotas.AdmitDamaged("a", 60, 0.0));

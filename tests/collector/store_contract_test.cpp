@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <map>
 #include <random>
 #include <thread>
 
@@ -98,6 +99,50 @@ TEST_P(StoreContract, DuplicatesRepeatsAndTheUnknownMachine) {
     ASSERT_EQ(1u, crashes.size());
     EXPECT_EQ(2, crashes[0].count);
     EXPECT_EQ(1, crashes[0].repeats);
+}
+
+// A dump is read from the report's body unless its row holds bytes (as rows stored by
+// earlier versions do); a body that no longer holds it is an error, never wrong bytes.
+TEST_P(StoreContract, DumpsAreReadFromTheirRowOrTheBody) {
+    TestDatabase db(GetParam());
+    auto store = db.Open();
+    std::string error;
+    auto sql = GetParam() == "sqlite" ? OpenSqlite(db.location(), error)
+                                      : OpenPostgres(db.location(), error);
+    ASSERT_TRUE(store && sql) << error;
+    const std::string dump("MDMP\0\x01\xff tail", 12);
+    struct Case {
+        const char* name;
+        bool oldRow;        // the row holds the dump's bytes
+        bool bodyReplaced;  // the body no longer holds the dump
+        StoreResult result;
+    };
+    const Case cases[] = {
+        {"new row", false, false, StoreResult::Ok},
+        {"old row", true, true, StoreResult::Ok},
+        {"new row, body without it", false, true, StoreResult::Error},
+    };
+    for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i) {
+        const Case& c = cases[i];
+        SCOPED_TRACE(c.name);
+        ValidatedReport r = MakeReport(i % 2 ? kA : kB, static_cast<int64_t>(i), kT0, c.name);
+        AddDump(r, "Core", dump + c.name);
+        const int64_t id = Insert(*store, {r})[0].id;
+        if (c.oldRow) {
+            ASSERT_EQ(StoreResult::Ok,
+                      sql->Exec("UPDATE dumps SET bytes = $2 WHERE sha256 = $1",
+                                {r.crashDumps[0].sha256, SqlValue::Blob(r.crashDumps[0].bytes)},
+                                nullptr));
+        }
+        if (c.bodyReplaced) {
+            ASSERT_EQ(StoreResult::Ok,
+                      sql->Exec("UPDATE reports SET body = $2 WHERE id = $1",
+                                {id, SqlValue::Blob(MakeReport(kA, 0, 0, "").body)}, nullptr));
+        }
+        std::string bytes;
+        EXPECT_EQ(c.result, store->GetDump(id, "Core", bytes));
+        EXPECT_EQ(c.result == StoreResult::Ok ? dump + c.name : "", bytes);
+    }
 }
 
 TEST_P(StoreContract, HostileTextRoundTrips) {
@@ -248,6 +293,61 @@ TEST_P(StoreContract, RollupsAfterPurgeEqualAStoreThatNeverHadThePurged) {
             }
         }
     }
+}
+
+TEST_P(StoreContract, BreakdownsOverLongRangesEqualTheirDaysSummed) {
+    // Reports over 100 days (a few blocks of days); then a purge by age that cuts a block,
+    // and a purge of one machine. A range's breakdown must equal its days' summed.
+    TestDatabase database(GetParam());
+    auto store = database.Open();
+    ASSERT_TRUE(store);
+    const int64_t day0 = kT0 / kDay;
+    std::vector<ValidatedReport> batch;
+    for (int i = 0; i < 90; ++i) {
+        batch.push_back(MakeReport(i % 4 ? kA : kB, i, kT0 + ((i * 37) % 100 - 40) * kDay,
+                                   std::string(1 + i % 3, 'a' + i % 5)));
+        if (i % 6 == 0)
+            AddDump(batch.back(), i % 12 ? "Core" : "Ui", "dump" + std::to_string(i % 4));
+    }
+    Insert(*store, batch);
+    auto summed = [&](BreakdownBy by, int64_t first, int64_t last) {
+        std::map<std::string, std::pair<int64_t, int64_t>> sums;
+        for (int64_t day = first; day <= last; ++day) {
+            std::vector<BreakdownRow> rows;
+            EXPECT_EQ(StoreResult::Ok, store->Breakdown(by, day, day, rows));
+            for (const BreakdownRow& row : rows) {
+                sums[row.value].first += row.count;
+                sums[row.value].second += row.repeats;
+            }
+        }
+        return sums;
+    };
+    auto check = [&](const char* when) {
+        const std::pair<int64_t, int64_t> ranges[] = {{day0 - 40, day0 + 60},
+                                                      {day0 - 31, day0 + 33},
+                                                      {day0 - 33, day0 - 2},
+                                                      {day0, day0 + 63}};
+        for (const auto& [first, last] : ranges) {
+            for (int by = 0; by < 5; ++by) {
+                std::vector<BreakdownRow> rows;
+                ASSERT_EQ(StoreResult::Ok,
+                          store->Breakdown(static_cast<BreakdownBy>(by), first, last, rows));
+                std::map<std::string, std::pair<int64_t, int64_t>> read;
+                for (const BreakdownRow& row : rows)
+                    read[row.value] = {row.count, row.repeats};
+                EXPECT_EQ(summed(static_cast<BreakdownBy>(by), first, last), read)
+                    << when << ": by " << by << " over " << first << ".." << last;
+            }
+        }
+    };
+    check("as inserted");
+    int64_t removed = 0;
+    ASSERT_EQ(StoreResult::Ok, store->PurgeOlderThan(kT0 - 29 * kDay + 5, removed));
+    EXPECT_GT(removed, 0);
+    check("after a purge by age");
+    ASSERT_EQ(StoreResult::Ok, store->PurgeMachine(kB, removed));
+    EXPECT_GT(removed, 0);
+    check("after a purge of a machine");
 }
 
 TEST_P(StoreContract, AnOlderSchemaIsBroughtUpToDate) {

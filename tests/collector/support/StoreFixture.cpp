@@ -72,7 +72,10 @@ std::string Sha256Hex(const std::string& bytes) {
 collector::ValidatedReport MakeReport(const std::string& machine, int64_t period, int64_t received,
                                       const std::string& content) {
     collector::ValidatedReport r;
-    r.body = "li7e40:" + machine + "i3el" + content + "ee";
+    // The report's layout, its dictionary holding only the content (AddDump adds a dump).
+    r.body = "li7e40:" + machine + "i3eli" + std::to_string(period) + "ei" +
+             std::to_string(period + 600) + "ed7:Content" + std::to_string(content.size()) + ":" +
+             content + "eee";
     r.sha256 = Sha256Hex(r.body);
     r.received = received;
     r.clientAddress = "192.0.2.7";
@@ -95,6 +98,17 @@ collector::ValidatedReport MakeReport(const std::string& machine, int64_t period
 
 void AddDump(collector::ValidatedReport& report, const std::string& module,
              const std::string& bytes) {
+    // The dump goes into the body as a client sends it, base64 in CrashData, where the
+    // store reads it back from.
+    std::string base64(4 * ((bytes.size() + 2) / 3), '\0');
+    EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&base64[0]),
+                    reinterpret_cast<const unsigned char*>(bytes.data()),
+                    static_cast<int>(bytes.size()));
+    report.body.resize(report.body.size() - 3);  // into the report dictionary
+    report.body += "22:QualityImprovementDatad12:CrashReportsd" + std::to_string(module.size()) +
+                   ":" + module + "d9:CrashData" + std::to_string(base64.size()) + ":" + base64 +
+                   "eeeeee";
+    report.sha256 = Sha256Hex(report.body);
     report.kind = collector::ReportKind::Crash;
     report.crashDumps.push_back({module, Sha256Hex(bytes), bytes.size(), bytes});
     report.modules.push_back(module);

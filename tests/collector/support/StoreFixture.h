@@ -27,7 +27,8 @@ private:
 // `received`, whose body is made from `content` (same content, same SHA-256).
 collector::ValidatedReport MakeReport(const std::string& machine, int64_t period, int64_t received,
                                       const std::string& content);
-// Adds a crash dump of `module` with `bytes` and makes the report a crash report.
+// Adds a crash dump of `module` with `bytes` (to the body too, in base64, as a client
+// sends it) and makes the report a crash report.
 void AddDump(collector::ValidatedReport& report, const std::string& module,
              const std::string& bytes);
 std::string Sha256Hex(const std::string& bytes);
