@@ -30,7 +30,7 @@ struct CollectorSettings {
 
     // Limits of the receiving listener (keys in brackets).
     unsigned int headerTimeoutSeconds = 10;   // [header_timeout] first byte to last header
-    unsigned int slowClientStrikes = 16;      // [slow_client_strikes] deadline overruns a minute
+    unsigned int slowClientStrikes = 4;       // [slow_client_strikes] deadline overruns a minute
     unsigned int minBodyRate = 4096;          // [min_body_rate] bytes/s a body must keep up
     uint64_t bodyBudgetBytes = 384ull << 20;  // [body_budget] body bytes in flight, in all
     unsigned int postsPerMinutePerAddress = 600;          // [address_posts_per_minute]
