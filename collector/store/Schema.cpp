@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "store/SqlStore.h"
 #include "store/StoreLog.h"
 
 namespace collector {
@@ -155,6 +156,8 @@ const char* const kVersion4 = "";
 
 // Version 5: breakdowns also per block of 32 days (the dimension plus 16, the block
 // number in `day`), summed from the day rows already kept.
+static_assert(kBlockDimensionOffset == 16 && kBreakdownBlockDays == 32,
+              "the version 5 step writes the block rows with these numbers");
 const char* const kVersion5 = R"(
 INSERT INTO breakdown (dim, day, value, count, repeats)
     SELECT dim + 16, day / 32, value, sum(count), sum(repeats) FROM breakdown WHERE dim < 16
