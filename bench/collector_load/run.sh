@@ -23,6 +23,9 @@
 #                        generator and cefdump are built there when missing)
 #   --collector PROGRAM  the collector to measure (default: DIR/collector/pathweave-collector,
 #                        built when the tree has it); without one the collector is skipped
+#   --concurrency N      posts in flight (64: enough that each server, not the generator's
+#                        wait for answers, sets the rate; with 16 the generator sat idle a
+#                        quarter of the time waiting for the collector's durable commits)
 #   --sources N          loopback source addresses of the posts (256)
 #   --idle N             idle connections of the memory run (10000); --no-memory skips it
 #   --slow N             slow clients of the slow-client round (5000); 0 skips it
@@ -37,7 +40,7 @@ build="$root/build-bench"
 collector=""
 runs=5
 duration=10
-concurrency=16
+concurrency=64
 machines=10000
 mixes="feedback fleet"
 sources=256

@@ -24,17 +24,8 @@ KERNELS = [('6.1.0-18-686-pae', 6, 1, 76), ('6.1.0-25-686', 6, 1, 106), ('5.10.0
 CRASH_MODULES = ['VpnModule', 'OstraModule', 'WebSecurityModule', 'GuiModule', 'DownloaderModule']
 DUMP_SIZE = 64 * 1024
 
-
-def bencode(value):
-    if isinstance(value, int):
-        return b'i%de' % value
-    if isinstance(value, str):
-        value = value.encode()
-    if isinstance(value, bytes):
-        return b'%d:%s' % (len(value), value)
-    if isinstance(value, list):
-        return b'l' + b''.join(bencode(item) for item in value) + b'e'
-    return b'd' + b''.join(bencode(k) + bencode(value[k]) for k in sorted(value, key=str.encode)) + b'e'
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', 'tests', 'collector'))
+from collector_pytools import bencode  # noqa: E402
 
 
 class Fleet:

@@ -32,6 +32,9 @@ import tempfile
 import time
 import urllib.parse
 
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', 'tests', 'collector'))
+from collector_pytools import start_browser  # noqa: E402
+
 TOKEN = 'read-bench-' + os.urandom(8).hex()
 SINGLE_GOAL_MS, COMBINED_GOAL_MS, FIGURES_GOAL_MS = 50, 500, 200
 OVERVIEW_GOAL_MS, PAGE_GOAL_MS = 1500, 2000
@@ -171,21 +174,6 @@ def api_matrix(collector, values, first, last, cursors, rng):
     return rows
 
 
-def start_browser(directory):
-    from selenium import webdriver
-    from selenium.webdriver.chrome.service import Service
-    options = webdriver.ChromeOptions()
-    options.binary_location = '/usr/bin/chromium'
-    for argument in ['--headless', '--no-sandbox', '--disable-gpu', '--disable-background-networking',
-                     '--disable-component-update', '--disable-sync', '--no-first-run', '--window-size=1280,900',
-                     '--user-data-dir=' + directory + '/chromium']:
-        options.add_argument(argument)
-    driver = webdriver.Chrome(service=Service('/usr/bin/chromedriver'), options=options)
-    driver.execute_cdp_cmd('Network.enable', {})
-    driver.execute_cdp_cmd('Network.setExtraHTTPHeaders', {'headers': {'Authorization': 'Bearer ' + TOKEN}})
-    return driver
-
-
 def page_load(driver, url):
     # Milliseconds from navigation to the page's data-complete marker.
     driver.get(url)
@@ -210,7 +198,7 @@ def page_timings(collector, newest, loads, directory):
              ('reports', '/reports.html', PAGE_GOAL_MS),
              ('report', '/report.html?id=%s' % crash['id'], PAGE_GOAL_MS),
              ('machine', '/machine.html?id=%s' % machine, PAGE_GOAL_MS)]
-    driver = start_browser(directory)
+    driver = start_browser(directory, TOKEN)
     rows = []
     try:
         for name, path, goal in pages:

@@ -73,17 +73,17 @@ void ConnectionLimiter::Release(const std::string& address) {
 
 // --- SlowClientGuard ---------------------------------------------------------------------
 
-bool SlowClientGuard::NoteOverrun(const std::string& address, double now) {
+double SlowClientGuard::NoteOverrun(const std::string& address, double now) {
     if (strikes_ == 0)
-        return false;
+        return 0;
     std::lock_guard<std::mutex> lock(mutex_);
     // Forget addresses with nothing in the last window, at most once a window, so that the
     // table holds only the recent offenders.
     if (now - lastPrune_ > kWindowSeconds) {
         lastPrune_ = now;
         for (auto it = byAddress_.begin(); it != byAddress_.end();) {
-            const bool stale =
-                now - it->second.windowStart > kWindowSeconds && now >= it->second.refusedUntil;
+            const bool stale = now - it->second.windowStart > kWindowSeconds &&
+                               now - it->second.refusedUntil > kForgiveSeconds;
             it = stale ? byAddress_.erase(it) : std::next(it);
         }
     }
@@ -93,10 +93,17 @@ bool SlowClientGuard::NoteOverrun(const std::string& address, double now) {
         record.overruns = 0;
     }
     if (++record.overruns < strikes_ || now < record.refusedUntil)
-        return false;
-    record.refusedUntil = now + kWindowSeconds;
+        return 0;
+    if (record.refusals > 0 && now - record.refusedUntil > kForgiveSeconds)
+        record.refusals = 0;
+    double length = kWindowSeconds;
+    for (unsigned int i = 0; i < record.refusals && length < kLongestRefusalSeconds; ++i)
+        length *= 2;
+    length = std::min(length, kLongestRefusalSeconds);
+    ++record.refusals;
+    record.refusedUntil = now + length;
     record.overruns = 0;
-    return true;
+    return length;
 }
 
 bool SlowClientGuard::Refused(const std::string& address, double now) {

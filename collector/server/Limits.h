@@ -93,17 +93,23 @@ private:
 // Addresses whose connections keep running past their deadlines (a TLS handshake, a
 // request's header or its body too slow): after `strikes` of them within a minute, further
 // connections from the address are closed as they arrive, before any TLS work, for a
-// minute. A slowloris crowd closed at its deadlines that connects again at once would
+// minute at first. A slowloris crowd closed at its deadlines that connects again at once would
 // otherwise cost a TLS handshake per reconnection; refusing it costs an accept. Zero
 // strikes turns the guard off.
 class SlowClientGuard {
 public:
     static constexpr double kWindowSeconds = 60;
+    // A refusal lasts a window; each further one of the same address twice as long as the
+    // one before, up to kLongestRefusalSeconds, until the address has behaved for
+    // kForgiveSeconds after its last refusal: a crowd that comes back when its minute is
+    // over would otherwise cost its handshakes again every minute.
+    static constexpr double kLongestRefusalSeconds = 3600;
+    static constexpr double kForgiveSeconds = 3600;
     explicit SlowClientGuard(unsigned int strikes) : strikes_(strikes) {}
 
-    // One of `address`'s connections ran past a deadline at `now`. True when this begins a
-    // refusal (for the caller to log).
-    bool NoteOverrun(const std::string& address, double now);
+    // One of `address`'s connections ran past a deadline at `now`. The length in seconds of
+    // the refusal this begins (for the caller to log), 0 when it begins none.
+    double NoteOverrun(const std::string& address, double now);
     // Connections from `address` are refused at `now`.
     bool Refused(const std::string& address, double now);
 
@@ -112,6 +118,7 @@ private:
         double windowStart = 0;
         unsigned int overruns = 0;
         double refusedUntil = 0;
+        unsigned int refusals = 0;  // begun since the address was last forgiven
     };
 
     const unsigned int strikes_;

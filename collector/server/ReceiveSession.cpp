@@ -104,7 +104,8 @@ void ReceiveSession::NoteOverrun() {
     const bool slow = state_ == State::Header || state_ == State::Body ||
                       (state_ == State::Opening && addressKnown_);
     const double now = MonotonicSeconds();
-    if (!slow || !context_.slowClients.NoteOverrun(address_, now))
+    const double refusal = slow ? context_.slowClients.NoteOverrun(address_, now) : 0;
+    if (refusal == 0)
         return;
     uint64_t suppressed = 0;
     if (context_.slowLog.Allow(now, suppressed)) {
@@ -112,8 +113,7 @@ void ReceiveSession::NoteOverrun() {
                       "refusing connections from %s for %.0f s: %u of its connections ran past "
                       "their deadlines within a minute (%llu more addresses refused since the "
                       "last one logged)",
-                      address_.c_str(), SlowClientGuard::kWindowSeconds,
-                      context_.settings.slowClientStrikes,
+                      address_.c_str(), refusal, context_.settings.slowClientStrikes,
                       static_cast<unsigned long long>(suppressed));
     }
 }

@@ -17,6 +17,7 @@ import time
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "..", "tools", "feedback-server"))
 from localserver import make_certs  # noqa: E402
+from collector_pytools import bencode  # noqa: E402,F401 (the tests take it from here)
 
 PROGRAM = os.environ.get("PW_COLLECTOR", "pathweave-collector")
 WORK = os.environ.get("PW_COLLECTOR_WORK", "/tmp/pw-collector-tests")
@@ -43,20 +44,6 @@ def wait_for(condition, seconds=20.0):
             return True
         time.sleep(0.02)
     return condition()
-
-
-def bstr(value):
-    return b"%d:%s" % (len(value), value)
-
-
-def bencode(value):
-    if isinstance(value, int):
-        return b"i%de" % value
-    if isinstance(value, bytes):
-        return bstr(value)
-    if isinstance(value, list):
-        return b"l" + b"".join(bencode(v) for v in value) + b"e"
-    return b"d" + b"".join(bstr(k) + bencode(value[k]) for k in sorted(value)) + b"e"
 
 
 def report(machine="f7767a46386a76c454df13f192200202c13d6887", period=(1795474062, 1795474662),

@@ -53,8 +53,8 @@ def post_many(collector, clients, per_client, acknowledged, together=False):
 
 
 def calls(trace):
-    """(syscall, fd, socket?, start, end, result) from strace -f -ttt -yy output, with
-    unfinished calls joined to their ends."""
+    """(syscall, fd, path, start, end, result) from strace -f -ttt -yy output (path: the
+    file or socket the fd names), with unfinished calls joined to their ends."""
     pending, out = {}, []
     for line in trace:
         match = LINE.match(line)
@@ -64,11 +64,11 @@ def calls(trace):
         if resumed:
             if pid in pending and result is not None:
                 name, fd, path, start = pending.pop(pid)
-                out.append((name, int(fd), "TCP" in path, start, float(when), int(result)))
+                out.append((name, int(fd), path, start, float(when), int(result)))
         elif result is None:
             pending[pid] = (name, fd, path, float(when))
         else:
-            out.append((name, int(fd), "TCP" in path, float(when), float(when), int(result)))
+            out.append((name, int(fd), path, float(when), float(when), int(result)))
     return sorted(out, key=lambda call: call[4])
 
 
@@ -87,9 +87,12 @@ class Durability(unittest.TestCase):
         self.assertEqual(0, collector.stop())
         with open(trace_path) as trace:
             events = calls(trace)
-        syncs = [call for call in events if call[0] in SYNCS]
+        # Syncs of the store: the database or its write-ahead log, whichever thread made them.
+        store = os.path.realpath(collector.database)
+        syncs = [call for call in events if call[0] in SYNCS and call[2] in (store, store + "-wal")]
         last_read, answers, checked = {}, 0, 0
-        for name, fd, tcp, start, end, result in events:
+        for name, fd, path, start, end, result in events:
+            tcp = "TCP" in path
             if start < began:
                 continue  # the start-up's health check
             if tcp and name in READS and result > 0:

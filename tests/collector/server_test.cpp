@@ -59,6 +59,20 @@ TEST(SlowClientGuard, RefusesAnAddressForAMinuteAfterItsStrikesWithinOne) {
     EXPECT_FALSE(guard.Refused("b", 60.0)) << "addresses are apart";
     EXPECT_FALSE(guard.NoteOverrun("a", 100.0)) << "a refusal is logged once";
     EXPECT_FALSE(guard.Refused("a", 119.5)) << "the minute is over";
+    // An address that comes back is refused twice as long each time, up to an hour, until
+    // it has behaved for an hour after its last refusal.
+    double now = 200;
+    for (double expected : {120.0, 240.0, 480.0, 960.0, 1920.0, 3600.0, 3600.0}) {
+        guard.NoteOverrun("a", now);
+        guard.NoteOverrun("a", now);
+        EXPECT_EQ(expected, guard.NoteOverrun("a", now)) << "at " << now;
+        EXPECT_TRUE(guard.Refused("a", now + expected - 1));
+        now += expected;
+    }
+    now += SlowClientGuard::kForgiveSeconds + 1;
+    guard.NoteOverrun("a", now);
+    guard.NoteOverrun("a", now);
+    EXPECT_EQ(60.0, guard.NoteOverrun("a", now)) << "forgiven";
 
     EXPECT_FALSE(guard.NoteOverrun("c", 0.0));
     EXPECT_FALSE(guard.NoteOverrun("c", 30.0));

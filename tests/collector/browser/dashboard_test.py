@@ -21,11 +21,12 @@ import unittest
 import urllib.error
 import urllib.request
 
-from selenium import webdriver
-from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.support.ui import WebDriverWait
 
 PROGRAM, OUTPUT = sys.argv[1], sys.argv[2]
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..'))
+from collector_pytools import bencode, start_browser  # noqa: E402
+
 TOKEN = 'browser-test-token-' + os.urandom(8).hex()
 NOW = int(time.time())
 TODAY = NOW // 86400
@@ -45,19 +46,6 @@ HOSTILE = [
     '<b>' + 'W' * (512 * 1024 - 3),
 ]
 SHORT_HOSTILE = [text for text in HOSTILE if len(text) < 200]
-
-
-def bencode(value):
-    if isinstance(value, int):
-        return b'i%de' % value
-    if isinstance(value, str):
-        value = value.encode()
-    if isinstance(value, bytes):
-        return b'%d:%s' % (len(value), value)
-    if isinstance(value, list):
-        return b'l' + b''.join(bencode(item) for item in value) + b'e'
-    keys = sorted(value, key=lambda key: key.encode())
-    return b'd' + b''.join(bencode(key) + bencode(value[key]) for key in keys) + b'e'
 
 
 def report(machine, days_ago, version, data, customer='acme', locale='C.UTF-8', details='6.1.0-13'):
@@ -172,20 +160,6 @@ class Collector:
         self.log.close()
 
 
-def start_browser(directory):
-    options = webdriver.ChromeOptions()
-    options.binary_location = '/usr/bin/chromium'
-    for argument in ['--headless', '--no-sandbox', '--disable-gpu', '--disable-background-networking',
-                     '--disable-component-update', '--disable-sync', '--no-first-run', '--window-size=1280,900',
-                     '--user-data-dir=' + directory + '/chromium']:
-        options.add_argument(argument)
-    options.set_capability('goog:loggingPrefs', {'browser': 'ALL'})
-    driver = webdriver.Chrome(service=Service('/usr/bin/chromedriver'), options=options)
-    driver.execute_cdp_cmd('Network.enable', {})
-    driver.execute_cdp_cmd('Network.setExtraHTTPHeaders', {'headers': {'Authorization': 'Bearer ' + TOKEN}})
-    return driver
-
-
 # What a page shows, read in the page: every report text (all cut texts shown whole first),
 # the tiles, the rows of a table, and what would betray markup made from data.
 READ_PAGE = '''
@@ -216,7 +190,7 @@ class DashboardTest(unittest.TestCase):
         cls.directory = tempfile.mkdtemp(prefix='pw-dashboard-')
         cls.collector = Collector(cls.directory)
         try:
-            cls.driver = start_browser(cls.directory)
+            cls.driver = start_browser(cls.directory, TOKEN, console=True)
         except Exception:
             cls.collector.stop()
             raise
