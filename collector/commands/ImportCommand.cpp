@@ -1,8 +1,10 @@
-// import [--received TIME] PATH...: report files (as a client keeps them in its outbound
-// directory) or bodies as posted ("data=" and the report) from disk, through the same
-// validation, duplicate check and daily figures as reports that arrive over the network.
-// A directory stands for the regular files in it, in name order. Reports go to the store
-// in batches; the store lets this run beside a running service on the same database.
+// import [--received TIME] PATH... [--received TIME PATH...]...: report files (as a client
+// keeps them in its outbound directory) or bodies as posted ("data=" and the report) from
+// disk, through the same validation, duplicate check and daily figures as reports that
+// arrive over the network. A directory stands for the regular files in it, in name order.
+// Each --received gives the time received of the paths after it (and of those before the
+// first), so that a recorded set spanning many days loads in one run. Reports go to the
+// store in batches; the store lets this run beside a running service on the same database.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -41,7 +43,8 @@ const size_t kBatchReports = 5000;
 const size_t kBatchBytes = 64u * 1024 * 1024;
 const size_t kFewestPerBatch = 500;
 
-const char kImportUsage[] = "usage: pathweave-collector import [--received TIME] PATH...\n";
+const char kImportUsage[] =
+    "usage: pathweave-collector import [--received TIME] PATH... [--received TIME PATH...]...\n";
 
 class Descriptor {
 public:
@@ -95,18 +98,28 @@ bool ReadBody(const std::string& path, std::string& body, std::string& error) {
 
 struct ImportFile {
     std::string path;
-    uint64_t size;  // when listed; a batch is cut by it
+    uint64_t size;     // when listed; a batch is cut by it
+    size_t timeIndex;  // its --received, or kNow
 };
 
+// A path as named, and which --received it falls under.
+struct ImportPath {
+    std::string path;
+    size_t timeIndex;
+};
+
+const size_t kNow = static_cast<size_t>(-1);
+
 // The files that `path` stands for: itself, or the regular files of a directory by name.
-bool ExpandPath(const std::string& path, std::vector<ImportFile>& files, std::string& error) {
+bool ExpandPath(const ImportPath& named, std::vector<ImportFile>& files, std::string& error) {
+    const std::string& path = named.path;
     struct stat status;
     if (stat(path.c_str(), &status) != 0) {
         error = strerror(errno);
         return false;
     }
     if (!S_ISDIR(status.st_mode)) {
-        files.push_back({path, static_cast<uint64_t>(status.st_size)});
+        files.push_back({path, static_cast<uint64_t>(status.st_size), named.timeIndex});
         return true;
     }
     std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(path.c_str()), &closedir);
@@ -120,7 +133,7 @@ bool ExpandPath(const std::string& path, std::vector<ImportFile>& files, std::st
         const std::string full = path + "/" + name;
         if (name != "." && name != ".." && stat(full.c_str(), &status) == 0 &&
             S_ISREG(status.st_mode)) {
-            listed.push_back({full, static_cast<uint64_t>(status.st_size)});
+            listed.push_back({full, static_cast<uint64_t>(status.st_size), named.timeIndex});
         }
     }
     std::sort(listed.begin(), listed.end(),
@@ -137,8 +150,10 @@ struct Chunk {
 };
 
 // Reads and validates `files` on up to `threads` threads, each taking a contiguous share,
-// so that the reports keep the files' order.
-Chunk ReadChunk(const std::vector<ImportFile>& files, size_t threads, int64_t received) {
+// so that the reports keep the files' order. A file's time received is times[timeIndex],
+// or `now`.
+Chunk ReadChunk(const std::vector<ImportFile>& files, size_t threads,
+                const std::vector<int64_t>& times, int64_t now) {
     Chunk chunk;
     chunk.reports.resize(files.size());
     std::vector<std::string> errors(files.size());
@@ -154,7 +169,8 @@ Chunk ReadChunk(const std::vector<ImportFile>& files, size_t threads, int64_t re
                 body.insert(0, kPrefix);
             }
             chunk.reports[i] = ValidateBody(std::move(body), false);
-            chunk.reports[i].received = received;
+            chunk.reports[i].received =
+                files[i].timeIndex == kNow ? now : times[files[i].timeIndex];
             read[i] = true;
         }
     };
@@ -215,11 +231,11 @@ bool StoreBatch(Store& store, std::vector<ValidatedReport>& batch, Totals& total
 }  // namespace
 
 int RunImport(const CollectorSettings& settings, const std::vector<std::string>& args) {
-    bool fixedTime = false;
-    int64_t received = 0;
-    std::vector<std::string> paths;
+    std::vector<int64_t> times;
+    std::vector<ImportPath> paths;
     for (size_t i = 0; i < args.size(); ++i) {
         if (args[i] == "--received") {
+            int64_t received = 0;
             if (i + 1 == args.size() || !pwhost::ParseClockStartValue(args[i + 1], received)) {
                 fprintf(stderr,
                         "pathweave-collector: import: --received needs a time (UNIX seconds, "
@@ -227,14 +243,19 @@ int RunImport(const CollectorSettings& settings, const std::vector<std::string>&
                         kImportUsage);
                 return 2;
             }
-            fixedTime = true;
+            times.push_back(received);
             ++i;
         } else if (!args[i].empty() && args[i][0] == '-' && args[i] != "-") {
             fprintf(stderr, "pathweave-collector: import: unknown option %s\n%s", args[i].c_str(),
                     kImportUsage);
             return 2;
         } else {
-            paths.push_back(args[i]);
+            paths.push_back({args[i], times.empty() ? 0 : times.size() - 1});
+        }
+    }
+    if (times.empty()) {
+        for (ImportPath& path : paths) {
+            path.timeIndex = kNow;
         }
     }
     if (paths.empty()) {
@@ -257,9 +278,10 @@ int RunImport(const CollectorSettings& settings, const std::vector<std::string>&
     }
     Totals totals;
     std::vector<ImportFile> files;
-    for (const std::string& path : paths) {
+    for (const ImportPath& path : paths) {
         if (!ExpandPath(path, files, error)) {
-            fprintf(stderr, "pathweave-collector: import: %s: %s\n", path.c_str(), error.c_str());
+            fprintf(stderr, "pathweave-collector: import: %s: %s\n", path.path.c_str(),
+                    error.c_str());
             ++totals.unreadable;
         }
     }
@@ -280,11 +302,10 @@ int RunImport(const CollectorSettings& settings, const std::vector<std::string>&
     }
     const size_t threads = std::max(1u, std::thread::hardware_concurrency());
     auto readBatch = [&](size_t index) {
-        const int64_t time = fixedTime ? received : GetCurrentTimeSeconds();
         return std::async(std::launch::async, ReadChunk,
                           std::vector<ImportFile>(files.begin() + batches[index].first,
                                                   files.begin() + batches[index].second),
-                          threads, time);
+                          threads, std::cref(times), GetCurrentTimeSeconds());
     };
     std::future<Chunk> next;
     if (!batches.empty()) {

@@ -20,7 +20,7 @@ std::string Seed(const std::string& name) {
     return pwsupport::ReadFileOrEmpty(std::string(PW_REPORT_FUZZ_REGRESSIONS) + "/" + name);
 }
 
-TEST(ImportCommand, StoresFilesAndBodiesOnceAtTheGivenTime) {
+TEST(ImportCommand, StoresFilesAndBodiesOnceAtTheirGivenTimes) {
     CAppLog::ConfigureSinks(0);
     ScratchDir dir("/tmp", "pw-import-");
     const std::string feedback = Seed("seed-feedback");
@@ -39,9 +39,12 @@ TEST(ImportCommand, StoresFilesAndBodiesOnceAtTheGivenTime) {
     collector::CollectorSettings settings;
     settings.database = dir / "collector.db";
     testing::internal::CaptureStdout();
-    const int status = collector::RunImport(
-        settings, {"--received", "2027-01-01", dir / "a.cef", dir / "b.body", dir / "c.cef",
-                   dir / "d.cef", dir / "more", dir / "fifo", dir / "missing"});
+    // A path before the first --received takes its time; a second one is for the paths
+    // after it.
+    const int status =
+        collector::RunImport(settings, {dir / "a.cef", "--received", "2027-01-01", dir / "b.body",
+                                        dir / "c.cef", dir / "d.cef", "--received", "2027-01-02",
+                                        dir / "more", dir / "fifo", dir / "missing"});
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "imported 5 reports: 2 feedback, 1 crash, 1 threat, 1 damaged; 1 duplicates; "
               "2 files not read\n");
@@ -56,7 +59,7 @@ TEST(ImportCommand, StoresFilesAndBodiesOnceAtTheGivenTime) {
     std::vector<std::string> kept;
     for (const collector::StoredReport& report : stored) {
         kept.push_back(report.body);
-        EXPECT_EQ(report.summary.received, 1798761600);
+        EXPECT_EQ(report.summary.received, report.body == threat ? 1798848000 : 1798761600);
         EXPECT_EQ(report.summary.kind == collector::ReportKind::Crash, report.body == crash);
     }
     std::sort(bodies.begin(), bodies.end());
