@@ -1,7 +1,8 @@
 // PostgreSQL behind SqlConnection, through libpq: statements prepared once per
 // connection, integers sent as int8 text and byte strings as binary bytea (so that any
-// byte, NUL and invalid UTF-8 included, round-trips), a lost connection re-established
-// before the next statement outside a transaction.
+// byte, NUL and invalid UTF-8 included, round-trips), results as text (binary for
+// ExecBinary), a lost connection re-established before the next statement outside a
+// transaction.
 #include <libpq-fe.h>
 
 #include <array>
