@@ -159,7 +159,9 @@ Chunk ReadChunk(const std::vector<ImportFile>& files, size_t threads,
     Chunk chunk;
     chunk.reports.resize(files.size());
     std::vector<std::string> errors(files.size());
-    std::vector<bool> read(files.size(), false);
+    // One byte a file: the threads set neighbouring flags (std::vector<bool> packs them into
+    // shared words, which two threads would race on).
+    std::vector<char> read(files.size(), 0);
     auto work = [&](size_t begin, size_t end) {
         for (size_t i = begin; i < end; ++i) {
             std::string body;
@@ -173,7 +175,7 @@ Chunk ReadChunk(const std::vector<ImportFile>& files, size_t threads,
             chunk.reports[i] = ValidateBody(std::move(body), false);
             chunk.reports[i].received =
                 files[i].timeIndex == kNow ? now : times[files[i].timeIndex];
-            read[i] = true;
+            read[i] = 1;
         }
     };
     threads = std::max<size_t>(1, std::min(threads, files.size()));
@@ -265,18 +267,29 @@ int RunImport(const CollectorSettings& settings, const std::vector<std::string>&
         return 2;
     }
 
+    const size_t threads = std::max(1u, std::thread::hardware_concurrency());
+    // Batches are stored one after the other on SQLite (one writer at a time). PostgreSQL
+    // does a batch's work in a server process of the connection's own, so batches go to
+    // it on several connections at once, one per core (at least two, so that a batch is
+    // sent while the server works on another).
+    std::vector<std::unique_ptr<Store>> stores;
     std::string error;
-    std::unique_ptr<Store> store = Store::Open(settings.database, error);
-    if (!store) {
-        fprintf(stderr, "pathweave-collector: import: cannot open %s: %s\n",
-                settings.database.c_str(), error.c_str());
-        return 1;
-    }
-
-    if (store->PrepareForBulkLoad() != StoreResult::Ok) {
-        fprintf(stderr, "pathweave-collector: import: cannot prepare %s for the import\n",
-                settings.database.c_str());
-        return 1;
+    for (size_t lanes = 1; stores.size() < lanes;) {
+        std::unique_ptr<Store> store = Store::Open(settings.database, error);
+        if (!store) {
+            fprintf(stderr, "pathweave-collector: import: cannot open %s: %s\n",
+                    settings.database.c_str(), error.c_str());
+            return 1;
+        }
+        if (store->PrepareForBulkLoad() != StoreResult::Ok) {
+            fprintf(stderr, "pathweave-collector: import: cannot prepare %s for the import\n",
+                    settings.database.c_str());
+            return 1;
+        }
+        if (store->ConcurrentWriters()) {
+            lanes = std::min<size_t>(4, std::max<size_t>(2, threads));
+        }
+        stores.push_back(std::move(store));
     }
     Totals totals;
     std::vector<ImportFile> files;
@@ -302,32 +315,58 @@ int RunImport(const CollectorSettings& settings, const std::vector<std::string>&
             bytes = 0;
         }
     }
-    const size_t threads = std::max(1u, std::thread::hardware_concurrency());
     auto readBatch = [&](size_t index) {
         return std::async(std::launch::async, ReadChunk,
                           std::vector<ImportFile>(files.begin() + batches[index].first,
                                                   files.begin() + batches[index].second),
                           threads, std::cref(times), GetCurrentTimeSeconds());
     };
+    // Batch i is stored on store i % lanes, while the batches after it are read.
+    std::vector<std::future<bool>> storing(stores.size());
+    std::vector<Totals> laneTotals(stores.size());
+    auto finished = [&storing](size_t lane) {
+        return !storing[lane].valid() || storing[lane].get();
+    };
     std::future<Chunk> next;
     if (!batches.empty()) {
         next = readBatch(0);
     }
-    for (size_t index = 0; index < batches.size(); ++index) {
+    bool failed = false;
+    for (size_t index = 0; index < batches.size() && !failed; ++index) {
         Chunk chunk = next.get();
-        if (index + 1 < batches.size()) {
-            next = readBatch(index + 1);
-        }
         for (const std::string& message : chunk.errors) {
             fprintf(stderr, "pathweave-collector: import: %s\n", message.c_str());
             ++totals.unreadable;
         }
-        if (!StoreBatch(*store, chunk.reports, totals)) {
-            if (next.valid()) {
-                next.wait();
-            }
-            return 1;
+        // The lane's batch before is stored first, so that no more batches are held than
+        // there are lanes and one being read.
+        const size_t lane = index % stores.size();
+        if (!finished(lane)) {
+            failed = true;
+            break;
         }
+        if (index + 1 < batches.size()) {
+            next = readBatch(index + 1);
+        }
+        storing[lane] = std::async(
+            std::launch::async,
+            [&stores, &laneTotals, lane](std::vector<ValidatedReport> reports) {
+                return StoreBatch(*stores[lane], reports, laneTotals[lane]);
+            },
+            std::move(chunk.reports));
+    }
+    for (size_t lane = 0; lane < stores.size(); ++lane) {
+        failed = !finished(lane) || failed;
+        for (int kind = 0; kind < 4; ++kind) {
+            totals.perKind[kind] += laneTotals[lane].perKind[kind];
+        }
+        totals.duplicates += laneTotals[lane].duplicates;
+    }
+    if (failed) {
+        if (next.valid()) {
+            next.wait();
+        }
+        return 1;
     }
     const size_t* kinds = totals.perKind;
     printf(

@@ -10,6 +10,7 @@
 #include "AppLog.h"
 #include "Commands.h"
 #include "ScratchFiles.h"
+#include "StoreFixture.h"
 #include "store/Store.h"
 
 namespace {
@@ -65,6 +66,38 @@ TEST(ImportCommand, StoresFilesAndBodiesOnceAtTheirGivenTimes) {
     std::sort(bodies.begin(), bodies.end());
     std::sort(kept.begin(), kept.end());
     EXPECT_EQ(kept, bodies);
+}
+
+// Enough files for several batches, which PostgreSQL stores on several connections at once:
+// copies of two reports, so that every batch races the others to store them first.
+TEST(ImportCommand, BatchesStoredAtOnceKeepEachReportOnce) {
+    CAppLog::ConfigureSinks(0);
+    const std::string feedback = Seed("seed-feedback");
+    const std::string crash = Seed("seed-crash");
+    ASSERT_FALSE(feedback.empty() || crash.empty());
+    for (const char* backend : {"sqlite", "postgres"}) {
+        SCOPED_TRACE(backend);
+        pwsupport::TestDatabase db(backend);
+        ScratchDir dir("/tmp", "pw-import-");
+        for (int i = 0; i < 2400; ++i) {
+            char name[16];
+            snprintf(name, sizeof name, "%04d.cef", i);
+            ASSERT_TRUE(pwsupport::WriteFile(dir / name, i % 3 ? feedback : crash));
+        }
+        collector::CollectorSettings settings;
+        settings.database = db.location();
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(collector::RunImport(settings, {dir.path()}), 0);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(),
+                  "imported 2400 reports: 1600 feedback, 800 crash, 0 threat, 0 damaged; "
+                  "2398 duplicates; 0 files not read\n");
+        auto store = db.Open();
+        ASSERT_TRUE(store);
+        collector::StoreTotals totals;
+        ASSERT_EQ(store->Totals(totals), collector::StoreResult::Ok);
+        EXPECT_EQ(totals.reports, 2);
+        EXPECT_EQ(totals.duplicates, 2398);
+    }
 }
 
 TEST(ImportCommand, UsageErrorsExit2) {
