@@ -98,22 +98,17 @@ bool ReadBody(const std::string& path, std::string& body, std::string& error) {
     return true;
 }
 
+// A file to import, or a path as named (its size not known yet).
 struct ImportFile {
     std::string path;
     uint64_t size;     // when listed; a batch is cut by it
     size_t timeIndex;  // its --received, or kNow
 };
 
-// A path as named, and which --received it falls under.
-struct ImportPath {
-    std::string path;
-    size_t timeIndex;
-};
-
 const size_t kNow = static_cast<size_t>(-1);
 
 // The files that `path` stands for: itself, or the regular files of a directory by name.
-bool ExpandPath(const ImportPath& named, std::vector<ImportFile>& files, std::string& error) {
+bool ExpandPath(const ImportFile& named, std::vector<ImportFile>& files, std::string& error) {
     const std::string& path = named.path;
     struct stat status;
     if (stat(path.c_str(), &status) != 0) {
@@ -236,7 +231,7 @@ bool StoreBatch(Store& store, std::vector<ValidatedReport>& batch, Totals& total
 
 int RunImport(const CollectorSettings& settings, const std::vector<std::string>& args) {
     std::vector<int64_t> times;
-    std::vector<ImportPath> paths;
+    std::vector<ImportFile> paths;
     for (size_t i = 0; i < args.size(); ++i) {
         if (args[i] == "--received") {
             int64_t received = 0;
@@ -254,11 +249,11 @@ int RunImport(const CollectorSettings& settings, const std::vector<std::string>&
                     kImportUsage);
             return 2;
         } else {
-            paths.push_back({args[i], times.empty() ? 0 : times.size() - 1});
+            paths.push_back({args[i], 0, times.empty() ? 0 : times.size() - 1});
         }
     }
     if (times.empty()) {
-        for (ImportPath& path : paths) {
+        for (ImportFile& path : paths) {
             path.timeIndex = kNow;
         }
     }
@@ -293,7 +288,7 @@ int RunImport(const CollectorSettings& settings, const std::vector<std::string>&
     }
     Totals totals;
     std::vector<ImportFile> files;
-    for (const ImportPath& path : paths) {
+    for (const ImportFile& path : paths) {
         if (!ExpandPath(path, files, error)) {
             fprintf(stderr, "pathweave-collector: import: %s: %s\n", path.path.c_str(),
                     error.c_str());
