@@ -1,7 +1,8 @@
 // PostgreSQL behind SqlConnection, through libpq: statements prepared once per
 // connection, integers sent as int8 text and byte strings as binary bytea (so that any
-// byte, NUL and invalid UTF-8 included, round-trips), a lost connection re-established
-// before the next statement outside a transaction.
+// byte, NUL and invalid UTF-8 included, round-trips), results as text (binary for
+// ExecBinary), a lost connection re-established before the next statement outside a
+// transaction.
 #include <libpq-fe.h>
 
 #include <array>
@@ -15,7 +16,11 @@ namespace collector {
 namespace {
 
 constexpr Oid kInt8Oid = 20;
+constexpr Oid kInt2Oid = 21;
+constexpr Oid kInt4Oid = 23;
 constexpr Oid kByteaOid = 17;
+constexpr int kTextResults = 0;
+constexpr int kBinaryResults = 1;
 // Taken by every node before it looks at the schema version (pg_advisory_lock).
 constexpr long long kSchemaLockKey = 0x70770c01;
 
@@ -59,6 +64,23 @@ std::string FromHex(const char* text, int length) {
     return bytes;
 }
 
+// A cell of a binary result as a text cell would hold it: an integer (sent big-endian) in
+// decimal, bytes and text as they are.
+std::string FromBinary(Oid type, const char* data, int length) {
+    const int width = type == kInt8Oid ? 8 : type == kInt4Oid ? 4 : type == kInt2Oid ? 2 : 0;
+    if (width == 0 || length != width) {
+        return std::string(data, length);
+    }
+    uint64_t bits = 0;
+    for (int i = 0; i < width; ++i) {
+        bits = bits << 8 | static_cast<unsigned char>(data[i]);
+    }
+    // Sign-extended from its width.
+    const int spare = 64 - 8 * width;
+    const int64_t value = static_cast<int64_t>(bits << spare) >> spare;
+    return std::to_string(value);
+}
+
 void IgnoreNotice(void*, const char*) {}
 
 class PostgresConnection : public SqlConnection {
@@ -72,21 +94,14 @@ public:
 
     StoreResult Exec(const std::string& sql, const std::vector<SqlValue>& params,
                      std::vector<SqlRow>* rows) override {
-        StoreResult ready = Reconnect();
-        const std::string* name = nullptr;
-        if (ready != StoreResult::Ok || (ready = Prepare(sql, params, name)) != StoreResult::Ok) {
-            return ready;
-        }
-        Params bound(params);
-        ResultPtr result(PQexecPrepared(m_connection, name->c_str(), bound.Count(),
-                                        bound.values.data(), bound.lengths.data(),
-                                        bound.formats.data(), 0));
-        ExecStatusType status = PQresultStatus(result.get());
-        if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
-            return Fail(result.get(), sql);
-        }
-        AppendRows(result.get(), rows);
-        return StoreResult::Ok;
+        return Run(sql, params, rows, kTextResults);
+    }
+
+    // Byte columns cross as they are, where text results would send each byte as two hex
+    // digits for the server to write and this side to read back.
+    StoreResult ExecBinary(const std::string& sql, const std::vector<SqlValue>& params,
+                           std::vector<SqlRow>* rows) override {
+        return Run(sql, params, rows, kBinaryResults);
     }
 
     // Pipeline mode: every statement is sent, then one sync, then the results are read in
@@ -207,6 +222,25 @@ public:
     StoreResult PrepareForBulkLoad() override { return StoreResult::Ok; }
 
 private:
+    StoreResult Run(const std::string& sql, const std::vector<SqlValue>& params,
+                    std::vector<SqlRow>* rows, int resultFormat) {
+        StoreResult ready = Reconnect();
+        const std::string* name = nullptr;
+        if (ready != StoreResult::Ok || (ready = Prepare(sql, params, name)) != StoreResult::Ok) {
+            return ready;
+        }
+        Params bound(params);
+        ResultPtr result(PQexecPrepared(m_connection, name->c_str(), bound.Count(),
+                                        bound.values.data(), bound.lengths.data(),
+                                        bound.formats.data(), resultFormat));
+        ExecStatusType status = PQresultStatus(result.get());
+        if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
+            return Fail(result.get(), sql);
+        }
+        AppendRows(result.get(), rows);
+        return StoreResult::Ok;
+    }
+
     // A statement's parameters as libpq takes them: integers as text, byte strings as
     // binary bytea.
     struct Params {
@@ -279,8 +313,12 @@ private:
                 row[c].null = false;
                 const char* text = PQgetvalue(result, r, c);
                 int length = PQgetlength(result, r, c);
-                row[c].bytes = PQftype(result, c) == kByteaOid ? FromHex(text, length)
-                                                               : std::string(text, length);
+                if (PQfformat(result, c) == kBinaryResults) {
+                    row[c].bytes = FromBinary(PQftype(result, c), text, length);
+                } else {
+                    row[c].bytes = PQftype(result, c) == kByteaOid ? FromHex(text, length)
+                                                                   : std::string(text, length);
+                }
             }
             rows->push_back(std::move(row));
         }

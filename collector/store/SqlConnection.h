@@ -59,6 +59,11 @@ public:
     // full, busy past the timeout) or Error.
     virtual StoreResult Exec(const std::string& sql, const std::vector<SqlValue>& params,
                              std::vector<SqlRow>* rows) = 0;
+    // Exec for large results: byte and text columns come as their bytes, where a back end
+    // would otherwise send them as text to decode (PostgreSQL's binary results). The
+    // statement selects only integer, byte and text columns.
+    virtual StoreResult ExecBinary(const std::string& sql, const std::vector<SqlValue>& params,
+                                   std::vector<SqlRow>* rows) = 0;
     // Runs `statements` in order, as Exec would one by one, but in one exchange with the
     // server where the back end has one (PostgreSQL's pipeline): a batch costs one round
     // trip however many statements it holds. The rows of statement i are appended to

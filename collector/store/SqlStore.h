@@ -35,6 +35,7 @@ public:
                             std::vector<InsertOutcome>& outcomes) override;
     StoreResult Ping() override;
     StoreResult PrepareForBulkLoad() override;
+    bool ConcurrentWriters() const override { return !m_sqlite; }
     StoreResult CopyBatch(const std::vector<ValidatedReport>& batch,
                           const std::vector<std::vector<int64_t>>& duplicateTimes,
                           std::vector<InsertOutcome>& outcomes) override;

@@ -10,8 +10,9 @@
 namespace collector {
 
 StoreResult SqlStore::GetDump(int64_t id, const std::string& module, std::string& bytes) {
+    // A body of up to 16 MiB: it crosses as it is (binary results).
     std::vector<SqlRow> rows;
-    StoreResult result = m_db->Exec(
+    StoreResult result = m_db->ExecBinary(
         "SELECT d.bytes, r.size, r.sha256, p.body FROM report_dumps r JOIN dumps d ON "
         "d.machine_id = r.machine_id AND d.module = r.module AND d.sha256 = r.sha256 "
         "JOIN reports p ON p.id = r.report_id WHERE r.report_id = $1 AND r.module = $2",

@@ -50,31 +50,6 @@ ReportSummary ToSummary(const SqlRow& row) {
     return s;
 }
 
-// PostgreSQL's "escape" text of bytea: bytes as they are, but a backslash doubled and a NUL
-// or a byte above 127 as a backslash and three octal digits. Bodies are nearly all plain
-// ASCII, so they cross as about their own size, where the default hex text doubles them and
-// costs the server and this side a conversion of every byte.
-std::string FromByteaEscape(std::string text) {
-    if (text.find('\\') == std::string::npos) {
-        return text;
-    }
-    std::string bytes;
-    bytes.reserve(text.size());
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] != '\\' || i + 1 >= text.size()) {
-            bytes += text[i];
-        } else if (text[i + 1] == '\\') {
-            bytes += '\\';
-            ++i;
-        } else if (i + 3 < text.size()) {
-            bytes += static_cast<char>((text[i + 1] - '0') << 6 | (text[i + 2] - '0') << 3 |
-                                       (text[i + 3] - '0'));
-            i += 3;
-        }
-    }
-    return bytes;
-}
-
 // The filter as SQL conditions on the reports r, its values appended to `params`. The time
 // bounds go on `timeColumn`, the column of the index being walked, so that they bound the
 // walk rather than filter it; `until` is folded into the cursor by the caller.
@@ -297,8 +272,7 @@ StoreResult SqlStore::Scan(const ReportFilter& filter, int64_t afterId, int64_t 
         where += " AND r.id <= $" + std::to_string(params.size());
     }
     std::string sql = std::string("SELECT ") + kSummaryColumns +
-                      (m_sqlite ? ", r.body" : ", encode(r.body, 'escape')") +
-                      ", r.client_address, r.damaged_reason, r.os_type, "
+                      ", r.body, r.client_address, r.damaged_reason, r.os_type, "
                       "r.os_version_details, r.os_locale, r.module_data, r.has_threat, "
                       "r.threat_incident FROM reports r" +
                       where + " ORDER BY r.id";
@@ -306,8 +280,9 @@ StoreResult SqlStore::Scan(const ReportFilter& filter, int64_t afterId, int64_t 
         params.push_back(static_cast<int64_t>(limit));
         sql += " LIMIT $" + std::to_string(params.size());
     }
+    // The bodies are most of an export's bytes: they cross as they are.
     std::vector<SqlRow> rows;
-    StoreResult result = m_db->Exec(sql, params, &rows);
+    StoreResult result = m_db->ExecBinary(sql, params, &rows);
     if (result != StoreResult::Ok || rows.empty()) {
         return result;
     }
@@ -317,7 +292,7 @@ StoreResult SqlStore::Scan(const ReportFilter& filter, int64_t afterId, int64_t 
         r.summary = ToSummary(row);
         const int c = kSummaryColumnCount;
         // The cells are moved, not copied: the bodies are most of an export's bytes.
-        r.body = m_sqlite ? std::move(row[c].bytes) : FromByteaEscape(std::move(row[c].bytes));
+        r.body = std::move(row[c].bytes);
         r.clientAddress = std::move(row[c + 1].bytes);
         r.damagedReason = std::move(row[c + 2].bytes);
         r.osType = std::move(row[c + 3].bytes);

@@ -142,6 +142,12 @@ public:
         return StoreResult::Ok;
     }
 
+    // Cells are copied from SQLite's own bytes either way.
+    StoreResult ExecBinary(const std::string& sql, const std::vector<SqlValue>& params,
+                           std::vector<SqlRow>* rows) override {
+        return Exec(sql, params, rows);
+    }
+
     // In-process: a batch is its statements one after the other.
     StoreResult ExecBatch(const std::vector<SqlStatement>& statements,
                           std::vector<std::vector<SqlRow>>* rows) override {

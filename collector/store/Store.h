@@ -175,6 +175,9 @@ public:
     // back end may keep more of the database in memory and space its housekeeping out.
     // Durability and what other Stores on the database see are unchanged.
     virtual StoreResult PrepareForBulkLoad() = 0;
+    // True when several Stores write batches to the database at once to good effect
+    // (PostgreSQL); false when they would take turns (SQLite writes one at a time).
+    virtual bool ConcurrentWriters() const = 0;
 
     // Stores reports read from another store, with their duplicate arrivals (migrate).
     virtual StoreResult CopyBatch(const std::vector<ValidatedReport>& batch,

@@ -10,6 +10,7 @@
 #include "AppLog.h"
 #include "Commands.h"
 #include "ScratchFiles.h"
+#include "StoreFixture.h"
 #include "store/Store.h"
 
 namespace {
@@ -20,7 +21,7 @@ std::string Seed(const std::string& name) {
     return pwsupport::ReadFileOrEmpty(std::string(PW_REPORT_FUZZ_REGRESSIONS) + "/" + name);
 }
 
-TEST(ImportCommand, StoresFilesAndBodiesOnceAtTheGivenTime) {
+TEST(ImportCommand, StoresFilesAndBodiesOnceAtTheirGivenTimes) {
     CAppLog::ConfigureSinks(0);
     ScratchDir dir("/tmp", "pw-import-");
     const std::string feedback = Seed("seed-feedback");
@@ -39,9 +40,12 @@ TEST(ImportCommand, StoresFilesAndBodiesOnceAtTheGivenTime) {
     collector::CollectorSettings settings;
     settings.database = dir / "collector.db";
     testing::internal::CaptureStdout();
-    const int status = collector::RunImport(
-        settings, {"--received", "2027-01-01", dir / "a.cef", dir / "b.body", dir / "c.cef",
-                   dir / "d.cef", dir / "more", dir / "fifo", dir / "missing"});
+    // A path before the first --received takes its time; a second one is for the paths
+    // after it.
+    const int status =
+        collector::RunImport(settings, {dir / "a.cef", "--received", "2027-01-01", dir / "b.body",
+                                        dir / "c.cef", dir / "d.cef", "--received", "2027-01-02",
+                                        dir / "more", dir / "fifo", dir / "missing"});
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
               "imported 5 reports: 2 feedback, 1 crash, 1 threat, 1 damaged; 1 duplicates; "
               "2 files not read\n");
@@ -56,12 +60,44 @@ TEST(ImportCommand, StoresFilesAndBodiesOnceAtTheGivenTime) {
     std::vector<std::string> kept;
     for (const collector::StoredReport& report : stored) {
         kept.push_back(report.body);
-        EXPECT_EQ(report.summary.received, 1798761600);
+        EXPECT_EQ(report.summary.received, report.body == threat ? 1798848000 : 1798761600);
         EXPECT_EQ(report.summary.kind == collector::ReportKind::Crash, report.body == crash);
     }
     std::sort(bodies.begin(), bodies.end());
     std::sort(kept.begin(), kept.end());
     EXPECT_EQ(kept, bodies);
+}
+
+// Enough files for several batches, which PostgreSQL stores on several connections at once:
+// copies of two reports, so that every batch races the others to store them first.
+TEST(ImportCommand, BatchesStoredAtOnceKeepEachReportOnce) {
+    CAppLog::ConfigureSinks(0);
+    const std::string feedback = Seed("seed-feedback");
+    const std::string crash = Seed("seed-crash");
+    ASSERT_FALSE(feedback.empty() || crash.empty());
+    for (const char* backend : {"sqlite", "postgres"}) {
+        SCOPED_TRACE(backend);
+        pwsupport::TestDatabase db(backend);
+        ScratchDir dir("/tmp", "pw-import-");
+        for (int i = 0; i < 2400; ++i) {
+            char name[16];
+            snprintf(name, sizeof name, "%04d.cef", i);
+            ASSERT_TRUE(pwsupport::WriteFile(dir / name, i % 3 ? feedback : crash));
+        }
+        collector::CollectorSettings settings;
+        settings.database = db.location();
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(collector::RunImport(settings, {dir.path()}), 0);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(),
+                  "imported 2400 reports: 1600 feedback, 800 crash, 0 threat, 0 damaged; "
+                  "2398 duplicates; 0 files not read\n");
+        auto store = db.Open();
+        ASSERT_TRUE(store);
+        collector::StoreTotals totals;
+        ASSERT_EQ(store->Totals(totals), collector::StoreResult::Ok);
+        EXPECT_EQ(totals.reports, 2);
+        EXPECT_EQ(totals.duplicates, 2398);
+    }
 }
 
 TEST(ImportCommand, UsageErrorsExit2) {

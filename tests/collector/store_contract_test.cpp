@@ -145,7 +145,7 @@ TEST_P(StoreContract, DumpsAreReadFromTheirRowOrTheBody) {
     }
 }
 
-TEST_P(StoreContract, HostileTextRoundTrips) {
+TEST_P(StoreContract, HostileTextAndIntegersRoundTrip) {
     TestDatabase db(GetParam());
     auto store = db.Open();
     ASSERT_TRUE(store);
@@ -157,6 +157,11 @@ TEST_P(StoreContract, HostileTextRoundTrips) {
     // jsonb holds neither \u0000 nor a lone surrogate; the store keeps them anyway.
     r.moduleDataJson = "{\"Tunnel\":{\"k\\u0000\":\"\\ud800\",\"n\":1}}";
     r.damagedReason = "\x01\x02";
+    // Integers at the ends of their range, read back from binary results on PostgreSQL.
+    r.osMajor = INT64_MIN;
+    r.osMinor = INT64_MAX;
+    r.osBuild = -2;
+    r.periodStart = -86400;
     auto outcomes = Insert(*store, {r});
     StoredReport stored;
     ASSERT_EQ(StoreResult::Ok, store->GetReport(outcomes[0].id, stored));
@@ -165,6 +170,11 @@ TEST_P(StoreContract, HostileTextRoundTrips) {
     EXPECT_EQ(r.threatIncident, stored.threatIncident);
     EXPECT_EQ(r.moduleDataJson, stored.moduleDataJson);
     EXPECT_EQ(r.damagedReason, stored.damagedReason);
+    EXPECT_EQ(r.osMajor, stored.osMajor);
+    EXPECT_EQ(r.osMinor, stored.osMinor);
+    EXPECT_EQ(r.osBuild, stored.osBuild);
+    EXPECT_EQ(r.periodStart, stored.summary.periodStart);
+    EXPECT_EQ(r.body, stored.body);
     ReportFilter filter;
     filter.version = r.version;
     std::vector<ReportSummary> listed;
