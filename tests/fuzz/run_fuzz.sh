@@ -1,13 +1,12 @@
 #!/bin/sh
 # Builds the fuzz targets with clang in build-fuzz and runs each for the given number of
-# seconds (default 60): bencode_fuzz (the bencode reader and writer) from memory and, with
-# BENCODE_FUZZ_FILE=1, through a file, profile_fuzz (the feedback profile reader) and
-# report_fuzz (the collector's report validator). Exits non-zero when a target finds a
-# crash or a broken check;
-# the failing input is then copied into the target's regression directory
-# (tests/fuzz/corpus-regressions/, corpus-regressions-profile/ or corpus-regressions-report/),
-# whose inputs the unit test fuzz_regressions_test and the collector's validator test
-# replay on every run.
+# seconds (default 60), two at a time: bencode_fuzz (the bencode reader and writer) from
+# memory and, with BENCODE_FUZZ_FILE=1, through a file, profile_fuzz (the feedback profile
+# reader) and report_fuzz (the collector's report validator). Exits non-zero when a target
+# finds a crash or a broken check; the failing input is then copied into the target's
+# regression directory (tests/fuzz/corpus-regressions/, corpus-regressions-profile/ or
+# corpus-regressions-report/), whose inputs the unit test fuzz_regressions_test and the
+# collector's validator test replay on every run.
 set -eu
 
 seconds=${1:-60}
@@ -57,8 +56,24 @@ printf 'li7e40:0123456789abcdef0123456789abcdef01234567i3eld11:CrashReportsdeee'
     >"$build/corpus-bencode/seed-payload"
 printf '<?xml version="1.0"?>\n<Feedback><ServiceDisable>false</ServiceDisable><CustomerID>CUST-1</CustomerID><FeedbackInterval>86400</FeedbackInterval><CheckCrashInterval>600</CheckCrashInterval><IncludeCrashReport>TRUE</IncludeCrashReport></Feedback>\n' \
     >"$build/corpus-profile/seed-profile"
-run_target bencode "$root/tests/fuzz/corpus-regressions"
-run_target bencode "$root/tests/fuzz/corpus-regressions" 1
-run_target profile "$root/tests/fuzz/corpus-regressions-profile"
-run_target report "$root/tests/fuzz/corpus-regressions-report"
+# A fuzzer runs on one thread: two at a time, one per core, each on a corpus and artifact
+# directory of its own. A job's status is its exit status.
+run_job() {
+    status=0
+    run_target "$@"
+    return $status
+}
+status=0
+run_job bencode "$root/tests/fuzz/corpus-regressions" &
+first=$!
+run_job profile "$root/tests/fuzz/corpus-regressions-profile" &
+second=$!
+wait $first || status=1
+wait $second || status=1
+run_job bencode "$root/tests/fuzz/corpus-regressions" 1 &
+first=$!
+run_job report "$root/tests/fuzz/corpus-regressions-report" &
+second=$!
+wait $first || status=1
+wait $second || status=1
 exit $status
