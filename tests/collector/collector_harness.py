@@ -13,6 +13,7 @@ import ssl
 import subprocess
 import sys
 import time
+import urllib.request
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "..", "tools", "feedback-server"))
@@ -106,6 +107,16 @@ class Collector:
             return self.request(b"GET /healthz HTTP/1.1\r\nHost: x\r\n\r\n", timeout=2)[0] == 200
         except OSError:
             return False
+
+    def connections_open(self):
+        """Receiving connections the collector holds, from its metrics (the dashboard's
+        listener, so that asking adds none)."""
+        with urllib.request.urlopen("http://127.0.0.1:%d/metrics" % self.dashboard,
+                                    timeout=10) as answer:
+            for line in answer.read().decode().splitlines():
+                if line.startswith("pathweave_collector_connections_open "):
+                    return int(float(line.split()[1]))
+        return -1
 
     def stop(self):
         """SIGTERM: drains and exits; the exit status."""

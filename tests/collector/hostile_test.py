@@ -153,9 +153,14 @@ class Hostile(unittest.TestCase):
         capped = Collector("capped", extra={"max_connections_per_address": str(per_address)})
         capped.start()
         try:
+            # The start's health check is counted until the collector sees its end, and
+            # the held connections once it has accepted them: the next one is then the
+            # first past the cap.
+            self.assertTrue(wait_for(lambda: capped.connections_open() == 0))
             held = [socket.create_connection(("127.0.0.1", capped.port)) for _ in range(per_address)]
-            time.sleep(0.2)
-            extra = socket.create_connection(("127.0.0.1", capped.port), timeout=10)
+            self.assertTrue(wait_for(lambda: capped.connections_open() == per_address))
+            # Closed at once: well before the handshake deadline (10 s) would close it.
+            extra = socket.create_connection(("127.0.0.1", capped.port), timeout=3)
             self.assertEqual(b"", extra.recv(1))
             extra.close()
             for sock in held:
