@@ -14,8 +14,8 @@ import time
 import unittest
 import zlib
 
-from collector_harness import (SERVER_NAME, WORK, Collector, certificates, make_certs,
-                               read_answers, report, upload, wait_for)
+from collector_harness import (SERVER_NAME, WORK, Collector, certificates, free_port,
+                               make_certs, read_answers, report, upload, wait_for)
 
 MACHINE = "0123456789abcdef0123456789abcdef01234567"
 MAX_BODY = 16 * 1024 * 1024 + 5
@@ -312,6 +312,52 @@ class Reload(unittest.TestCase):
             self.assertNotIn("certificate reloaded", before)
         finally:
             collector.stop()
+
+
+class DashboardOffLoopback(unittest.TestCase):
+    def test_dashboard_off_loopback_speaks_https_and_wants_the_token(self):
+        """Off loopback the dashboard listener speaks HTTPS with the collector's certificate
+        (a plain-HTTP request gets no answer), and every request needs the token."""
+        token, port = "dashboard-test-token-5f0c9e21a7d4", free_port()
+        collector = Collector("dashboard-tls", extra={"dashboard_listen": "0.0.0.0:%d" % port,
+                                                      "dashboard_token": token})
+        collector.start()
+
+        def ask(request):
+            with socket.create_connection(("127.0.0.1", port), timeout=10) as raw, \
+                    collector.context.wrap_socket(raw, server_hostname=SERVER_NAME) as tls:
+                tls.sendall(request)
+                return (read_answers(tls, 1) or [(0, {}, b"")])[0]
+        bearer = "Authorization: Bearer %s\r\n" % token
+        form = "token=" + token
+        rows = [  # request, status, a header that must hold a text (or None)
+            ("GET /api/stats/daily?days=1 HTTP/1.1\r\nHost: x\r\n\r\n", 401, None),
+            ("GET /api/stats/daily?days=1 HTTP/1.1\r\nHost: x\r\n%s\r\n" % bearer, 200,
+             ("content-type", "application/json")),
+            ("GET /metrics HTTP/1.1\r\nHost: x\r\nAuthorization: Bearer wrong\r\n\r\n", 401,
+             None),
+            ("GET / HTTP/1.1\r\nHost: x\r\n\r\n", 303, ("location", "/login")),
+            ("POST /login HTTP/1.1\r\nHost: x\r\nContent-Type: application/x-www-form-urlencoded"
+             "\r\nContent-Length: %d\r\n\r\n%s" % (len(form), form), 303,
+             ("set-cookie", "Secure")),
+        ]
+        try:
+            for request, status, header in rows:
+                with self.subTest(request.split("\r\n")[0]):
+                    answer = ask(request.encode())
+                    self.assertEqual(status, answer[0], collector.log())
+                    if header:
+                        self.assertIn(header[1], answer[1].get(header[0], ""))
+            with socket.create_connection(("127.0.0.1", port), timeout=10) as plain:
+                plain.sendall(b"GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n")
+                try:
+                    reply = plain.recv(65536)
+                except ConnectionError:
+                    reply = b""
+                self.assertFalse(reply.startswith(b"HTTP/"), reply)
+        finally:
+            status = collector.stop()
+        self.assertEqual(0, status, collector.log())
 
 
 if __name__ == "__main__":
