@@ -128,14 +128,15 @@ class Collector:
         with open(self.log_path, errors="replace") as log:
             return log.read()
 
-    def connect(self, timeout=10):
-        raw = socket.create_connection(("127.0.0.1", self.port), timeout=timeout)
+    def connect(self, timeout=10, port=None):
+        """A TLS connection to the receiving listener, or to `port`."""
+        raw = socket.create_connection(("127.0.0.1", port or self.port), timeout=timeout)
         return self.context.wrap_socket(raw, server_hostname=SERVER_NAME)
 
-    def request(self, data, timeout=10):
+    def request(self, data, timeout=10, port=None):
         """Sends `data` on a new connection; the first answer (status, headers, body), or
         status 0 when the connection ends without one."""
-        with self.connect(timeout) as tls:
+        with self.connect(timeout, port) as tls:
             tls.sendall(data)
             return (read_answers(tls, 1) or [(0, {}, b"")])[0]
 

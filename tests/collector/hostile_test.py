@@ -322,12 +322,6 @@ class DashboardOffLoopback(unittest.TestCase):
         collector = Collector("dashboard-tls", extra={"dashboard_listen": "0.0.0.0:%d" % port,
                                                       "dashboard_token": token})
         collector.start()
-
-        def ask(request):
-            with socket.create_connection(("127.0.0.1", port), timeout=10) as raw, \
-                    collector.context.wrap_socket(raw, server_hostname=SERVER_NAME) as tls:
-                tls.sendall(request)
-                return (read_answers(tls, 1) or [(0, {}, b"")])[0]
         bearer = "Authorization: Bearer %s\r\n" % token
         form = "token=" + token
         rows = [  # request, status, a header that must hold a text (or None)
@@ -344,7 +338,7 @@ class DashboardOffLoopback(unittest.TestCase):
         try:
             for request, status, header in rows:
                 with self.subTest(request.split("\r\n")[0]):
-                    answer = ask(request.encode())
+                    answer = collector.request(request.encode(), port=port)
                     self.assertEqual(status, answer[0], collector.log())
                     if header:
                         self.assertIn(header[1], answer[1].get(header[0], ""))
