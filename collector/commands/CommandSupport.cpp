@@ -1,6 +1,7 @@
 #include "commands/CommandSupport.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 
 #include "store/StoreLog.h"
@@ -29,6 +30,21 @@ std::unique_ptr<Store> OpenForCommand(const std::string& database) {
         CommandFailed("cannot open the store: " + error);
     }
     return store;
+}
+
+bool FinishBulkLoad(Store& store, bool deferred, const std::string& command) {
+    const auto start = std::chrono::steady_clock::now();
+    if (store.BuildReadIndexes() != StoreResult::Ok) {
+        CommandFailed(command +
+                      ": the store's read indexes could not be built (the next import, purge "
+                      "or day of serve builds them)");
+        return false;
+    }
+    if (deferred) {
+        STORE_LOG(CAppLog::Information, "%s: the read indexes built in %.1f s", command.c_str(),
+                  std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+    }
+    return true;
 }
 
 void CommandFailed(const std::string& message) {

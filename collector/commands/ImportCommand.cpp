@@ -22,6 +22,7 @@
 
 #include "AppLog.h"
 #include "Commands.h"
+#include "commands/CommandSupport.h"
 #include "HostClock.h"
 #include "HostSettings.h"
 #include "report/ReportReader.h"
@@ -286,6 +287,13 @@ int RunImport(const CollectorSettings& settings, const std::vector<std::string>&
         }
         stores.push_back(std::move(store));
     }
+    // Into an empty store, the indexes that only reading uses are built once at the end.
+    bool deferred = false;
+    if (stores[0]->DeferReadIndexes(deferred) != StoreResult::Ok) {
+        fprintf(stderr, "pathweave-collector: import: cannot prepare %s for the import\n",
+                settings.database.c_str());
+        return 1;
+    }
     Totals totals;
     std::vector<ImportFile> files;
     for (const ImportFile& path : paths) {
@@ -357,10 +365,11 @@ int RunImport(const CollectorSettings& settings, const std::vector<std::string>&
         }
         totals.duplicates += laneTotals[lane].duplicates;
     }
-    if (failed) {
-        if (next.valid()) {
-            next.wait();
-        }
+    if (next.valid()) {
+        next.wait();
+    }
+    // Built after a failure too: what was stored stays listed at full speed.
+    if (!FinishBulkLoad(*stores[0], deferred, "import") || failed) {
         return 1;
     }
     const size_t* kinds = totals.perKind;

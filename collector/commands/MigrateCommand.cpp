@@ -65,11 +65,17 @@ int RunMigrate(const CollectorSettings& settings, const std::vector<std::string>
         CommandFailed("migrate: " + options["to"] + " is not empty");
         return 1;
     }
+    bool deferred = false;
+    if (to->DeferReadIndexes(deferred) != StoreResult::Ok) {
+        CommandFailed("migrate: " + options["to"] + " cannot be prepared for the copy");
+        return 1;
+    }
     int64_t afterId = 0, copied = 0;
     for (;;) {
         std::vector<StoredReport> page;
         if (from->ScanReports(ReportFilter(), afterId, kPage, page) != StoreResult::Ok) {
             CommandFailed("migrate stopped: the source could not be read");
+            FinishBulkLoad(*to, deferred, "migrate");
             return 1;
         }
         if (page.empty()) {
@@ -90,10 +96,14 @@ int RunMigrate(const CollectorSettings& settings, const std::vector<std::string>
         std::vector<InsertOutcome> outcomes;
         if (to->CopyBatch(batch, duplicateTimes, outcomes) != StoreResult::Ok) {
             CommandFailed("migrate stopped: the destination could not be written");
+            FinishBulkLoad(*to, deferred, "migrate");
             return 1;
         }
         copied += static_cast<int64_t>(page.size());
         afterId = page.back().summary.id;
+    }
+    if (!FinishBulkLoad(*to, deferred, "migrate")) {
+        return 1;
     }
     printf("copied %lld reports\n", static_cast<long long>(copied));
     return 0;

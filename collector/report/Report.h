@@ -31,6 +31,21 @@ struct CrashDump {
     std::string bytes;   // the decoded dump (the store keeps each dump once)
 };
 
+// A field of a module's data: a dotted path into the module's dictionary
+// ("Connections.Failed"), at most kFieldMaxDepth deep; a list's items share the list's path
+// with "[]" appended. Integers are summed; texts (and anything else, as its JSON text) are
+// counted per value.
+enum class FieldKind { Integer = 0, Text = 1 };
+constexpr int kFieldMaxDepth = 4;
+constexpr int kMaxValueLength = 200;
+struct FieldValue {
+    std::string module;
+    std::string path;
+    FieldKind kind = FieldKind::Integer;
+    int64_t integer = 0;
+    std::string text;  // cut to kMaxValueLength bytes
+};
+
 // A body that passed or failed validation. Every field but the body, its hash, the time
 // received, the client address and the kind is empty for a damaged body (as far as it
 // could be read before the fault, the ids may be there).
@@ -55,6 +70,10 @@ struct ValidatedReport {
     // ModuleData as one JSON object (module name -> its dictionary, in the mapping cefdump
     // prints); empty when the report carries none.
     std::string moduleDataJson;
+    // Its fields, found while validating (on the receiving threads), so that the thread
+    // that writes the store does not parse the JSON again. A report built otherwise may
+    // leave them out; the store then finds them in moduleDataJson.
+    std::vector<FieldValue> moduleFields;
     std::vector<CrashDump> crashDumps;
     bool hasThreat = false;
     std::string threatIncident;

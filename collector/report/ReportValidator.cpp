@@ -8,6 +8,7 @@
 
 #include "BencodeJson.h"
 #include "report/BodyDecoding.h"
+#include "report/ModuleDataFields.h"
 #include "report/ReportReader.h"
 
 namespace collector {
@@ -211,6 +212,9 @@ bool CheckData(const CBencodeDictionary& dictionary, ValidatedReport& report, Fa
         }
         if (moduleData->Size() != 0) {
             report.moduleDataJson = bencodejson::ToJson(*moduleData);
+            ForEachModuleField(report.moduleDataJson, [&report](const FieldValue& field) {
+                report.moduleFields.push_back(field);
+            });
         }
     }
 

@@ -50,9 +50,16 @@ void ApiRunner::Run(ApiRequest request, std::function<void(ApiAnswer)> done) {
 
 void ApiRunner::Purge(unsigned int days, int64_t now) {
     boost::asio::post(thread_, [this, days, now] {
-        Store* store = days > 0 ? OpenStore() : nullptr;  // 0 keeps reports for ever
+        Store* store = OpenStore();
         if (store == nullptr)
             return;
+        // With reports kept for ever there is nothing to purge, but the read indexes that a
+        // killed bulk load left unbuilt are built all the same (a purge builds them first).
+        if (days == 0) {
+            if (store->BuildReadIndexes() != StoreResult::Ok)
+                store_.reset();
+            return;
+        }
         int64_t removed = 0;
         const StoreResult result =
             store->PurgeOlderThan(now - static_cast<int64_t>(days) * 86400, removed);

@@ -25,7 +25,8 @@ public:
     void Stop();
 
     void Run(ApiRequest request, std::function<void(ApiAnswer)> done);
-    // Removes reports received more than `days` days before `now` (UNIX seconds).
+    // Removes reports received more than `days` days before `now` (UNIX seconds; 0 keeps
+    // them), after building any read index that a killed bulk load left unbuilt.
     void Purge(unsigned int days, int64_t now);
 
 private:

@@ -1,32 +1,15 @@
-// Module data turned into fields, and the rollups a batch adds to the store.
-//
-// A field is a dotted path into one module's dictionary ("Connections.Failed"), at most
-// kFieldMaxDepth deep; a list's items share the list's path with "[]" appended. Integers
-// are summed; texts (and anything else, as its JSON text) are counted per value.
+// The rollups a batch adds to the store, module fields among them.
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <string>
 #include <tuple>
 
+#include "report/ModuleDataFields.h"
 #include "store/Store.h"
 
 namespace collector {
-
-struct FieldValue {
-    std::string module;
-    std::string path;
-    FieldKind kind = FieldKind::Integer;
-    int64_t integer = 0;
-    std::string text;  // cut to kMaxValueLength bytes
-};
-
-// Calls `visit` for every field of `moduleDataJson` (module name -> dictionary). False
-// when the text is not JSON or not an object of objects; nothing is visited then.
-bool ForEachModuleField(const std::string& moduleDataJson,
-                        const std::function<void(const FieldValue&)>& visit);
 
 struct DailyDelta {
     int64_t perKind[4] = {0, 0, 0, 0};

@@ -261,8 +261,8 @@ private:
                         break;
                     case SqlValue::Type::Text:
                     case SqlValue::Type::Blob:
-                        values[i] = value.text.data();
-                        lengths[i] = static_cast<int>(value.text.size());
+                        values[i] = value.Bytes().data();
+                        lengths[i] = static_cast<int>(value.Bytes().size());
                         formats[i] = 1;
                         break;
                 }

@@ -18,4 +18,14 @@ constexpr int kSchemaVersion = 5;
 // gets the version it is at afterwards. A database newer than this collector is refused.
 StoreResult MigrateSchema(SqlConnection& connection, int target, int& version, std::string& error);
 
+// The indexes that only reading uses and that cost a bulk load most to keep (those keyed
+// by machine and customer ids): inserting a report needs none of them. A bulk load into
+// an empty store drops them first and builds each once at its end, a sort instead of a
+// million inserts at random places. Queries stay correct without them, only slower. Both
+// calls take the schema lock; a migration that changes one of these indexes must allow
+// for it to be missing (IF EXISTS).
+StoreResult DropReadIndexes(SqlConnection& connection);
+// Builds those that are missing (none is rebuilt); Ok when all are there.
+StoreResult CreateReadIndexes(SqlConnection& connection);
+
 }  // namespace collector

@@ -35,6 +35,8 @@ public:
                             std::vector<InsertOutcome>& outcomes) override;
     StoreResult Ping() override;
     StoreResult PrepareForBulkLoad() override;
+    StoreResult DeferReadIndexes(bool& deferred) override;
+    StoreResult BuildReadIndexes() override;
     bool ConcurrentWriters() const override { return !m_sqlite; }
     StoreResult CopyBatch(const std::vector<ValidatedReport>& batch,
                           const std::vector<std::vector<int64_t>>& duplicateTimes,
@@ -90,6 +92,9 @@ private:
     // within the caps on distinct fields and values.
     StoreResult AddModuleFields(const std::string& moduleDataJson, int64_t day, int sign,
                                 Rollup& rollup);
+    // One field of them; a failure is left in `result` (and stops what follows).
+    void AddModuleField(const FieldValue& field, int64_t day, int sign, Rollup& rollup,
+                        StoreResult& result);
     StoreResult FieldKindOf(const std::string& module, const std::string& path, FieldKind kind,
                             bool& accepted);
     StoreResult ValueKept(const std::string& module, const std::string& path,

@@ -79,6 +79,25 @@ StoreResult SqlStore::PrepareForBulkLoad() {
     return m_db->PrepareForBulkLoad();
 }
 
+StoreResult SqlStore::DeferReadIndexes(bool& deferred) {
+    deferred = false;
+    std::vector<SqlRow> rows;
+    StoreResult result =
+        m_db->Exec("SELECT count(*) FROM (SELECT 1 FROM reports LIMIT 1) AS any_report", {}, &rows);
+    if (result != StoreResult::Ok || rows.empty() || rows[0][0].Int() != 0) {
+        return result;
+    }
+    // A report stored by another process between the count and the drop is still listed
+    // (by a scan) and is in the indexes built at the end.
+    result = DropReadIndexes(*m_db);
+    deferred = result == StoreResult::Ok;
+    return result;
+}
+
+StoreResult SqlStore::BuildReadIndexes() {
+    return CreateReadIndexes(*m_db);
+}
+
 template <typename Work>
 StoreResult SqlStore::InTransaction(Work work) {
     StoreResult result = StoreResult::Error;
@@ -193,13 +212,13 @@ StoreResult SqlStore::InsertRows(const std::vector<Pending>& batch,
         statements.push_back({sql,
                               {r.received,
                                static_cast<int>(r.kind),
-                               r.machineId,
-                               r.customerId,
-                               r.version,
-                               r.osType,
-                               r.osName,
-                               r.osVersionDetails,
-                               r.osLocale,
+                               SqlValue::TextView(r.machineId),
+                               SqlValue::TextView(r.customerId),
+                               SqlValue::TextView(r.version),
+                               SqlValue::TextView(r.osType),
+                               SqlValue::TextView(r.osName),
+                               SqlValue::TextView(r.osVersionDetails),
+                               SqlValue::TextView(r.osLocale),
                                r.osMajor,
                                r.osMinor,
                                r.osBuild,
@@ -208,13 +227,13 @@ StoreResult SqlStore::InsertRows(const std::vector<Pending>& batch,
                                r.hasPeriod ? r.periodEnd : 0,
                                SqlValue::Blob(JoinModules(r.modules)),
                                static_cast<int64_t>(r.body.size()),
-                               r.sha256,
-                               SqlValue::Blob(r.body),
-                               r.clientAddress,
-                               r.damagedReason,
-                               SqlValue::Blob(r.moduleDataJson),
+                               SqlValue::TextView(r.sha256),
+                               SqlValue::BlobView(r.body),
+                               SqlValue::TextView(r.clientAddress),
+                               SqlValue::TextView(r.damagedReason),
+                               SqlValue::BlobView(r.moduleDataJson),
                                r.hasThreat ? 1 : 0,
-                               r.threatIncident}});
+                               SqlValue::TextView(r.threatIncident)}});
     }
     std::vector<std::vector<SqlRow>> rows;
     StoreResult result = m_db->ExecBatch(statements, &rows);
@@ -280,6 +299,13 @@ StoreResult SqlStore::InsertDetails(const Pending& pending, int64_t id, Rollup& 
         for (int dimension = 0; dimension < 4; ++dimension) {
             rollup.breakdown[std::make_tuple(dimension, day, *values[dimension])].first += 1;
         }
+    }
+    if (!r.moduleFields.empty()) {
+        StoreResult result = StoreResult::Ok;
+        for (const FieldValue& field : r.moduleFields) {
+            AddModuleField(field, day, 1, rollup, result);
+        }
+        return result;
     }
     return r.moduleDataJson.empty() ? StoreResult::Ok
                                     : AddModuleFields(r.moduleDataJson, day, 1, rollup);
@@ -444,25 +470,29 @@ StoreResult SqlStore::AddModuleFields(const std::string& moduleDataJson, int64_t
                                       Rollup& rollup) {
     StoreResult result = StoreResult::Ok;
     ForEachModuleField(moduleDataJson, [&](const FieldValue& field) {
-        bool accepted = false;
-        if (result != StoreResult::Ok ||
-            (result = FieldKindOf(field.module, field.path, field.kind, accepted)) !=
-                StoreResult::Ok ||
-            !accepted) {
-            return;
-        }
-        if (field.kind == FieldKind::Integer) {
-            rollup.AddField(field.module, day, field.path, field.integer, sign);
-            return;
-        }
-        rollup.AddField(field.module, day, field.path, 0, sign);
-        bool kept = false;
-        if ((result = ValueKept(field.module, field.path, field.text, kept)) == StoreResult::Ok) {
-            rollup.values[std::make_tuple(field.module, day, field.path,
-                                          kept ? field.text : std::string(kOtherValue))] += sign;
-        }
+        AddModuleField(field, day, sign, rollup, result);
     });
     return result;
+}
+
+void SqlStore::AddModuleField(const FieldValue& field, int64_t day, int sign, Rollup& rollup,
+                              StoreResult& result) {
+    bool accepted = false;
+    if (result != StoreResult::Ok ||
+        (result = FieldKindOf(field.module, field.path, field.kind, accepted)) != StoreResult::Ok ||
+        !accepted) {
+        return;
+    }
+    if (field.kind == FieldKind::Integer) {
+        rollup.AddField(field.module, day, field.path, field.integer, sign);
+        return;
+    }
+    rollup.AddField(field.module, day, field.path, 0, sign);
+    bool kept = false;
+    if ((result = ValueKept(field.module, field.path, field.text, kept)) == StoreResult::Ok) {
+        rollup.values[std::make_tuple(field.module, day, field.path,
+                                      kept ? field.text : std::string(kOtherValue))] += sign;
+    }
 }
 
 StoreResult SqlStore::WriteRollup(const Rollup& rollup) {
@@ -544,7 +574,9 @@ StoreResult SqlStore::PurgeOlderThan(int64_t before, int64_t& removed) {
     // Whole days go, so their rollup rows go with them instead of being corrected.
     const int64_t firstKeptDay = DayOf(before);
     removed = 0;
-    StoreResult result = InTransaction([&]() {
+    // A purge finds its reports through the read indexes.
+    StoreResult result = BuildReadIndexes();
+    result = result != StoreResult::Ok ? result : InTransaction([&]() {
         std::vector<SqlRow> rows;
         StoreResult step = m_db->Exec("SELECT count(*) FROM reports WHERE received < $1",
                                       {firstKeptDay * 86400}, &rows);
@@ -601,7 +633,8 @@ StoreResult SqlStore::PurgeOlderThan(int64_t before, int64_t& removed) {
 
 StoreResult SqlStore::PurgeMachine(const std::string& machineId, int64_t& removed) {
     removed = 0;
-    StoreResult result = InTransaction([&]() {
+    StoreResult result = BuildReadIndexes();
+    result = result != StoreResult::Ok ? result : InTransaction([&]() {
         // The machine's share of every rollup is taken away, report by report.
         Rollup rollup;
         int64_t afterId = 0;

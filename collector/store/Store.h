@@ -107,8 +107,7 @@ struct BreakdownRow {
     int64_t repeats = 0;  // CrashModule only: dumps that had arrived before
 };
 
-// A field of a module's data: a dotted path into its dictionary.
-enum class FieldKind { Integer = 0, Text = 1 };
+// A field of a module's data (FieldValue) as the store keeps its figures.
 struct ModuleFieldDay {
     int64_t day = 0;
     int64_t count = 0;
@@ -137,13 +136,11 @@ struct ModuleSummary {
     int64_t reports = 0;
 };
 
-// How module data is turned into fields: paths go at most this deep, and a module keeps
-// at most so many distinct fields, a text field so many distinct values (the rest are
-// counted under kOtherValue), so that hostile keys cannot blow up the figures.
-constexpr int kFieldMaxDepth = 4;
+// How many of a module's fields are kept: paths go at most kFieldMaxDepth deep (Report.h),
+// and a module keeps at most so many distinct fields, a text field so many distinct values
+// (the rest are counted under kOtherValue), so that hostile keys cannot blow up the figures.
 constexpr int kMaxFieldsPerModule = 200;
 constexpr int kMaxValuesPerField = 100;
-constexpr int kMaxValueLength = 200;
 constexpr const char kOtherValue[] = "(other)";
 
 constexpr int kMachineReports = 5000;
@@ -175,6 +172,14 @@ public:
     // back end may keep more of the database in memory and space its housekeeping out.
     // Durability and what other Stores on the database see are unchanged.
     virtual StoreResult PrepareForBulkLoad() = 0;
+    // A bulk load into a store that holds no reports yet drops the indexes that only
+    // reading uses (`deferred` tells) and builds them once at its end with
+    // BuildReadIndexes, a sort each instead of an insert per report into each. Until then
+    // other Stores read correctly but slowly. BuildReadIndexes builds any that are missing
+    // (after a bulk load that was killed, the next one, a purge or `serve`'s daily
+    // housekeeping does) and is quick when none is.
+    virtual StoreResult DeferReadIndexes(bool& deferred) = 0;
+    virtual StoreResult BuildReadIndexes() = 0;
     // True when several Stores write batches to the database at once to good effect
     // (PostgreSQL); false when they would take turns (SQLite writes one at a time).
     virtual bool ConcurrentWriters() const = 0;

@@ -10,6 +10,8 @@
 #include <thread>
 
 #include "StoreFixture.h"
+#include "report/ModuleDataFields.h"
+#include "store/Schema.h"
 #include "store/SqlStore.h"
 
 using namespace collector;
@@ -26,6 +28,11 @@ constexpr int64_t kT0 = 20000 * kDay;
 
 class StoreContract : public ::testing::TestWithParam<std::string> {
 protected:
+    // A connection of the test's own to the store's database, for what the Store hides.
+    std::unique_ptr<SqlConnection> Connect(const TestDatabase& db, std::string& error) {
+        return GetParam() == "sqlite" ? OpenSqlite(db.location(), error)
+                                      : OpenPostgres(db.location(), error);
+    }
     std::vector<InsertOutcome> Insert(Store& store, const std::vector<ValidatedReport>& batch) {
         std::vector<InsertOutcome> outcomes;
         EXPECT_EQ(StoreResult::Ok, store.InsertBatch(batch, outcomes));
@@ -107,8 +114,7 @@ TEST_P(StoreContract, DumpsAreReadFromTheirRowOrTheBody) {
     TestDatabase db(GetParam());
     auto store = db.Open();
     std::string error;
-    auto sql = GetParam() == "sqlite" ? OpenSqlite(db.location(), error)
-                                      : OpenPostgres(db.location(), error);
+    auto sql = Connect(db, error);
     ASSERT_TRUE(store && sql) << error;
     const std::string dump("MDMP\0\x01\xff tail", 12);
     struct Case {
@@ -431,8 +437,7 @@ TEST_P(StoreContract, ConcurrentStoresKeepEveryReportOnce) {
 TEST_P(StoreContract, StatementBatchesKeepTheirRowsApartAndFailWhole) {
     TestDatabase db(GetParam());
     std::string error;
-    auto sql = GetParam() == "sqlite" ? OpenSqlite(db.location(), error)
-                                      : OpenPostgres(db.location(), error);
+    auto sql = Connect(db, error);
     ASSERT_TRUE(sql) << error;
     ASSERT_EQ(StoreResult::Ok, sql->ExecScript("CREATE TABLE t (k BIGINT PRIMARY KEY)"));
     const std::string insert = "INSERT INTO t (k) VALUES ($1) ON CONFLICT DO NOTHING RETURNING k";
@@ -474,6 +479,85 @@ TEST_P(StoreContract, StatementBatchesKeepTheirRowsApartAndFailWhole) {
         ASSERT_EQ(StoreResult::Ok, sql->Exec("SELECT count(*) FROM t", {}, &count));
         EXPECT_EQ(cases[i].stored, count[0][0].Int());
     }
+}
+
+// A bulk load into an empty store drops the read indexes and builds them at its end; one
+// that was killed leaves them to the next purge. The store reads correctly meanwhile, and
+// the indexes built are those the schema made, on either back end.
+TEST_P(StoreContract, ReadIndexesDeferredByABulkLoadComeBackAsTheSchemaMadeThem) {
+    TestDatabase db(GetParam());
+    auto store = db.Open();
+    std::string error;
+    auto sql = Connect(db, error);
+    ASSERT_TRUE(store && sql) << error;
+    const std::string listIndexes =
+        GetParam() == "sqlite"
+            ? "SELECT name, sql FROM sqlite_master WHERE type = 'index' AND sql IS NOT NULL "
+              "ORDER BY name"
+            : "SELECT indexname, indexdef FROM pg_indexes WHERE schemaname = current_schema() "
+              "ORDER BY indexname";
+    auto indexes = [&]() {
+        std::vector<SqlRow> rows;
+        EXPECT_EQ(StoreResult::Ok, sql->Exec(listIndexes, {}, &rows));
+        std::string text;
+        for (const SqlRow& row : rows) {
+            text += row[0].bytes + ": " + row[1].bytes + "\n";
+        }
+        return text;
+    };
+    auto listed = [&store](const std::string& machine) {
+        ReportFilter filter;
+        filter.machineId = machine;
+        std::vector<ReportSummary> reports;
+        ReportCursor next;
+        EXPECT_EQ(StoreResult::Ok, store->ListReports(filter, ReportCursor(), 100, reports, next));
+        return reports.size();
+    };
+    const std::string schema = indexes();
+    bool deferred = false;
+    ASSERT_EQ(StoreResult::Ok, store->DeferReadIndexes(deferred));
+    EXPECT_TRUE(deferred);
+    EXPECT_NE(schema, indexes());
+    std::vector<ValidatedReport> batch;
+    for (int i = 0; i < 30; ++i) {
+        batch.push_back(MakeReport(i % 3 ? kA : kB, i, kT0 + i, std::to_string(i)));
+    }
+    Insert(*store, batch);
+    EXPECT_EQ(20u, listed(kA));
+    ASSERT_EQ(StoreResult::Ok, store->BuildReadIndexes());
+    EXPECT_EQ(schema, indexes());
+    EXPECT_EQ(10u, listed(kB));
+
+    ASSERT_EQ(StoreResult::Ok, store->DeferReadIndexes(deferred));
+    EXPECT_FALSE(deferred) << "a store that holds reports keeps its indexes";
+    EXPECT_EQ(schema, indexes());
+
+    ASSERT_EQ(StoreResult::Ok, DropReadIndexes(*sql));  // a load killed before its end
+    int64_t removed = 0;
+    ASSERT_EQ(StoreResult::Ok, store->PurgeMachine(kB, removed));
+    EXPECT_EQ(10, removed);
+    EXPECT_EQ(schema, indexes());
+    EXPECT_EQ(20u, listed(kA));
+}
+
+// The fields a validator found beforehand count exactly as those the store would find in
+// the module data's JSON itself.
+TEST_P(StoreContract, FieldsFoundBeforehandCountAsThoseFoundInTheJson) {
+    TestDatabase parsed(GetParam()), found(GetParam());
+    auto one = parsed.Open();
+    auto two = found.Open();
+    ASSERT_TRUE(one && two);
+    std::vector<ValidatedReport> batch;
+    for (int i = 0; i < 20; ++i) {
+        batch.push_back(MakeReport(i % 2 ? kA : kB, i, kT0 + i * kDay / 4, std::to_string(i)));
+    }
+    Insert(*one, batch);
+    for (ValidatedReport& r : batch) {
+        ASSERT_TRUE(ForEachModuleField(
+            r.moduleDataJson, [&r](const FieldValue& field) { r.moduleFields.push_back(field); }));
+    }
+    Insert(*two, batch);
+    EXPECT_EQ(Figures(*one, kT0 / kDay, kT0 / kDay + 5), Figures(*two, kT0 / kDay, kT0 / kDay + 5));
 }
 
 TEST(SqliteStore, FilesArePrivate) {
