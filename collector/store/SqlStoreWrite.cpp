@@ -574,7 +574,7 @@ StoreResult SqlStore::PurgeOlderThan(int64_t before, int64_t& removed) {
     // Whole days go, so their rollup rows go with them instead of being corrected.
     const int64_t firstKeptDay = DayOf(before);
     removed = 0;
-    // A purge finds its reports through the read indexes.
+    // A purge finds its reports, and the rows that refer to them, through the read indexes.
     StoreResult result = BuildReadIndexes();
     result = result != StoreResult::Ok ? result : InTransaction([&]() {
         std::vector<SqlRow> rows;
