@@ -40,6 +40,39 @@ ValidatedReport ToValidated(const StoredReport& r) {
     return v;
 }
 
+// Copies every report of `from` into `to`, counting them in `copied`; what stopped it, or
+// empty.
+std::string CopyReports(Store& from, Store& to, int64_t& copied) {
+    int64_t afterId = 0;
+    for (;;) {
+        std::vector<StoredReport> page;
+        if (from.ScanReports(ReportFilter(), afterId, kPage, page) != StoreResult::Ok) {
+            return "migrate stopped: the source could not be read";
+        }
+        if (page.empty()) {
+            return std::string();
+        }
+        std::vector<ValidatedReport> batch;
+        std::vector<std::vector<int64_t>> duplicateTimes;
+        for (const StoredReport& r : page) {
+            batch.push_back(ToValidated(r));
+            duplicateTimes.push_back(r.duplicateTimes);
+            // A dump's bytes travel in the body; the destination keeps its module, size
+            // and SHA-256 (and, by the order of the copies, which dumps are repeats).
+            for (const StoredDump& dump : r.dumps) {
+                batch.back().crashDumps.push_back(
+                    CrashDump{dump.module, dump.sha256, dump.size, std::string()});
+            }
+        }
+        std::vector<InsertOutcome> outcomes;
+        if (to.CopyBatch(batch, duplicateTimes, outcomes) != StoreResult::Ok) {
+            return "migrate stopped: the destination could not be written";
+        }
+        copied += static_cast<int64_t>(page.size());
+        afterId = page.back().summary.id;
+    }
+}
+
 }  // namespace
 
 int RunMigrate(const CollectorSettings& settings, const std::vector<std::string>& args) {
@@ -70,39 +103,13 @@ int RunMigrate(const CollectorSettings& settings, const std::vector<std::string>
         CommandFailed("migrate: " + options["to"] + " cannot be prepared for the copy");
         return 1;
     }
-    int64_t afterId = 0, copied = 0;
-    for (;;) {
-        std::vector<StoredReport> page;
-        if (from->ScanReports(ReportFilter(), afterId, kPage, page) != StoreResult::Ok) {
-            CommandFailed("migrate stopped: the source could not be read");
-            FinishBulkLoad(*to, deferred, "migrate");
-            return 1;
-        }
-        if (page.empty()) {
-            break;
-        }
-        std::vector<ValidatedReport> batch;
-        std::vector<std::vector<int64_t>> duplicateTimes;
-        for (const StoredReport& r : page) {
-            batch.push_back(ToValidated(r));
-            duplicateTimes.push_back(r.duplicateTimes);
-            // A dump's bytes travel in the body; the destination keeps its module, size
-            // and SHA-256 (and, by the order of the copies, which dumps are repeats).
-            for (const StoredDump& dump : r.dumps) {
-                batch.back().crashDumps.push_back(
-                    CrashDump{dump.module, dump.sha256, dump.size, std::string()});
-            }
-        }
-        std::vector<InsertOutcome> outcomes;
-        if (to->CopyBatch(batch, duplicateTimes, outcomes) != StoreResult::Ok) {
-            CommandFailed("migrate stopped: the destination could not be written");
-            FinishBulkLoad(*to, deferred, "migrate");
-            return 1;
-        }
-        copied += static_cast<int64_t>(page.size());
-        afterId = page.back().summary.id;
+    int64_t copied = 0;
+    const std::string failure = CopyReports(*from, *to, copied);
+    if (!failure.empty()) {
+        CommandFailed(failure);
     }
-    if (!FinishBulkLoad(*to, deferred, "migrate")) {
+    // Built after a failure too: what was copied stays listed at full speed.
+    if (!FinishBulkLoad(*to, deferred, "migrate") || !failure.empty()) {
         return 1;
     }
     printf("copied %lld reports\n", static_cast<long long>(copied));
