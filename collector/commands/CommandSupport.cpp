@@ -33,6 +33,10 @@ std::unique_ptr<Store> OpenForCommand(const std::string& database) {
 }
 
 bool FinishBulkLoad(Store& store, bool deferred, const std::string& command) {
+    if (store.EndBulkLoad() != StoreResult::Ok) {
+        CommandFailed(command + ": what was stored could not be made durable");
+        return false;
+    }
     const auto start = std::chrono::steady_clock::now();
     if (store.BuildReadIndexes() != StoreResult::Ok) {
         CommandFailed(command +

@@ -6,9 +6,7 @@
 // first), so that a recorded set spanning many days loads in one run. Reports go to the
 // store in batches; the store lets this run beside a running service on the same database.
 #include <dirent.h>
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -23,18 +21,14 @@
 #include "AppLog.h"
 #include "Commands.h"
 #include "commands/CommandSupport.h"
-#include "HostClock.h"
 #include "HostSettings.h"
-#include "report/ReportReader.h"
-#include "report/ReportValidator.h"
+#include "commands/ImportReader.h"
 #include "store/Store.h"
 
 namespace collector {
 
 namespace {
 
-const char kPrefix[] = "data=";
-const size_t kPrefixSize = sizeof kPrefix - 1;
 // A batch is stored when it holds this many reports or body bytes. Each batch is one
 // transaction: a larger one writes a page that several of its reports change (an index's
 // leaf, a daily figure) once, and syncs once. On the first 100 days of the fleet's files
@@ -45,68 +39,13 @@ const size_t kPrefixSize = sizeof kPrefix - 1;
 const size_t kBatchReports = 20000;
 const size_t kBatchBytes = 128u * 1024 * 1024;
 const size_t kFewestPerBatch = 500;
+// Batches read ahead of the one being stored. With one (the next read while one was
+// stored), the store waited 17 of 31 s for reading on the first 100 days of the fleet's
+// files, as reading shared the cores with it; with two, 2 to 3 s (the first batch).
+const size_t kReadAhead = 2;
 
 const char kImportUsage[] =
     "usage: pathweave-collector import [--received TIME] PATH... [--received TIME PATH...]...\n";
-
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : m_fd(fd) {}
-    ~Descriptor() {
-        if (m_fd >= 0) {
-            close(m_fd);
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int Get() const { return m_fd; }
-
-private:
-    int m_fd;
-};
-
-// The content of the regular file `path`, at most a posted body's size; false with `error`.
-bool ReadBody(const std::string& path, std::string& body, std::string& error) {
-    // Non-blocking, so that a FIFO given by mistake is refused instead of waited on.
-    Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    struct stat status;
-    if (file.Get() < 0 || fstat(file.Get(), &status) != 0) {
-        error = strerror(errno);
-        return false;
-    }
-    if (!S_ISREG(status.st_mode)) {
-        error = "not a regular file";
-        return false;
-    }
-    const size_t limit = kMaxReportBytes + kPrefixSize;
-    if (static_cast<unsigned long long>(status.st_size) > limit) {
-        error = "larger than a report can be (" + std::to_string(limit) + " bytes)";
-        return false;
-    }
-    body.resize(static_cast<size_t>(status.st_size));
-    size_t done = 0;
-    while (done < body.size()) {
-        const ssize_t count = read(file.Get(), &body[done], body.size() - done);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            error = count < 0 ? strerror(errno) : "the file shrank while it was read";
-            return false;
-        }
-        done += static_cast<size_t>(count);
-    }
-    return true;
-}
-
-// A file to import, or a path as named (its size not known yet).
-struct ImportFile {
-    std::string path;
-    uint64_t size;     // when listed; a batch is cut by it
-    size_t timeIndex;  // its --received, or kNow
-};
-
-const size_t kNow = static_cast<size_t>(-1);
 
 // The files that `path` stands for: itself, or the regular files of a directory by name.
 bool ExpandPath(const ImportFile& named, std::vector<ImportFile>& files, std::string& error) {
@@ -138,66 +77,6 @@ bool ExpandPath(const ImportFile& named, std::vector<ImportFile>& files, std::st
               [](const ImportFile& a, const ImportFile& b) { return a.path < b.path; });
     files.insert(files.end(), listed.begin(), listed.end());
     return true;
-}
-
-// One batch of files read and validated, with the messages about those that could not be
-// read (printed in file order by the thread that stores the batch).
-struct Chunk {
-    std::vector<ValidatedReport> reports;
-    std::vector<std::string> errors;
-};
-
-// Reads and validates `files` on up to `threads` threads, each taking a contiguous share,
-// so that the reports keep the files' order. A file's time received is times[timeIndex],
-// or `now`.
-Chunk ReadChunk(const std::vector<ImportFile>& files, size_t threads,
-                const std::vector<int64_t>& times, int64_t now) {
-    Chunk chunk;
-    chunk.reports.resize(files.size());
-    std::vector<std::string> errors(files.size());
-    // One byte a file: the threads set neighbouring flags (std::vector<bool> packs them into
-    // shared words, which two threads would race on).
-    std::vector<char> read(files.size(), 0);
-    auto work = [&](size_t begin, size_t end) {
-        for (size_t i = begin; i < end; ++i) {
-            std::string body;
-            if (!ReadBody(files[i].path, body, errors[i])) {
-                continue;
-            }
-            // A report file as the client keeps it is posted behind "data=".
-            if (body.compare(0, kPrefixSize, kPrefix) != 0) {
-                body.insert(0, kPrefix);
-            }
-            chunk.reports[i] = ValidateBody(std::move(body), false);
-            chunk.reports[i].received =
-                files[i].timeIndex == kNow ? now : times[files[i].timeIndex];
-            read[i] = 1;
-        }
-    };
-    threads = std::max<size_t>(1, std::min(threads, files.size()));
-    std::vector<std::thread> workers;
-    const size_t share = (files.size() + threads - 1) / threads;
-    for (size_t t = 1; t < threads; ++t) {
-        workers.emplace_back(work, std::min(files.size(), t * share),
-                             std::min(files.size(), (t + 1) * share));
-    }
-    work(0, std::min(files.size(), share));
-    for (std::thread& worker : workers) {
-        worker.join();
-    }
-    size_t kept = 0;
-    for (size_t i = 0; i < files.size(); ++i) {
-        if (read[i]) {
-            if (kept != i) {  // a move onto itself would empty it
-                chunk.reports[kept] = std::move(chunk.reports[i]);
-            }
-            ++kept;
-        } else {
-            chunk.errors.push_back(files[i].path + ": " + errors[i]);
-        }
-    }
-    chunk.reports.resize(kept);
-    return chunk;
 }
 
 struct Totals {
@@ -255,7 +134,7 @@ int RunImport(const CollectorSettings& settings, const std::vector<std::string>&
     }
     if (times.empty()) {
         for (ImportFile& path : paths) {
-            path.timeIndex = kNow;
+            path.timeIndex = kImportedNow;
         }
     }
     if (paths.empty()) {
@@ -303,8 +182,7 @@ int RunImport(const CollectorSettings& settings, const std::vector<std::string>&
             ++totals.unreadable;
         }
     }
-    // Files are cut into batches of kBatchReports or kBatchBytes; while one batch is being
-    // stored, the next is read and validated on the other cores.
+    // Files are cut into batches of kBatchReports or kBatchBytes.
     // A few thousand files are cut into several batches all the same, so that reading
     // overlaps storing.
     const size_t perBatch =
@@ -318,45 +196,37 @@ int RunImport(const CollectorSettings& settings, const std::vector<std::string>&
             bytes = 0;
         }
     }
-    auto readBatch = [&](size_t index) {
-        return std::async(std::launch::async, ReadChunk,
-                          std::vector<ImportFile>(files.begin() + batches[index].first,
-                                                  files.begin() + batches[index].second),
-                          threads, std::cref(times), GetCurrentTimeSeconds());
-    };
     // Batch i is stored on store i % lanes, while the batches after it are read.
     std::vector<std::future<bool>> storing(stores.size());
     std::vector<Totals> laneTotals(stores.size());
     auto finished = [&storing](size_t lane) {
         return !storing[lane].valid() || storing[lane].get();
     };
-    std::future<Chunk> next;
-    if (!batches.empty()) {
-        next = readBatch(0);
-    }
     bool failed = false;
-    for (size_t index = 0; index < batches.size() && !failed; ++index) {
-        Chunk chunk = next.get();
-        for (const std::string& message : chunk.errors) {
-            fprintf(stderr, "pathweave-collector: import: %s\n", message.c_str());
-            ++totals.unreadable;
+    {
+        // Reading runs kReadAhead batches ahead of the batch being stored, on every core,
+        // so that the cores the store leaves idle (its syncs, its last statements) read on.
+        BatchReader reader(files, batches, times, threads, kReadAhead);
+        ImportChunk chunk;
+        for (size_t index = 0; !failed && reader.Next(chunk); ++index) {
+            for (const std::string& message : chunk.errors) {
+                fprintf(stderr, "pathweave-collector: import: %s\n", message.c_str());
+                ++totals.unreadable;
+            }
+            // The lane's batch before is stored first, so that no more batches are held
+            // than there are lanes and those read ahead.
+            const size_t lane = index % stores.size();
+            if (!finished(lane)) {
+                failed = true;
+                break;
+            }
+            storing[lane] = std::async(
+                std::launch::async,
+                [&stores, &laneTotals, lane](std::vector<ValidatedReport> reports) {
+                    return StoreBatch(*stores[lane], reports, laneTotals[lane]);
+                },
+                std::move(chunk.reports));
         }
-        // The lane's batch before is stored first, so that no more batches are held than
-        // there are lanes and one being read.
-        const size_t lane = index % stores.size();
-        if (!finished(lane)) {
-            failed = true;
-            break;
-        }
-        if (index + 1 < batches.size()) {
-            next = readBatch(index + 1);
-        }
-        storing[lane] = std::async(
-            std::launch::async,
-            [&stores, &laneTotals, lane](std::vector<ValidatedReport> reports) {
-                return StoreBatch(*stores[lane], reports, laneTotals[lane]);
-            },
-            std::move(chunk.reports));
     }
     for (size_t lane = 0; lane < stores.size(); ++lane) {
         failed = !finished(lane) || failed;
@@ -365,10 +235,14 @@ int RunImport(const CollectorSettings& settings, const std::vector<std::string>&
         }
         totals.duplicates += laneTotals[lane].duplicates;
     }
-    if (next.valid()) {
-        next.wait();
+    // The other lanes' batches are made durable too; the indexes are built after a failure
+    // too, so that what was stored stays listed at full speed.
+    for (size_t lane = 1; lane < stores.size(); ++lane) {
+        if (stores[lane]->EndBulkLoad() != StoreResult::Ok) {
+            CommandFailed("import: what was stored could not be made durable");
+            failed = true;
+        }
     }
-    // Built after a failure too: what was stored stays listed at full speed.
     if (!FinishBulkLoad(*stores[0], deferred, "import") || failed) {
         return 1;
     }

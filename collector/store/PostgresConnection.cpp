@@ -220,6 +220,7 @@ public:
 
     // The server manages its own memory and checkpoints.
     StoreResult PrepareForBulkLoad() override { return StoreResult::Ok; }
+    StoreResult EndBulkLoad() override { return StoreResult::Ok; }
 
 private:
     StoreResult Run(const std::string& sql, const std::vector<SqlValue>& params,

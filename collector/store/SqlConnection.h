@@ -104,8 +104,10 @@ public:
     // Gives the space of deleted rows back (after a purge); outside a transaction.
     virtual StoreResult Reclaim() = 0;
 
-    // This connection will write many large transactions in a row (see Store).
+    // This connection will write many large transactions in a row (see Store), and has
+    // written its last (EndBulkLoad).
     virtual StoreResult PrepareForBulkLoad() = 0;
+    virtual StoreResult EndBulkLoad() = 0;
 };
 
 // `path`: a SQLite file, made 0600 in a directory made 0700 when missing.

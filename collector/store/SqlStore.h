@@ -35,6 +35,7 @@ public:
                             std::vector<InsertOutcome>& outcomes) override;
     StoreResult Ping() override;
     StoreResult PrepareForBulkLoad() override;
+    StoreResult EndBulkLoad() override;
     StoreResult DeferReadIndexes(bool& deferred) override;
     StoreResult BuildReadIndexes() override;
     bool ConcurrentWriters() const override { return !m_sqlite; }

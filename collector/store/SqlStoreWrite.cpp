@@ -79,6 +79,10 @@ StoreResult SqlStore::PrepareForBulkLoad() {
     return m_db->PrepareForBulkLoad();
 }
 
+StoreResult SqlStore::EndBulkLoad() {
+    return m_db->EndBulkLoad();
+}
+
 StoreResult SqlStore::DeferReadIndexes(bool& deferred) {
     deferred = false;
     std::vector<SqlRow> rows;

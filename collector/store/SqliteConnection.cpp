@@ -57,6 +57,20 @@ StoreResult MapCode(int code) {
     }
 }
 
+// Flushes the file at `path` to the disk; a file that is not there has nothing to flush
+// (the log is removed when the last connection closes).
+bool SyncFile(const std::string& path) {
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return errno == ENOENT;
+    }
+    const bool synced = fsync(fd) == 0;
+    const int saved = errno;
+    close(fd);
+    errno = saved;
+    return synced;
+}
+
 // Makes `directory` and its missing parents, each new one 0700.
 bool MakePrivateDirectories(const std::string& directory) {
     if (directory.empty()) {
@@ -281,10 +295,18 @@ public:
     // it changes in a statement journal (so that a failed statement can be undone alone), a
     // temporary file written page by page: in memory it costs no system calls. The log is
     // copied into the database by a checkpointer of its own (its wal hook replaces the
-    // automatic checkpoints). A commit still syncs the log, so it is as durable as any other.
+    // automatic checkpoints).
+    // A commit does not wait for the log to reach the disk (EndBulkLoad syncs it once):
+    // the load reports nothing stored before its end, and the log stays whole, so a crash
+    // can only take the last batches back, never leave half of one. Other connections'
+    // commits sync the log as always, this load's frames before theirs included. The load
+    // only inserts rows that refer to rows it has just inserted, so its connection skips
+    // the foreign key checks (deletes by others still cascade). Its indexes built at the
+    // end sort on two threads (on 100 days of the fleet's files, 1.8 s instead of 2.3 s).
     StoreResult PrepareForBulkLoad() override {
         StoreResult result = ExecScript("PRAGMA cache_size=-" + std::to_string(kBulkCacheKiB) +
-                                        "; PRAGMA temp_store=MEMORY;");
+                                        "; PRAGMA temp_store=MEMORY; PRAGMA synchronous=NORMAL; "
+                                        "PRAGMA foreign_keys=OFF; PRAGMA threads=2;");
         if (result != StoreResult::Ok || m_checkpointer) {
             return result;
         }
@@ -300,6 +322,19 @@ public:
         m_checkpointer = std::make_unique<Checkpointer>(std::move(second));
         sqlite3_wal_hook(m_db, &Checkpointer::Committed, m_checkpointer.get());
         return StoreResult::Ok;
+    }
+
+    StoreResult EndBulkLoad() override {
+        StoreResult result = ExecScript("PRAGMA synchronous=FULL; PRAGMA foreign_keys=ON;");
+        const std::string database = sqlite3_db_filename(m_db, "main");
+        for (const std::string& path : {database + "-wal", database}) {
+            if (result == StoreResult::Ok && !SyncFile(path)) {
+                STORE_LOG(CAppLog::Error, "SQLite: cannot sync %s: %s", path.c_str(),
+                          std::strerror(errno));
+                result = StoreResult::Unavailable;
+            }
+        }
+        return result;
     }
 
 private:
@@ -373,13 +408,17 @@ std::unique_ptr<SqlConnection> OpenSqlite(const std::string& path, std::string& 
     }
     sqlite3_busy_timeout(db, kBusyTimeoutMs);
     auto connection = std::make_unique<SqliteConnection>(db);
-    // auto_vacuum only takes effect before the first table exists: a purge can then give
-    // pages back with incremental_vacuum instead of a full VACUUM. A 16 MiB page cache per
+    // page_size and auto_vacuum only take effect before the first table exists. Pages of
+    // 8 KiB: a report's row, its body's overflow pages and the log's frames take half as
+    // many pages (and system calls) as with 4 KiB; an index page a commit changes costs
+    // twice the bytes in the log. On the fleet's year of files a bulk load took 130 s with
+    // 8 KiB, 134 s with 16 KiB and 162 s with 4 KiB. A purge can give pages back with
+    // incremental_vacuum instead of a full VACUUM. A 16 MiB page cache per
     // connection: a page it does not hold is one read from the system's file cache away,
     // and the service keeps its resident memory for its connections (a bulk load asks for
     // more, PrepareForBulkLoad).
     if (connection->ExecScript(
-            "PRAGMA auto_vacuum=INCREMENTAL; PRAGMA journal_mode=WAL; "
+            "PRAGMA page_size=8192; PRAGMA auto_vacuum=INCREMENTAL; PRAGMA journal_mode=WAL; "
             "PRAGMA synchronous=FULL; PRAGMA foreign_keys=ON; PRAGMA cache_size=-16384;") !=
         StoreResult::Ok) {
         error = "cannot set up " + path + ": " + sqlite3_errmsg(db);

@@ -169,9 +169,13 @@ public:
     virtual StoreResult Ping() = 0;
 
     // For a program that writes many batches one after the other (import, migrate): the
-    // back end may keep more of the database in memory and space its housekeeping out.
-    // Durability and what other Stores on the database see are unchanged.
+    // back end may keep more of the database in memory, space its housekeeping out, and
+    // let the batches reach the disk together at EndBulkLoad, which returns once all that
+    // the load committed is durable. A crash before then can take the load's last batches
+    // back whole (never part of one, never another Store's). What other Stores on the
+    // database see is unchanged.
     virtual StoreResult PrepareForBulkLoad() = 0;
+    virtual StoreResult EndBulkLoad() = 0;
     // A bulk load into a store that holds no reports yet drops the indexes that only
     // reading uses (`deferred` tells) and builds them once at its end with
     // BuildReadIndexes, a sort each instead of an insert per report into each. Until then

@@ -10,6 +10,7 @@
 #include "AppLog.h"
 #include "Commands.h"
 #include "ScratchFiles.h"
+#include "commands/ImportReader.h"
 #include "StoreFixture.h"
 #include "store/Store.h"
 
@@ -97,6 +98,51 @@ TEST(ImportCommand, BatchesStoredAtOnceKeepEachReportOnce) {
         ASSERT_EQ(store->Totals(totals), collector::StoreResult::Ok);
         EXPECT_EQ(totals.reports, 2);
         EXPECT_EQ(totals.duplicates, 2398);
+    }
+}
+
+// Many small batches read by more threads than the window holds batches: each comes out
+// whole and in file order, with its unreadable files named in order and each file's time
+// received; a reader dropped half-way stops.
+TEST(BatchReader, HandsBatchesOverInFileOrder) {
+    ScratchDir dir("/tmp", "pw-import-");
+    std::vector<collector::ImportFile> files;
+    for (int i = 0; i < 300; ++i) {
+        const std::string path = dir / std::to_string(i);
+        if (i % 13 != 5) {  // else missing
+            ASSERT_TRUE(pwsupport::WriteFile(path, "body " + std::to_string(i)));
+        }
+        files.push_back({path, 0, i < 150 ? size_t(0) : size_t(1)});
+    }
+    std::vector<std::pair<size_t, size_t>> batches;
+    for (size_t begin = 0; begin < files.size(); begin += 7) {
+        batches.emplace_back(begin, std::min(files.size(), begin + 7));
+    }
+    const std::vector<int64_t> times = {1798761600, 1798848000};
+    for (size_t stopAfter : {batches.size(), size_t(3)}) {
+        collector::BatchReader reader(files, batches, times, 3, 2);
+        collector::ImportChunk chunk;
+        for (size_t batch = 0; batch < stopAfter; ++batch) {
+            ASSERT_TRUE(reader.Next(chunk));
+            std::vector<std::string> bodies, errors;
+            for (size_t i = batches[batch].first; i < batches[batch].second; ++i) {
+                if (i % 13 == 5) {
+                    errors.push_back(files[i].path + ": No such file or directory");
+                } else {
+                    bodies.push_back("data=body " + std::to_string(i));
+                }
+            }
+            ASSERT_EQ(chunk.reports.size(), bodies.size());
+            for (size_t k = 0; k < bodies.size(); ++k) {
+                EXPECT_EQ("data=" + chunk.reports[k].body, bodies[k]);
+                const size_t file = std::stoul(bodies[k].substr(10));
+                EXPECT_EQ(chunk.reports[k].received, times[file < 150 ? 0 : 1]);
+            }
+            EXPECT_EQ(chunk.errors, errors);
+        }
+        if (stopAfter == batches.size()) {
+            EXPECT_FALSE(reader.Next(chunk));
+        }
     }
 }
 

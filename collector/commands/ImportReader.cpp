@@ -1,0 +1,199 @@
+#include "commands/ImportReader.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "HostClock.h"
+#include "report/ReportReader.h"
+
+namespace collector {
+
+namespace {
+
+const char kPrefix[] = "data=";
+const size_t kPrefixSize = sizeof kPrefix - 1;
+// Files a thread claims at a time: few enough that a batch's last files are shared out,
+// enough that the claims cost nothing beside the reading.
+const size_t kFilesPerClaim = 64;
+// Readers yield to the thread that stores (the import's pace): past its own reading ahead,
+// reading only takes time the store leaves.
+const int kReaderNiceness = 10;
+
+class Descriptor {
+public:
+    explicit Descriptor(int fd) : m_fd(fd) {}
+    ~Descriptor() {
+        if (m_fd >= 0) {
+            close(m_fd);
+        }
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int Get() const { return m_fd; }
+
+private:
+    int m_fd;
+};
+
+// The content of the regular file `path`, at most a posted body's size; false with `error`.
+bool ReadBody(const std::string& path, std::string& body, std::string& error) {
+    // Non-blocking, so that a FIFO given by mistake is refused instead of waited on.
+    Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    struct stat status;
+    if (file.Get() < 0 || fstat(file.Get(), &status) != 0) {
+        error = strerror(errno);
+        return false;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        error = "not a regular file";
+        return false;
+    }
+    const size_t limit = kMaxReportBytes + kPrefixSize;
+    if (static_cast<unsigned long long>(status.st_size) > limit) {
+        error = "larger than a report can be (" + std::to_string(limit) + " bytes)";
+        return false;
+    }
+    body.resize(static_cast<size_t>(status.st_size));
+    size_t done = 0;
+    while (done < body.size()) {
+        const ssize_t count = read(file.Get(), &body[done], body.size() - done);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0) {
+            error = count < 0 ? strerror(errno) : "the file shrank while it was read";
+            return false;
+        }
+        done += static_cast<size_t>(count);
+    }
+    return true;
+}
+
+}  // namespace
+
+BatchReader::BatchReader(const std::vector<ImportFile>& files,
+                         const std::vector<std::pair<size_t, size_t>>& batches,
+                         const std::vector<int64_t>& times, size_t threads, size_t ahead)
+    : m_files(files),
+      m_batches(batches),
+      m_times(times),
+      m_ahead(std::max<size_t>(1, ahead)),
+      m_slots(batches.size()) {
+    threads = std::max<size_t>(1, threads);
+    for (size_t t = 0; t < threads; ++t) {
+        m_threads.emplace_back([this] { Work(); });
+    }
+}
+
+BatchReader::~BatchReader() {
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_stopping = true;
+    }
+    m_claimable.notify_all();
+    for (std::thread& thread : m_threads) {
+        thread.join();
+    }
+}
+
+size_t BatchReader::WindowEnd() const {
+    const size_t last = std::min(m_batches.size(), m_handedOver + m_ahead);
+    return last == 0 ? 0 : m_batches[last - 1].second;
+}
+
+void BatchReader::Work() {
+    // Linux gives each thread a niceness of its own.
+    setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), kReaderNiceness);
+    std::unique_lock<std::mutex> lock(m_mutex);
+    for (;;) {
+        m_claimable.wait(lock, [this] {
+            return m_stopping || m_nextBatch == m_batches.size() || m_nextFile < WindowEnd();
+        });
+        if (m_stopping || m_nextBatch == m_batches.size()) {
+            return;
+        }
+        const size_t batch = m_nextBatch;
+        const size_t batchBegin = m_batches[batch].first;
+        const size_t batchEnd = m_batches[batch].second;
+        if (!m_slots[batch]) {
+            m_slots[batch] = std::make_unique<Slot>();
+            Slot& slot = *m_slots[batch];
+            const size_t size = batchEnd - batchBegin;
+            slot.reports.resize(size);
+            slot.errors.resize(size);
+            slot.read.assign(size, 0);
+            slot.remaining = size;
+        }
+        Slot& slot = *m_slots[batch];
+        const size_t begin = m_nextFile;
+        const size_t end = std::min(batchEnd, begin + kFilesPerClaim);
+        m_nextFile = end;
+        if (end == batchEnd) {
+            ++m_nextBatch;
+        }
+        lock.unlock();
+        ReadBlock(slot, batchBegin, begin, end);
+        lock.lock();
+        slot.remaining -= end - begin;
+        if (slot.remaining == 0) {
+            m_finished.notify_all();
+        }
+    }
+}
+
+void BatchReader::ReadBlock(Slot& slot, size_t batchBegin, size_t begin, size_t end) {
+    const int64_t now = GetCurrentTimeSeconds();
+    for (size_t i = begin; i < end; ++i) {
+        const size_t at = i - batchBegin;
+        std::string body;
+        if (!ReadBody(m_files[i].path, body, slot.errors[at])) {
+            continue;
+        }
+        // A report file as the client keeps it is posted behind "data=".
+        if (body.compare(0, kPrefixSize, kPrefix) != 0) {
+            body.insert(0, kPrefix);
+        }
+        slot.reports[at] = ValidateBody(std::move(body), false);
+        slot.reports[at].received =
+            m_files[i].timeIndex == kImportedNow ? now : m_times[m_files[i].timeIndex];
+        slot.read[at] = 1;
+    }
+}
+
+bool BatchReader::Next(ImportChunk& chunk) {
+    std::unique_ptr<Slot> slot;
+    size_t batchBegin = 0;
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        if (m_handedOver == m_batches.size()) {
+            return false;
+        }
+        const size_t batch = m_handedOver;
+        m_finished.wait(lock,
+                        [this, batch] { return m_slots[batch] && m_slots[batch]->remaining == 0; });
+        slot = std::move(m_slots[batch]);
+        batchBegin = m_batches[batch].first;
+        ++m_handedOver;
+    }
+    m_claimable.notify_all();
+    chunk.reports.clear();
+    chunk.errors.clear();
+    chunk.reports.reserve(slot->reports.size());
+    for (size_t at = 0; at < slot->reports.size(); ++at) {
+        if (slot->read[at]) {
+            chunk.reports.push_back(std::move(slot->reports[at]));
+        } else {
+            chunk.errors.push_back(m_files[batchBegin + at].path + ": " + slot->errors[at]);
+        }
+    }
+    return true;
+}
+
+}  // namespace collector
