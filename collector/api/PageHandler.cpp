@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "AppLog.h"
+#include "FileDescriptor.h"
 
 #ifndef PW_COLLECTOR_WEB_SOURCE_DIR
 #define PW_COLLECTOR_WEB_SOURCE_DIR ""
@@ -20,22 +21,6 @@ namespace {
 constexpr const char kChartPrefix[] = "/vendor/chart.js/";
 constexpr const char kChartPackageDir[] = "/usr/share/javascript/chart.js";
 constexpr off_t kMaxFileSize = 8 << 20;  // the chart library is the largest file, ~550 KB
-
-// Closes its descriptor when it goes out of scope.
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    ~FileDescriptor() {
-        if (fd_ >= 0)
-            close(fd_);
-    }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    int Get() const { return fd_; }
-
-private:
-    int fd_;
-};
 
 // The content type of the file names the pages use; null for any other file, which is
 // then not served at all (nothing is sniffed, nothing is offered as a download).

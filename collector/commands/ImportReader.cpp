@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "FileDescriptor.h"
 #include "HostClock.h"
 #include "report/ReportReader.h"
 
@@ -26,26 +27,10 @@ const size_t kFilesPerClaim = 64;
 // reading only takes time the store leaves.
 const int kReaderNiceness = 10;
 
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : m_fd(fd) {}
-    ~Descriptor() {
-        if (m_fd >= 0) {
-            close(m_fd);
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int Get() const { return m_fd; }
-
-private:
-    int m_fd;
-};
-
 // The content of the regular file `path`, at most a posted body's size; false with `error`.
 bool ReadBody(const std::string& path, std::string& body, std::string& error) {
     // Non-blocking, so that a FIFO given by mistake is refused instead of waited on.
-    Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status;
     if (file.Get() < 0 || fstat(file.Get(), &status) != 0) {
         error = strerror(errno);
