@@ -22,8 +22,8 @@ namespace {
 
 constexpr int kBusyTimeoutMs = 30000;
 // A bulk load's page cache, and the size of its write-ahead log past which the writer
-// copies the log into the database itself (a batch of the fleet's reports is about 37,000
-// pages).
+// copies the log into the database itself (a batch of the fleet's reports is about 18,500
+// pages of 8 KiB; a store made with 4 KiB pages takes twice as many, within the same cap).
 constexpr int kBulkCacheKiB = 512 * 1024;
 constexpr int kLogCapPages = 96 * 1024;
 
