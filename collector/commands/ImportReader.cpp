@@ -113,7 +113,6 @@ void BatchReader::Work() {
             const size_t size = batchEnd - batchBegin;
             slot.reports.resize(size);
             slot.errors.resize(size);
-            slot.read.assign(size, 0);
             slot.remaining = size;
         }
         Slot& slot = *m_slots[batch];
@@ -148,7 +147,6 @@ void BatchReader::ReadBlock(Slot& slot, size_t batchBegin, size_t begin, size_t 
         slot.reports[at] = ValidateBody(std::move(body), false);
         slot.reports[at].received =
             m_files[i].timeIndex == kImportedNow ? now : m_times[m_files[i].timeIndex];
-        slot.read[at] = 1;
     }
 }
 
@@ -172,7 +170,7 @@ bool BatchReader::Next(ImportChunk& chunk) {
     chunk.errors.clear();
     chunk.reports.reserve(slot->reports.size());
     for (size_t at = 0; at < slot->reports.size(); ++at) {
-        if (slot->read[at]) {
+        if (slot->errors[at].empty()) {
             chunk.reports.push_back(std::move(slot->reports[at]));
         } else {
             chunk.errors.push_back(m_files[batchBegin + at].path + ": " + slot->errors[at]);

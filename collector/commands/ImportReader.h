@@ -52,7 +52,6 @@ private:
     struct Slot {
         std::vector<ValidatedReport> reports;
         std::vector<std::string> errors;  // per file, empty when it was read
-        std::vector<char> read;           // one byte a file: neighbours are set by two threads
         size_t remaining = 0;
     };
 
