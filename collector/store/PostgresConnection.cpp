@@ -118,7 +118,9 @@ public:
         StoreResult ready = Reconnect();
         std::vector<const std::string*> names(statements.size());
         for (size_t i = 0; i < statements.size() && ready == StoreResult::Ok; ++i) {
-            ready = Prepare(statements[i].sql, statements[i].params, names[i]);
+            ready = Prepare(statements[i].returnsInsertedId ? statements[i].sql + " RETURNING id"
+                                                            : statements[i].sql,
+                            statements[i].params, names[i]);
         }
         if (ready != StoreResult::Ok) {
             return ready;

@@ -60,6 +60,12 @@ using SqlRow = std::vector<SqlCell>;
 struct SqlStatement {
     std::string sql;
     std::vector<SqlValue> params;
+    // A one-row INSERT ... ON CONFLICT DO NOTHING whose rows are to be the new row's id (one
+    // row), or none when the row was not inserted: RETURNING id, which the connection adds
+    // (PostgreSQL) or replaces by asking for the row it inserted (SQLite, where RETURNING
+    // runs the insert through a trigger program and saves each page it changes in a
+    // statement journal first).
+    bool returnsInsertedId = false;
 };
 
 enum class SqlDialect { Sqlite, Postgres };

@@ -208,7 +208,7 @@ StoreResult SqlStore::InsertRows(const std::vector<Pending>& batch,
                       "$15, $16, $17, $18, $19, $20, $21, $22, $23, $24)"
                     : ", module_json) VALUES ($1, $2, $3, $4, $5, $6, $7, $8, $9, $10, $11, $12, "
                       "$13, $14, $15, $16, $17, $18, $19, $20, $21, $22, $23, $24, pw_jsonb($22))";
-    sql += " ON CONFLICT (machine_id, period_start, period_end, sha256) DO NOTHING RETURNING id";
+    sql += " ON CONFLICT (machine_id, period_start, period_end, sha256) DO NOTHING";
     std::vector<SqlStatement> statements;
     statements.reserve(order.size());
     for (size_t i : order) {
@@ -237,7 +237,8 @@ StoreResult SqlStore::InsertRows(const std::vector<Pending>& batch,
                                SqlValue::TextView(r.damagedReason),
                                SqlValue::BlobView(r.moduleDataJson),
                                r.hasThreat ? 1 : 0,
-                               SqlValue::TextView(r.threatIncident)}});
+                               SqlValue::TextView(r.threatIncident)},
+                              true});
     }
     std::vector<std::vector<SqlRow>> rows;
     StoreResult result = m_db->ExecBatch(statements, &rows);

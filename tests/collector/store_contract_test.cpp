@@ -479,6 +479,27 @@ TEST_P(StoreContract, StatementBatchesKeepTheirRowsApartAndFailWhole) {
         ASSERT_EQ(StoreResult::Ok, sql->Exec("SELECT count(*) FROM t", {}, &count));
         EXPECT_EQ(cases[i].stored, count[0][0].Int());
     }
+
+    // An insert asked for its new row's id gives it, and nothing when it inserted nothing,
+    // even right after an insert that did.
+    ASSERT_EQ(StoreResult::Ok,
+              sql->ExecScript(sql->Dialect() == SqlDialect::Sqlite
+                                  ? "CREATE TABLE u (id INTEGER PRIMARY KEY, k BIGINT UNIQUE)"
+                                  : "CREATE TABLE u (id BIGSERIAL PRIMARY KEY, k BIGINT UNIQUE)"));
+    const std::string insertU = "INSERT INTO u (k) VALUES ($1) ON CONFLICT DO NOTHING";
+    const std::vector<SqlStatement> batch = {
+        {insertU, {10}, true}, {insertU, {10}, true}, {insertU, {20}, true}};
+    std::vector<std::vector<SqlRow>> rows;
+    ASSERT_EQ(StoreResult::Ok, sql->ExecBatch(batch, &rows));
+    std::vector<SqlRow> ids;
+    ASSERT_EQ(StoreResult::Ok, sql->Exec("SELECT id FROM u ORDER BY k", {}, &ids));
+    ASSERT_EQ(3u, rows.size());
+    ASSERT_EQ(2u, ids.size());
+    ASSERT_EQ(1u, rows[0].size());
+    EXPECT_EQ(ids[0][0].bytes, rows[0][0][0].bytes);
+    EXPECT_TRUE(rows[1].empty());
+    ASSERT_EQ(1u, rows[2].size());
+    EXPECT_EQ(ids[1][0].bytes, rows[2][0][0].bytes);
 }
 
 // A bulk load into an empty store drops the read indexes and builds them at its end; one
