@@ -299,11 +299,11 @@ public:
     }
 
     // A batch of a bulk load dirties pages all over the indexes keyed by machine; a larger
-    // cache keeps those pages in memory between batches. An insert of several rows also saves
-    // the pages it changes in a statement journal (so that a failed statement can be undone
-    // alone), a temporary file written page by page: in memory it costs no system calls. The log is
-    // copied into the database by a checkpointer of its own (its wal hook replaces the
-    // automatic checkpoints).
+    // cache keeps those pages in memory between batches. An insert of several rows also
+    // saves the pages it changes in a statement journal (so that a failed statement can be
+    // undone alone), a temporary file written page by page: in memory it costs no system
+    // calls. The log is copied into the database by a checkpointer of its own (its wal hook
+    // replaces the automatic checkpoints).
     // A commit does not wait for the log to reach the disk (EndBulkLoad syncs it once):
     // the load reports nothing stored before its end, and the log stays whole, so a crash
     // can only take the last batches back, never leave half of one. Other connections'
