@@ -37,7 +37,7 @@ CREATE TABLE reports (
     module_data {B} NOT NULL{JSON},
     has_threat INTEGER NOT NULL,
     threat_incident {T} NOT NULL,
-    UNIQUE (machine_id, period_start, period_end, sha256)
+    UNIQUE (sha256)
 );
 CREATE INDEX reports_by_time ON reports (received, id);
 CREATE INDEX reports_by_machine ON reports (machine_id, received, id);
@@ -164,6 +164,16 @@ INSERT INTO breakdown (dim, day, value, count, repeats)
     GROUP BY dim + 16, day / 32, value;
 )";
 
+// Version 6: stores made from now on keep reports unique by the body's SHA-256 alone (in
+// version 1's statements above). The body holds the machine id and the period that are
+// read from it, so the same body is the same machine, period and content: the key is the
+// one reports always had, in an index about half the size of one on the four columns,
+// which a bulk load's every batch writes again at random places. A store made before keeps
+// its index on the four columns (rebuilding the reports table would rewrite every body);
+// the inserts name no conflict target, so that they serve either. The version tells an
+// older collector, whose inserts name the four columns, that it cannot write this store.
+const char* const kVersion6 = "";
+
 void ReplaceAll(std::string& text, const std::string& word, const std::string& with) {
     for (size_t at = text.find(word); at != std::string::npos;
          at = text.find(word, at + with.size())) {
@@ -225,7 +235,7 @@ StoreResult Migrate(SqlConnection& connection, int target, int& version, std::st
                 ") is newer than this collector's (" + std::to_string(kSchemaVersion) + ")";
         return StoreResult::Error;
     }
-    const char* const steps[] = {kVersion1, kVersion2, kVersion3, kVersion4, kVersion5};
+    const char* const steps[] = {kVersion1, kVersion2, kVersion3, kVersion4, kVersion5, kVersion6};
     while (version < target) {
         if ((result = connection.Begin()) != StoreResult::Ok) {
             error = "cannot begin a schema change";

@@ -208,7 +208,10 @@ StoreResult SqlStore::InsertRows(const std::vector<Pending>& batch,
                       "$15, $16, $17, $18, $19, $20, $21, $22, $23, $24)"
                     : ", module_json) VALUES ($1, $2, $3, $4, $5, $6, $7, $8, $9, $10, $11, $12, "
                       "$13, $14, $15, $16, $17, $18, $19, $20, $21, $22, $23, $24, pw_jsonb($22))";
-    sql += " ON CONFLICT (machine_id, period_start, period_end, sha256) DO NOTHING";
+    // A report is kept once per machine, period and content: by the body's SHA-256 in
+    // stores made now, by the four columns in stores made before (see Schema); the clause
+    // names no columns so that it serves either.
+    sql += " ON CONFLICT DO NOTHING";
     std::vector<SqlStatement> statements;
     statements.reserve(order.size());
     for (size_t i : order) {
@@ -247,40 +250,56 @@ StoreResult SqlStore::InsertRows(const std::vector<Pending>& batch,
     }
     // A report whose row was not inserted is a duplicate: the same machine, period and
     // content is kept already (perhaps earlier in this batch). Its arrival is recorded
-    // against the kept row, in the same order.
+    // against the kept row, in the same order. The row is looked up by the four columns
+    // first (the unique key of stores made before, and a match on the SHA-256 key too);
+    // a row whose machine or period were not those read from its body (which a store
+    // made before may hold) is then found by the SHA-256 alone.
     std::vector<size_t> duplicates;
-    statements.clear();
     for (size_t k = 0; k < order.size(); ++k) {
-        const size_t i = order[k];
-        if (!rows[k].empty()) {
-            outcomes[i].id = rows[k][0][0].Int();
-            continue;
-        }
-        const ValidatedReport& r = *batch[i].report;
-        duplicates.push_back(i);
-        statements.push_back(
-            {"INSERT INTO duplicates (report_id, received) SELECT id, $5 FROM reports WHERE "
-             "machine_id = $1 AND period_start = $2 AND period_end = $3 AND sha256 = $4 "
-             "RETURNING report_id",
-             {r.machineId, r.hasPeriod ? r.periodStart : 0, r.hasPeriod ? r.periodEnd : 0, r.sha256,
-              r.received}});
-    }
-    if (duplicates.empty()) {
-        return StoreResult::Ok;
-    }
-    if ((result = m_db->ExecBatch(statements, &rows)) != StoreResult::Ok) {
-        return result;
-    }
-    for (size_t k = 0; k < duplicates.size(); ++k) {
         if (rows[k].empty()) {
-            return StoreResult::Error;
+            duplicates.push_back(order[k]);
+        } else {
+            outcomes[order[k]].id = rows[k][0][0].Int();
         }
-        InsertOutcome& outcome = outcomes[duplicates[k]];
-        outcome.id = rows[k][0][0].Int();
-        outcome.duplicate = true;
-        rollup.daily[DayOf(batch[duplicates[k]].report->received)].duplicates += 1;
     }
-    return StoreResult::Ok;
+    for (const bool byContentAlone : {false, true}) {
+        statements.clear();
+        for (size_t i : duplicates) {
+            const ValidatedReport& r = *batch[i].report;
+            if (byContentAlone) {
+                statements.push_back(
+                    {"INSERT INTO duplicates (report_id, received) SELECT id, "
+                     "$2 FROM reports WHERE sha256 = $1 RETURNING report_id",
+                     {r.sha256, r.received}});
+            } else {
+                statements.push_back(
+                    {"INSERT INTO duplicates (report_id, received) SELECT id, $5 FROM reports "
+                     "WHERE machine_id = $1 AND period_start = $2 AND period_end = $3 AND "
+                     "sha256 = $4 RETURNING report_id",
+                     {r.machineId, r.hasPeriod ? r.periodStart : 0, r.hasPeriod ? r.periodEnd : 0,
+                      r.sha256, r.received}});
+            }
+        }
+        if (statements.empty()) {
+            return StoreResult::Ok;
+        }
+        if ((result = m_db->ExecBatch(statements, &rows)) != StoreResult::Ok) {
+            return result;
+        }
+        std::vector<size_t> missed;
+        for (size_t k = 0; k < duplicates.size(); ++k) {
+            if (rows[k].empty()) {
+                missed.push_back(duplicates[k]);
+                continue;
+            }
+            InsertOutcome& outcome = outcomes[duplicates[k]];
+            outcome.id = rows[k][0][0].Int();
+            outcome.duplicate = true;
+            rollup.daily[DayOf(batch[duplicates[k]].report->received)].duplicates += 1;
+        }
+        duplicates.swap(missed);
+    }
+    return duplicates.empty() ? StoreResult::Ok : StoreResult::Error;
 }
 
 StoreResult SqlStore::InsertDetails(const Pending& pending, int64_t id, Rollup& rollup) {

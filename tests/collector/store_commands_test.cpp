@@ -176,7 +176,9 @@ TEST(StoreCommands, ExportKeepsOrderAndContentAcrossPages) {
             } else if (i % 23 == 2) {
                 r.kind = ReportKind::Damaged;
                 r.damagedReason = "truncated";
-                r.body = r.body.substr(0, r.body.size() / 2);
+                // Cut after the text that makes each body its own: a body equal byte for
+                // byte to one kept already is that report again.
+                r.body = r.body.substr(0, r.body.size() - 3);
             } else if (i % 29 == 3) {
                 // Reads as bencode, but not in the client's form: a damaged body is read the
                 // long way, which refuses it.

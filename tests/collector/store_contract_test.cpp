@@ -33,6 +33,40 @@ protected:
         return GetParam() == "sqlite" ? OpenSqlite(db.location(), error)
                                       : OpenPostgres(db.location(), error);
     }
+    // Gives the (empty) store the unique key that stores made by earlier versions have:
+    // the machine, the period and the body's SHA-256 rather than the SHA-256 alone.
+    void UseTheFourColumnKey(const TestDatabase& db) {
+        std::string error;
+        auto sql = Connect(db, error);
+        ASSERT_TRUE(sql) << error;
+        const std::string key = "UNIQUE (machine_id, period_start, period_end, sha256)";
+        if (sql->Dialect() == SqlDialect::Postgres) {
+            ASSERT_EQ(StoreResult::Ok,
+                      sql->ExecScript("ALTER TABLE reports DROP CONSTRAINT reports_sha256_key; "
+                                      "ALTER TABLE reports ADD " +
+                                      key));
+            return;
+        }
+        // SQLite cannot drop a table's constraint: the table is made again with the other
+        // one, and its indexes after it.
+        std::vector<SqlRow> rows;
+        ASSERT_EQ(StoreResult::Ok,
+                  sql->Exec("SELECT sql FROM sqlite_master WHERE tbl_name = 'reports' AND sql "
+                            "IS NOT NULL ORDER BY type = 'table' DESC",
+                            {}, &rows));
+        std::string script = "PRAGMA foreign_keys=OFF; DROP TABLE reports; ";
+        for (const SqlRow& row : rows) {
+            std::string text = row[0].bytes;
+            const size_t at = text.find("UNIQUE (sha256)");
+            if (at != std::string::npos) {
+                text.replace(at, std::string("UNIQUE (sha256)").size(), key);
+            }
+            script += text + "; ";
+        }
+        ASSERT_NE(std::string::npos, script.find(key));
+        ASSERT_EQ(StoreResult::Ok, sql->ExecScript(script));
+    }
+    void CheckDuplicatesRepeatsAndTheUnknownMachine(Store& store);
     std::vector<InsertOutcome> Insert(Store& store, const std::vector<ValidatedReport>& batch) {
         std::vector<InsertOutcome> outcomes;
         EXPECT_EQ(StoreResult::Ok, store.InsertBatch(batch, outcomes));
@@ -41,9 +75,33 @@ protected:
 };
 
 TEST_P(StoreContract, DuplicatesRepeatsAndTheUnknownMachine) {
-    TestDatabase db(GetParam());
-    auto store = db.Open();
-    ASSERT_TRUE(store);
+    // Stores made now and stores made with the earlier unique key alike.
+    for (bool fourColumnKey : {false, true}) {
+        SCOPED_TRACE(fourColumnKey ? "four-column key" : "SHA-256 key");
+        TestDatabase db(GetParam());
+        if (fourColumnKey) {
+            ASSERT_TRUE(db.Open());
+            UseTheFourColumnKey(db);
+        }
+        auto store = db.Open();
+        ASSERT_TRUE(store);
+        CheckDuplicatesRepeatsAndTheUnknownMachine(*store);
+        // One body kept under another machine and period than those read from it (a copy
+        // of a store that holds such rows): one report on the SHA-256 key, whose arrival
+        // is recorded against the kept row; two on the four columns.
+        ValidatedReport kept = MakeReport(kA, 900, kT0, "one body");
+        ValidatedReport again = kept;
+        again.machineId = kB;
+        again.periodStart = again.periodEnd = 0;
+        const auto before = Insert(*store, {kept});
+        const auto after = Insert(*store, {again});
+        ASSERT_EQ(1u, after.size());
+        EXPECT_EQ(!fourColumnKey, after[0].duplicate);
+        EXPECT_EQ(!fourColumnKey, after[0].id == before[0].id);
+    }
+}
+
+void StoreContract::CheckDuplicatesRepeatsAndTheUnknownMachine(Store& store) {
     const std::string unknown = kUnknownMachineId;
     struct Row {
         std::string machine;
@@ -74,8 +132,8 @@ TEST_P(StoreContract, DuplicatesRepeatsAndTheUnknownMachine) {
     }
     // The first half in one batch and the rest in another: duplicates are caught within
     // a batch and across batches alike.
-    auto first = Insert(*store, {batch.begin(), batch.begin() + 5});
-    auto second = Insert(*store, {batch.begin() + 5, batch.end()});
+    auto first = Insert(store, {batch.begin(), batch.begin() + 5});
+    auto second = Insert(store, {batch.begin() + 5, batch.end()});
     first.insert(first.end(), second.begin(), second.end());
     for (size_t i = 0; i < rows.size(); ++i) {
         SCOPED_TRACE(i);
@@ -84,25 +142,25 @@ TEST_P(StoreContract, DuplicatesRepeatsAndTheUnknownMachine) {
             EXPECT_EQ(first[rows[i].sameAs].id, first[i].id);
         }
         StoredReport stored;
-        ASSERT_EQ(StoreResult::Ok, store->GetReport(first[i].id, stored));
+        ASSERT_EQ(StoreResult::Ok, store.GetReport(first[i].id, stored));
         EXPECT_EQ(batch[i].body, stored.body);
         if (!rows[i].dump.empty()) {
             ASSERT_EQ(1u, stored.dumps.size());
             EXPECT_EQ(rows[i].repeat, stored.dumps[0].repeat);
             std::string bytes;
-            ASSERT_EQ(StoreResult::Ok, store->GetDump(first[i].id, "Core", bytes));
+            ASSERT_EQ(StoreResult::Ok, store.GetDump(first[i].id, "Core", bytes));
             EXPECT_EQ(rows[i].dump, bytes);
         }
     }
     std::vector<DailyFigures> days;
-    ASSERT_EQ(StoreResult::Ok, store->Daily(kT0 / kDay, kT0 / kDay, days));
+    ASSERT_EQ(StoreResult::Ok, store.Daily(kT0 / kDay, kT0 / kDay, days));
     EXPECT_EQ(6, days[0].perKind[0]);
     EXPECT_EQ(3, days[0].perKind[1]);
     EXPECT_EQ(1, days[0].duplicates);
     EXPECT_EQ(2, days[0].machines);  // kA and kB; the unknown machine is none
     std::vector<BreakdownRow> crashes;
     ASSERT_EQ(StoreResult::Ok,
-              store->Breakdown(BreakdownBy::CrashModule, kT0 / kDay, kT0 / kDay, crashes));
+              store.Breakdown(BreakdownBy::CrashModule, kT0 / kDay, kT0 / kDay, crashes));
     ASSERT_EQ(1u, crashes.size());
     EXPECT_EQ(2, crashes[0].count);
     EXPECT_EQ(1, crashes[0].repeats);
