@@ -25,9 +25,9 @@ constexpr int kBusyTimeoutMs = 30000;
 // copies the log into the database itself (a batch of the fleet's reports is about 18,500
 // pages of 8 KiB; a store made with 4 KiB pages takes twice as many, within the same cap).
 // Each time the cap is reached the load waits while the last batch is copied (0.5 to
-// 0.8 s, ten times in the fleet's year). A cap of 3 GiB waited twice and was no faster:
-// each page the load reads that its cache does not hold is looked up in an index of the
-// log that grows with it.
+// 0.8 s, ten times in the fleet's year). A cap of 3 GiB waited twice and was no faster,
+// likely because each page the load reads that its cache does not hold is looked up in
+// an index of the log that grows with it.
 constexpr int kBulkCacheKiB = 512 * 1024;
 constexpr int kLogCapPages = 96 * 1024;
 // The size the log file is cut back to when a writer starts it again from its beginning,
@@ -169,10 +169,7 @@ public:
     ~SqliteConnection() override {
         // The checkpointer first, so that this connection, the last to close, copies what
         // is left of the log into the database and removes it.
-        if (m_checkpointer) {
-            sqlite3_wal_hook(m_db, nullptr, nullptr);
-            m_checkpointer.reset();
-        }
+        StopCheckpointer();
         m_statements.clear();
         sqlite3_close_v2(m_db);
     }
@@ -348,10 +345,7 @@ public:
     StoreResult EndBulkLoad() override {
         StoreResult result = ExecScript("PRAGMA synchronous=FULL; PRAGMA foreign_keys=ON; " +
                                         std::string(kJournalSizeLimit));
-        if (m_checkpointer) {
-            sqlite3_wal_hook(m_db, nullptr, nullptr);
-            m_checkpointer.reset();
-        }
+        StopCheckpointer();
         if (result == StoreResult::Ok) {
             result = ExecScript("PRAGMA wal_checkpoint(PASSIVE)");
         }
@@ -367,6 +361,14 @@ public:
     }
 
 private:
+    // Unhooked first, so that no commit wakes it while it is joined.
+    void StopCheckpointer() {
+        if (m_checkpointer) {
+            sqlite3_wal_hook(m_db, nullptr, nullptr);
+            m_checkpointer.reset();
+        }
+    }
+
     CachedStatement* Prepare(const std::string& sql) {
         auto found = m_statements.find(sql);
         if (found != m_statements.end()) {
