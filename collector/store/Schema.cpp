@@ -16,6 +16,7 @@ namespace {
 //          adds its own rows (summed on read, compacted by the daily purge), so that no
 //          row is updated by every node's every batch.
 //   {JSON} PostgreSQL's queryable copy of the module data (null when jsonb cannot hold it)
+//   {NOROWID} a table that is its key's B-tree alone in SQLite; a plain table in PostgreSQL
 const char* const kVersion1 = R"(
 CREATE TABLE reports (
     id {ID},
@@ -174,6 +175,24 @@ INSERT INTO breakdown (dim, day, value, count, repeats)
 // older collector, whose inserts name the four columns, that it cannot write this store.
 const char* const kVersion6 = "";
 
+// Version 7: a report's module rows in one B-tree, keyed as the module filter walks them
+// (module, then newest first). They had three (the rows, the key by report and the index by
+// module), which cost a bulk load as much as the reports' own rows. The rows of a report
+// that goes are deleted with it by the store (no cascade: the key by report is gone); a
+// report's row is found by key from the report's module, time received and id.
+const char* const kVersion7 = R"(
+CREATE TABLE report_module_keys (
+    report_id BIGINT NOT NULL,
+    module {T} NOT NULL,
+    received BIGINT NOT NULL,
+    PRIMARY KEY (module, received, report_id)
+){NOROWID};
+INSERT INTO report_module_keys (report_id, module, received)
+    SELECT report_id, module, received FROM report_modules;
+DROP TABLE report_modules;
+ALTER TABLE report_module_keys RENAME TO report_modules;
+)";
+
 void ReplaceAll(std::string& text, const std::string& word, const std::string& with) {
     for (size_t at = text.find(word); at != std::string::npos;
          at = text.find(word, at + with.size())) {
@@ -193,6 +212,7 @@ std::string ForDialect(const char* statements, SqlDialect dialect) {
     ReplaceAll(text, "{FIELDKEY}", sqlite ? ", PRIMARY KEY (module, day, path)" : "");
     ReplaceAll(text, "{VALUEKEY}", sqlite ? ", PRIMARY KEY (module, day, path, value)" : "");
     ReplaceAll(text, "{BREAKDOWNKEY}", sqlite ? ", PRIMARY KEY (dim, day, value)" : "");
+    ReplaceAll(text, "{NOROWID}", sqlite ? " WITHOUT ROWID" : "");
     ReplaceAll(text, "{JSON}", sqlite ? "" : ",\n    module_json JSONB");
     return text;
 }
@@ -235,7 +255,8 @@ StoreResult Migrate(SqlConnection& connection, int target, int& version, std::st
                 ") is newer than this collector's (" + std::to_string(kSchemaVersion) + ")";
         return StoreResult::Error;
     }
-    const char* const steps[] = {kVersion1, kVersion2, kVersion3, kVersion4, kVersion5, kVersion6};
+    const char* const steps[] = {kVersion1, kVersion2, kVersion3, kVersion4,
+                                 kVersion5, kVersion6, kVersion7};
     while (version < target) {
         if ((result = connection.Begin()) != StoreResult::Ok) {
             error = "cannot begin a schema change";

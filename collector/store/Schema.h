@@ -12,7 +12,7 @@
 namespace collector {
 
 // The version this collector writes.
-constexpr int kSchemaVersion = 6;
+constexpr int kSchemaVersion = 7;
 
 // Brings the database behind `connection` to `target` (at most kSchemaVersion); `version`
 // gets the version it is at afterwards. A database newer than this collector is refused.

@@ -195,8 +195,9 @@ StoreResult SqlStore::ListReports(const ReportFilter& filter, const ReportCursor
     } else if (!filter.module.empty()) {
         // A subquery per report, by key: never turned into a join over the module's rows.
         params.push_back(filter.module);
-        add("(SELECT count(*) FROM report_modules m WHERE m.report_id = r.id AND m.module = $" +
-            std::to_string(params.size()) + ") > 0");
+        add("(SELECT count(*) FROM report_modules m WHERE m.module = $" +
+            std::to_string(params.size()) +
+            " AND m.received = r.received AND m.report_id = r.id) > 0");
     }
     ReportCursor bound = UpperBound(filter, after);
     if (bound.valid) {

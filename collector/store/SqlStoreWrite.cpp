@@ -611,9 +611,14 @@ StoreResult SqlStore::PurgeOlderThan(int64_t before, int64_t& removed) {
             return step;
         }
         removed = rows.empty() ? 0 : rows[0][0].Int();
+        // Module rows are found by their time received (a scan of their one B-tree, keyed
+        // by module first): nothing deletes them with their report.
         std::vector<std::string> statements = {
-            "DELETE FROM reports WHERE received < $1", "DELETE FROM daily WHERE day < $2",
-            "DELETE FROM machine_days WHERE day < $2", "DELETE FROM field_days WHERE day < $2",
+            "DELETE FROM report_modules WHERE received < $1",
+            "DELETE FROM reports WHERE received < $1",
+            "DELETE FROM daily WHERE day < $2",
+            "DELETE FROM machine_days WHERE day < $2",
+            "DELETE FROM field_days WHERE day < $2",
             "DELETE FROM value_days WHERE day < $2",
         };
         if (m_schemaVersion >= 5) {
@@ -687,6 +692,12 @@ StoreResult SqlStore::PurgeMachine(const std::string& machineId, int64_t& remove
                 }
                 for (const std::string& module : r.summary.modules) {
                     rollup.breakdown[std::make_tuple(kModuleDimension, day, module)].first -= 1;
+                    if ((step = m_db->Exec("DELETE FROM report_modules WHERE module = $1 AND "
+                                           "received = $2 AND report_id = $3",
+                                           {module, r.summary.received, r.summary.id}, nullptr)) !=
+                        StoreResult::Ok) {
+                        return step;
+                    }
                 }
                 if (r.summary.kind != ReportKind::Damaged) {
                     const std::string* values[] = {&r.summary.version, &r.osName, &r.osLocale,

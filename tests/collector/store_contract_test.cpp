@@ -67,6 +67,23 @@ protected:
         ASSERT_EQ(StoreResult::Ok, sql->ExecScript(script));
     }
     void CheckDuplicatesRepeatsAndTheUnknownMachine(Store& store);
+    // The SHA-256 of each report that a module filter lists (alone, and with a machine's
+    // filter, which may walk the machine's index and look each report's module up).
+    std::vector<std::string> ListedByModule(Store& store, const std::string& module,
+                                            const std::string& machine) {
+        ReportFilter filter;
+        filter.module = module;
+        filter.machineId = machine;
+        std::vector<ReportSummary> page;
+        ReportCursor next;
+        EXPECT_EQ(StoreResult::Ok, store.ListReports(filter, ReportCursor(), 1000, page, next));
+        std::vector<std::string> listed;
+        for (const ReportSummary& s : page) {
+            listed.push_back(s.sha256);
+        }
+        std::sort(listed.begin(), listed.end());
+        return listed;
+    }
     std::vector<InsertOutcome> Insert(Store& store, const std::vector<ValidatedReport>& batch) {
         std::vector<InsertOutcome> outcomes;
         EXPECT_EQ(StoreResult::Ok, store.InsertBatch(batch, outcomes));
@@ -349,6 +366,16 @@ TEST_P(StoreContract, RollupsAfterPurgeEqualAStoreThatNeverHadThePurged) {
                                        : store->PurgeOlderThan(kT0 + 2 * kDay + 5, removed));
         EXPECT_EQ(Figures(*oracle, kT0 / kDay, kT0 / kDay + 5),
                   Figures(*store, kT0 / kDay, kT0 / kDay + 5));
+        // A report stored after the purge may take a purged report's id (SQLite gives the
+        // highest id again): it must not inherit that report's modules.
+        ValidatedReport late = MakeReport(kA, 99, kT0 + 4 * kDay, "late");
+        late.modules = {"Other"};
+        Insert(*store, {late});
+        Insert(*oracle, {late});
+        for (const std::string& machine : {std::string(), kA}) {
+            EXPECT_EQ(ListedByModule(*oracle, "Tunnel", machine),
+                      ListedByModule(*store, "Tunnel", machine));
+        }
         // Dumps the remaining reports share with purged ones are still there.
         for (const ValidatedReport& r : kept) {
             for (const CrashDump& dump : r.crashDumps) {
@@ -446,6 +473,10 @@ TEST_P(StoreContract, AnOlderSchemaIsBroughtUpToDate) {
     Insert(*oracle, batch);
     EXPECT_EQ(Figures(*oracle, kT0 / kDay, kT0 / kDay + 3),
               Figures(*upgraded, kT0 / kDay, kT0 / kDay + 3));
+    for (const char* module : {"Tunnel", "Core"}) {
+        EXPECT_EQ(ListedByModule(*oracle, module, ""), ListedByModule(*upgraded, module, ""));
+        EXPECT_EQ(ListedByModule(*oracle, module, kA), ListedByModule(*upgraded, module, kA));
+    }
 }
 
 TEST_P(StoreContract, ConcurrentStoresKeepEveryReportOnce) {
