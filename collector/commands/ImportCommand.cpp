@@ -82,6 +82,52 @@ bool ExpandPath(const ImportFile& named, std::vector<ImportFile>& files, std::st
     return true;
 }
 
+// Lists the files that `paths` stand for, cuts them into batches of kBatchReports or
+// kBatchBytes, and hands each batch to `reader` as soon as it is cut, so that the first
+// batches are read while the rest is listed. A few thousand files are cut into several
+// batches all the same, so that reading overlaps storing: until that many are listed, the
+// size of a batch is not known, and nothing is cut. Returns the paths that could not be
+// listed.
+size_t ListInBatches(const std::vector<ImportFile>& paths, BatchReader& reader) {
+    size_t unlisted = 0, listed = 0;
+    std::vector<ImportFile> pending;
+    // Cuts `pending` from its front in batches of `perBatch` files; the files after the
+    // last whole batch stay unless `all`.
+    auto cut = [&pending, &reader](size_t perBatch, bool all) {
+        size_t begin = 0;
+        for (size_t bytes = 0, i = 0; i < pending.size(); ++i) {
+            bytes += pending[i].size;
+            if ((all && i + 1 == pending.size()) || i + 1 - begin == perBatch ||
+                bytes >= kBatchBytes) {
+                if (!reader.Add({pending.begin() + begin, pending.begin() + i + 1})) {
+                    return false;
+                }
+                begin = i + 1;
+                bytes = 0;
+            }
+        }
+        pending.erase(pending.begin(), pending.begin() + begin);
+        return true;
+    };
+    for (const ImportFile& path : paths) {
+        const size_t before = pending.size();
+        std::string error;
+        if (!ExpandPath(path, pending, error)) {
+            fprintf(stderr, "pathweave-collector: import: %s: %s\n", path.path.c_str(),
+                    error.c_str());
+            ++unlisted;
+        }
+        listed += pending.size() - before;
+        if (listed >= 4 * kBatchReports && !cut(kBatchReports, false)) {
+            return unlisted;
+        }
+    }
+    if (cut(std::min(kBatchReports, std::max(kFewestPerBatch, (listed + 3) / 4)), true)) {
+        reader.Close();
+    }
+    return unlisted;
+}
+
 struct Totals {
     size_t perKind[4] = {0, 0, 0, 0};
     size_t duplicates = 0;
@@ -176,40 +222,20 @@ int RunImport(const CollectorSettings& settings, const std::vector<std::string>&
                 settings.database.c_str());
         return 1;
     }
-    Totals totals;
-    std::vector<ImportFile> files;
-    for (const ImportFile& path : paths) {
-        if (!ExpandPath(path, files, error)) {
-            fprintf(stderr, "pathweave-collector: import: %s: %s\n", path.path.c_str(),
-                    error.c_str());
-            ++totals.unreadable;
-        }
-    }
-    // Files are cut into batches of kBatchReports or kBatchBytes.
-    // A few thousand files are cut into several batches all the same, so that reading
-    // overlaps storing.
-    const size_t perBatch =
-        std::min(kBatchReports, std::max(kFewestPerBatch, (files.size() + 3) / 4));
-    std::vector<std::pair<size_t, size_t>> batches;
-    for (size_t begin = 0, bytes = 0, i = 0; i < files.size(); ++i) {
-        bytes += files[i].size;
-        if (i + 1 == files.size() || i + 1 - begin == perBatch || bytes >= kBatchBytes) {
-            batches.emplace_back(begin, i + 1);
-            begin = i + 1;
-            bytes = 0;
-        }
-    }
     // Batch i is stored on store i % lanes, while the batches after it are read.
     std::vector<std::future<bool>> storing(stores.size());
     std::vector<Totals> laneTotals(stores.size());
     auto finished = [&storing](size_t lane) {
         return !storing[lane].valid() || storing[lane].get();
     };
+    Totals totals;
     bool failed = false;
     {
         // Reading runs kReadAhead batches ahead of the batch being stored, on every core,
         // so that the cores the store leaves idle (its syncs, its last statements) read on.
-        BatchReader reader(files, batches, times, threads, kReadAhead);
+        BatchReader reader(times, threads, kReadAhead);
+        std::future<size_t> listing = std::async(
+            std::launch::async, [&paths, &reader] { return ListInBatches(paths, reader); });
         ImportChunk chunk;
         for (size_t index = 0; !failed && reader.Next(chunk); ++index) {
             for (const std::string& message : chunk.errors) {
@@ -230,6 +256,8 @@ int RunImport(const CollectorSettings& settings, const std::vector<std::string>&
                 },
                 std::move(chunk.reports));
         }
+        reader.Stop();
+        totals.unreadable += listing.get();
     }
     for (size_t lane = 0; lane < stores.size(); ++lane) {
         failed = !finished(lane) || failed;

@@ -63,14 +63,8 @@ bool ReadBody(const std::string& path, std::string& body, std::string& error) {
 
 }  // namespace
 
-BatchReader::BatchReader(const std::vector<ImportFile>& files,
-                         const std::vector<std::pair<size_t, size_t>>& batches,
-                         const std::vector<int64_t>& times, size_t threads, size_t ahead)
-    : m_files(files),
-      m_batches(batches),
-      m_times(times),
-      m_ahead(std::max<size_t>(1, ahead)),
-      m_slots(batches.size()) {
+BatchReader::BatchReader(const std::vector<int64_t>& times, size_t threads, size_t ahead)
+    : m_times(times), m_ahead(std::max<size_t>(1, ahead)) {
     threads = std::max<size_t>(1, threads);
     for (size_t t = 0; t < threads; ++t) {
         m_threads.emplace_back([this] { Work(); });
@@ -78,19 +72,53 @@ BatchReader::BatchReader(const std::vector<ImportFile>& files,
 }
 
 BatchReader::~BatchReader() {
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_stopping = true;
-    }
-    m_claimable.notify_all();
+    Stop();
     for (std::thread& thread : m_threads) {
         thread.join();
     }
 }
 
-size_t BatchReader::WindowEnd() const {
-    const size_t last = std::min(m_batches.size(), m_handedOver + m_ahead);
-    return last == 0 ? 0 : m_batches[last - 1].second;
+bool BatchReader::Add(std::vector<ImportFile> files) {
+    if (files.empty()) {
+        return true;
+    }
+    auto slot = std::make_unique<Slot>();
+    slot->reports.resize(files.size());
+    slot->errors.resize(files.size());
+    slot->remaining = files.size();
+    slot->files = std::move(files);
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_stopping || m_closed) {
+            return false;
+        }
+        m_slots.push_back(std::move(slot));
+        ++m_added;
+    }
+    m_claimable.notify_all();
+    return true;
+}
+
+void BatchReader::Close() {
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_closed = true;
+    }
+    m_claimable.notify_all();
+    m_finished.notify_all();
+}
+
+void BatchReader::Stop() {
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_stopping = true;
+    }
+    m_claimable.notify_all();
+    m_finished.notify_all();
+}
+
+bool BatchReader::Claimable() const {
+    return m_nextBatch < m_added && m_nextBatch < m_handedOver + m_ahead;
 }
 
 void BatchReader::Work() {
@@ -99,31 +127,20 @@ void BatchReader::Work() {
     std::unique_lock<std::mutex> lock(m_mutex);
     for (;;) {
         m_claimable.wait(lock, [this] {
-            return m_stopping || m_nextBatch == m_batches.size() || m_nextFile < WindowEnd();
+            return m_stopping || Claimable() || (m_closed && m_nextBatch == m_added);
         });
-        if (m_stopping || m_nextBatch == m_batches.size()) {
+        if (m_stopping || !Claimable()) {
             return;
         }
-        const size_t batch = m_nextBatch;
-        const size_t batchBegin = m_batches[batch].first;
-        const size_t batchEnd = m_batches[batch].second;
-        if (!m_slots[batch]) {
-            m_slots[batch] = std::make_unique<Slot>();
-            Slot& slot = *m_slots[batch];
-            const size_t size = batchEnd - batchBegin;
-            slot.reports.resize(size);
-            slot.errors.resize(size);
-            slot.remaining = size;
-        }
-        Slot& slot = *m_slots[batch];
-        const size_t begin = m_nextFile;
-        const size_t end = std::min(batchEnd, begin + kFilesPerClaim);
-        m_nextFile = end;
-        if (end == batchEnd) {
+        Slot& slot = *m_slots[m_nextBatch - m_handedOver];
+        const size_t begin = slot.claimed;
+        const size_t end = std::min(slot.files.size(), begin + kFilesPerClaim);
+        slot.claimed = end;
+        if (end == slot.files.size()) {
             ++m_nextBatch;
         }
         lock.unlock();
-        ReadBlock(slot, batchBegin, begin, end);
+        ReadBlock(slot, begin, end);
         lock.lock();
         slot.remaining -= end - begin;
         if (slot.remaining == 0) {
@@ -132,37 +149,36 @@ void BatchReader::Work() {
     }
 }
 
-void BatchReader::ReadBlock(Slot& slot, size_t batchBegin, size_t begin, size_t end) {
+void BatchReader::ReadBlock(Slot& slot, size_t begin, size_t end) {
     const int64_t now = GetCurrentTimeSeconds();
     for (size_t i = begin; i < end; ++i) {
-        const size_t at = i - batchBegin;
         std::string body;
-        if (!ReadBody(m_files[i].path, body, slot.errors[at])) {
+        if (!ReadBody(slot.files[i].path, body, slot.errors[i])) {
             continue;
         }
         // A report file as the client keeps it is posted behind "data=".
         if (body.compare(0, kPrefixSize, kPrefix) != 0) {
             body.insert(0, kPrefix);
         }
-        slot.reports[at] = ValidateBody(std::move(body), false);
-        slot.reports[at].received =
-            m_files[i].timeIndex == kImportedNow ? now : m_times[m_files[i].timeIndex];
+        slot.reports[i] = ValidateBody(std::move(body), false);
+        slot.reports[i].received =
+            slot.files[i].timeIndex == kImportedNow ? now : m_times[slot.files[i].timeIndex];
     }
 }
 
 bool BatchReader::Next(ImportChunk& chunk) {
     std::unique_ptr<Slot> slot;
-    size_t batchBegin = 0;
     {
         std::unique_lock<std::mutex> lock(m_mutex);
-        if (m_handedOver == m_batches.size()) {
+        m_finished.wait(lock, [this] {
+            return m_stopping || (!m_slots.empty() && m_slots.front()->remaining == 0) ||
+                   (m_closed && m_slots.empty());
+        });
+        if (m_stopping || m_slots.empty()) {
             return false;
         }
-        const size_t batch = m_handedOver;
-        m_finished.wait(lock,
-                        [this, batch] { return m_slots[batch] && m_slots[batch]->remaining == 0; });
-        slot = std::move(m_slots[batch]);
-        batchBegin = m_batches[batch].first;
+        slot = std::move(m_slots.front());
+        m_slots.pop_front();
         ++m_handedOver;
     }
     m_claimable.notify_all();
@@ -173,7 +189,7 @@ bool BatchReader::Next(ImportChunk& chunk) {
         if (slot->errors[at].empty()) {
             chunk.reports.push_back(std::move(slot->reports[at]));
         } else {
-            chunk.errors.push_back(m_files[batchBegin + at].path + ": " + slot->errors[at]);
+            chunk.errors.push_back(slot->files[at].path + ": " + slot->errors[at]);
         }
     }
     return true;

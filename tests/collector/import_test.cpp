@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "AppLog.h"
@@ -101,10 +102,11 @@ TEST(ImportCommand, BatchesStoredAtOnceKeepEachReportOnce) {
     }
 }
 
-// Many small batches read by more threads than the window holds batches: each comes out
-// whole and in file order, with its unreadable files named in order and each file's time
-// received; a reader dropped half-way stops.
-TEST(BatchReader, HandsBatchesOverInFileOrder) {
+// Many small batches, added by another thread while earlier ones are read, by more threads
+// than the window holds batches: each comes out whole and in the order added, with its
+// unreadable files named in order and each file's time received; a reader stopped half-way
+// refuses more batches and hands none over.
+TEST(BatchReader, HandsBatchesOverInTheOrderAdded) {
     ScratchDir dir("/tmp", "pw-import-");
     std::vector<collector::ImportFile> files;
     for (int i = 0; i < 300; ++i) {
@@ -120,7 +122,15 @@ TEST(BatchReader, HandsBatchesOverInFileOrder) {
     }
     const std::vector<int64_t> times = {1798761600, 1798848000};
     for (size_t stopAfter : {batches.size(), size_t(3)}) {
-        collector::BatchReader reader(files, batches, times, 3, 2);
+        collector::BatchReader reader(times, 3, 2);
+        std::thread lister([&] {
+            for (const auto& batch : batches) {
+                if (!reader.Add({files.begin() + batch.first, files.begin() + batch.second})) {
+                    return;
+                }
+            }
+            reader.Close();
+        });
         collector::ImportChunk chunk;
         for (size_t batch = 0; batch < stopAfter; ++batch) {
             ASSERT_TRUE(reader.Next(chunk));
@@ -140,9 +150,12 @@ TEST(BatchReader, HandsBatchesOverInFileOrder) {
             }
             EXPECT_EQ(chunk.errors, errors);
         }
-        if (stopAfter == batches.size()) {
-            EXPECT_FALSE(reader.Next(chunk));
+        if (stopAfter != batches.size()) {
+            reader.Stop();
         }
+        EXPECT_FALSE(reader.Next(chunk));
+        lister.join();
+        EXPECT_FALSE(reader.Add({files[0]}));
     }
 }
 
