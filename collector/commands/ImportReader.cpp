@@ -156,11 +156,10 @@ void BatchReader::ReadBlock(Slot& slot, size_t begin, size_t end) {
         if (!ReadBody(slot.files[i].path, body, slot.errors[i])) {
             continue;
         }
-        // A report file as the client keeps it is posted behind "data=".
-        if (body.compare(0, kPrefixSize, kPrefix) != 0) {
-            body.insert(0, kPrefix);
-        }
-        slot.reports[i] = ValidateBody(std::move(body), false);
+        // A report file as the client keeps it is what a client posts behind "data=".
+        slot.reports[i] = body.compare(0, kPrefixSize, kPrefix) == 0
+                              ? ValidateBody(std::move(body), false)
+                              : ValidateReport(std::move(body));
         slot.reports[i].received =
             slot.files[i].timeIndex == kImportedNow ? now : m_times[slot.files[i].timeIndex];
     }

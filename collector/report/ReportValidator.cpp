@@ -307,7 +307,12 @@ ValidatedReport ValidateBody(std::string posted, bool zipped) {
         }
         posted.swap(inflated);
     }
-    report.body = std::move(posted);
+    return ValidateReport(std::move(posted));
+}
+
+ValidatedReport ValidateReport(std::string body) {
+    ValidatedReport report;
+    report.body = std::move(body);
     report.sha256 = Sha256Hex(report.body);
 
     std::string reason;

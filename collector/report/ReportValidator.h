@@ -16,6 +16,10 @@ namespace collector {
 // Fills everything but `received` and `clientAddress`, which the caller sets.
 ValidatedReport ValidateBody(std::string posted, bool zipped);
 
+// The same for a report's bytes alone (what follows "data=", not zipped): a report file as
+// a client keeps it, validated without first being made a posted body.
+ValidatedReport ValidateReport(std::string body);
+
 // The decoded crash dump of `module` in a stored body (the report after "data=", inflated
 // when it came zipped), for a store that keeps a dump's size and SHA-256 but reads its bytes
 // from the body. False with `reason` when the body holds no such dump.
