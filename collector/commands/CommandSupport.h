@@ -18,9 +18,9 @@ bool ReadOptions(const std::vector<std::string>& args, const std::vector<std::st
 // Opens `database`; null (logged and printed on stderr) when it cannot.
 std::unique_ptr<Store> OpenForCommand(const std::string& database);
 
-// The end of a bulk load (import, migrate) through `store`: makes what it stored durable,
-// then builds the store's read indexes, those it deferred and any that a killed load left
-// unbuilt. False (reported) when it cannot.
+// The end of a bulk load (import, migrate) through `store`: builds the store's read
+// indexes, those it deferred and any that a killed load left unbuilt, then makes what it
+// stored durable. False (reported) when it cannot.
 bool FinishBulkLoad(Store& store, bool deferred, const std::string& command);
 
 // Prints on stderr and logs a command's failure.

@@ -1,5 +1,6 @@
 #include "store/Schema.h"
 
+#include <string>
 #include <vector>
 
 #include "store/SqlStore.h"
@@ -298,9 +299,26 @@ const ReadIndex kReadIndexes[] = {
     {"machine_days_by_machine", "machine_days (machine_id)"},
 };
 
+// SQLite sorts a new index's keys in runs as large as the connection's page cache, on
+// threads of the sorter's own (PRAGMA threads) only when its runs go to temporary files.
+// A bulk load keeps its temporary files in memory and a cache of 512 MiB, which holds a
+// million reports' keys in one run, sorted on one thread once the table is read. Runs of
+// a few MiB in files (the system's temporary directory; each file is gone once closed)
+// fit the processor's caches and are sorted while the table is still being read: on the
+// fleet's year, the machine index in 1.0 s instead of 2.3 s.
+const char kIndexSortSettings[] = "PRAGMA cache_size=-4096; PRAGMA temp_store=FILE;";
+
 // Drops or creates each read index (one statement, so one transaction, each) under the
 // schema lock. Both are idempotent, so that nodes and commands may do it at once.
 StoreResult ChangeReadIndexes(SqlConnection& connection, bool create) {
+    std::vector<SqlRow> cache, tempStore;
+    const bool sqlite = create && connection.Dialect() == SqlDialect::Sqlite;
+    if (sqlite &&
+        (connection.Exec("PRAGMA cache_size", {}, &cache) != StoreResult::Ok ||
+         connection.Exec("PRAGMA temp_store", {}, &tempStore) != StoreResult::Ok || cache.empty() ||
+         tempStore.empty() || connection.ExecScript(kIndexSortSettings) != StoreResult::Ok)) {
+        return StoreResult::Error;
+    }
     StoreResult result = connection.LockSchema();
     for (const ReadIndex& index : kReadIndexes) {
         if (result != StoreResult::Ok) {
@@ -311,6 +329,11 @@ StoreResult ChangeReadIndexes(SqlConnection& connection, bool create) {
                                               : std::string("DROP INDEX IF EXISTS ") + index.name);
     }
     connection.UnlockSchema();
+    if (sqlite &&
+        connection.ExecScript("PRAGMA cache_size=" + cache[0][0].bytes +
+                              "; PRAGMA temp_store=" + tempStore[0][0].bytes) != StoreResult::Ok) {
+        result = StoreResult::Error;
+    }
     return result;
 }
 

@@ -339,9 +339,9 @@ public:
     }
 
     // What is left of the log is copied into the database here rather than when the
-    // connection closes, so that the next write (the read indexes' build) finds all of it
-    // copied, starts the log again and cuts its file back to the limit, even while a
-    // service keeps the database open.
+    // connection closes, so that the next write of any connection (a service's beside the
+    // load) finds all of it copied, starts the log again and cuts its file back to the
+    // limit.
     StoreResult EndBulkLoad() override {
         StoreResult result = ExecScript("PRAGMA synchronous=FULL; PRAGMA foreign_keys=ON; " +
                                         std::string(kJournalSizeLimit));
