@@ -82,9 +82,9 @@ bool BatchReader::Add(std::vector<ImportFile> files) {
     if (files.empty()) {
         return true;
     }
+    // Its reports are made room for when its reading starts: the listing adds every
+    // batch long before that.
     auto slot = std::make_unique<Slot>();
-    slot->reports.resize(files.size());
-    slot->errors.resize(files.size());
     slot->remaining = files.size();
     slot->files = std::move(files);
     {
@@ -133,6 +133,10 @@ void BatchReader::Work() {
             return;
         }
         Slot& slot = *m_slots[m_nextBatch - m_handedOver];
+        if (slot.claimed == 0) {
+            slot.reports.resize(slot.files.size());
+            slot.errors.resize(slot.files.size());
+        }
         const size_t begin = slot.claimed;
         const size_t end = std::min(slot.files.size(), begin + kFilesPerClaim);
         slot.claimed = end;
