@@ -283,20 +283,28 @@ StoreResult Migrate(SqlConnection& connection, int target, int& version, std::st
 
 // The read indexes whose keys arrive in no order (machine ids, customer ids, report ids of
 // duplicates): each insert lands on a page of its own, and every such page is written to
-// the log and again to the database. Those keyed by time received, kind, version or
-// module take new keys at a few places and cost no more to keep than to build. The
+// the log and again to the database. In SQLite, those keyed by time received, kind or
+// version take new keys at a few places and cost no more to keep than to build.
+// PostgreSQL pays for every entry alike (a descent from the root, a page lock, a log
+// record), so a bulk load there builds those at its end too: on the fleet's first 45 days,
+// the reports' inserts took 6.2-7.0 s of the server's time instead of 8.2-8.5 s. The
 // definitions are those of the schema versions above (a test holds the two to the same
 // text).
 struct ReadIndex {
     const char* name;
     const char* on;
+    bool postgresOnly;
 };
 const ReadIndex kReadIndexes[] = {
-    {"reports_by_machine", "reports (machine_id, received, id)"},
-    {"reports_by_customer", "reports (customer_id, received, id)"},
-    {"report_dumps_by_dump", "report_dumps (machine_id, module, sha256)"},
-    {"duplicates_by_report", "duplicates (report_id)"},
-    {"machine_days_by_machine", "machine_days (machine_id)"},
+    {"reports_by_machine", "reports (machine_id, received, id)", false},
+    {"reports_by_customer", "reports (customer_id, received, id)", false},
+    {"report_dumps_by_dump", "report_dumps (machine_id, module, sha256)", false},
+    {"duplicates_by_report", "duplicates (report_id)", false},
+    {"machine_days_by_machine", "machine_days (machine_id)", false},
+    {"reports_by_time", "reports (received, id)", true},
+    {"reports_by_kind", "reports (kind, received, id)", true},
+    {"reports_by_version", "reports (version, received, id)", true},
+    {"reports_crashes_by_time", "reports (received, version, kind) WHERE kind = 1", true},
 };
 
 // SQLite sorts a new index's keys in runs as large as the connection's page cache, on
@@ -323,6 +331,9 @@ StoreResult ChangeReadIndexes(SqlConnection& connection, bool create) {
     for (const ReadIndex& index : kReadIndexes) {
         if (result != StoreResult::Ok) {
             break;
+        }
+        if (index.postgresOnly && connection.Dialect() != SqlDialect::Postgres) {
+            continue;
         }
         result = connection.ExecScript(create ? std::string("CREATE INDEX IF NOT EXISTS ") +
                                                     index.name + " ON " + index.on

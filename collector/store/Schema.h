@@ -19,7 +19,8 @@ constexpr int kSchemaVersion = 7;
 StoreResult MigrateSchema(SqlConnection& connection, int target, int& version, std::string& error);
 
 // The indexes that only reading uses and that cost a bulk load most to keep (those keyed
-// by machine and customer ids): inserting a report needs none of them. A bulk load into
+// by machine and customer ids; in PostgreSQL, those by time, kind and version too):
+// inserting a report needs none of them. A bulk load into
 // an empty store drops them first and builds each once at its end, a sort instead of a
 // million inserts at random places. Queries stay correct without them, only slower. Both
 // calls take the schema lock; a migration that changes one of these indexes must allow
