@@ -104,17 +104,17 @@ TEST_P(StoreContract, DuplicatesRepeatsAndTheUnknownMachine) {
         ASSERT_TRUE(store);
         CheckDuplicatesRepeatsAndTheUnknownMachine(*store);
         // One body kept under another machine and period than those read from it (a copy
-        // of a store that holds such rows): one report on the SHA-256 key, whose arrival
-        // is recorded against the kept row; two on the four columns.
+        // of a store that holds such rows), in one batch: one report on the SHA-256 key,
+        // whose arrival is recorded against the kept row; two on the four columns.
         ValidatedReport kept = MakeReport(kA, 900, kT0, "one body");
         ValidatedReport again = kept;
         again.machineId = kB;
         again.periodStart = again.periodEnd = 0;
-        const auto before = Insert(*store, {kept});
-        const auto after = Insert(*store, {again});
-        ASSERT_EQ(1u, after.size());
-        EXPECT_EQ(!fourColumnKey, after[0].duplicate);
-        EXPECT_EQ(!fourColumnKey, after[0].id == before[0].id);
+        const auto both = Insert(*store, {kept, again});
+        ASSERT_EQ(2u, both.size());
+        EXPECT_FALSE(both[0].duplicate);
+        EXPECT_EQ(!fourColumnKey, both[1].duplicate);
+        EXPECT_EQ(!fourColumnKey, both[1].id == both[0].id);
     }
 }
 
