@@ -7,9 +7,12 @@
 // batch are summed in memory first and written as one row per key.
 #pragma once
 
+#include <chrono>
+#include <cstdlib>
 #include <map>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "store/ModuleFields.h"
@@ -131,6 +134,37 @@ private:
     std::map<std::string, std::map<std::string, FieldKind>> m_fields;
     std::map<std::pair<std::string, std::string>, std::set<std::string>> m_values;
 };
+
+template <typename Work>
+StoreResult SqlStore::InTransaction(Work work) {
+    constexpr int kTransactionAttempts = 8;
+    StoreResult result = StoreResult::Error;
+    for (int attempt = 0; attempt < kTransactionAttempts; ++attempt) {
+        m_deferred.clear();
+        result = m_db->Begin();
+        if (result == StoreResult::Ok) {
+            result = work();
+        }
+        if (result == StoreResult::Ok) {
+            result = m_db->Commit();
+        }
+        if (result == StoreResult::Ok) {
+            return result;
+        }
+        m_db->Rollback();
+        m_deferred.clear();
+        m_fields.clear();
+        m_values.clear();
+        if (!m_db->LastFailureRetryable()) {
+            break;
+        }
+        // Another node's transaction won a conflict; start again a little later, at a
+        // time of our own, so that the two do not meet again at once.
+        std::this_thread::sleep_for(
+            std::chrono::milliseconds(5 + std::rand() % 20 * (attempt + 1)));
+    }
+    return result;
+}
 
 // Opens `database` and brings its schema to `schemaVersion` (tests open older ones).
 std::unique_ptr<Store> OpenStoreAtVersion(const std::string& database, int schemaVersion,
