@@ -185,6 +185,8 @@ StoreResult SqlStore::InsertRows(const std::vector<Pending>& batch,
         "period_start, period_end, modules, size, sha256, body, client_address, "
         "damaged_reason, module_data, has_threat, threat_incident";
     constexpr size_t kColumns = 24;
+    // Where module_data is among them, from 0: PostgreSQL's jsonb copy is made from it.
+    constexpr size_t kModuleDataColumn = 21;
     // A report is kept once per machine, period and content: by the body's SHA-256 in
     // stores made now, by the four columns in stores made before (see Schema); the clause
     // names no columns so that it serves either.
@@ -247,7 +249,7 @@ StoreResult SqlStore::InsertRows(const std::vector<Pending>& batch,
         AppendInserts(columns + ", module_json)",
                       onConflict + " RETURNING id, sha256, machine_id, period_start, period_end",
                       kColumns, std::move(values), statements, [](size_t first) {
-                          return ", pw_jsonb($" + std::to_string(first + 21) + ")";
+                          return ", pw_jsonb($" + std::to_string(first + kModuleDataColumn) + ")";
                       });
         auto key = [](const std::string& sha256, const std::string& machineId,
                       const std::string& periodStart, const std::string& periodEnd) {
