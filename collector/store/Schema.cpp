@@ -233,6 +233,32 @@ END
 $$ LANGUAGE plpgsql IMMUTABLE;
 )";
 
+// PostgreSQL compresses what it stores out of line (the crash reports' bodies) with pglz
+// unless a column says otherwise. On the fleet's first month the reports' inserts took
+// 10.0-12.5 s of the server's time with pglz and 4.2-4.9 s with lz4, for bodies that
+// hardly compress either way. The columns that can grow large ask for lz4 where the
+// server has it (version 14 on, built with lz4, as Debian's is); a column whose
+// compression was chosen already keeps it, and a role that does not own the table leaves
+// the server's default.
+const char* const kPostgresCompression = R"(
+DO $$
+DECLARE
+    column_name NAME;
+BEGIN
+    IF current_setting('server_version_num')::int < 140000 THEN
+        RETURN;
+    END IF;
+    FOR column_name IN SELECT attname FROM pg_attribute
+            WHERE attrelid = to_regclass('reports') AND attcompression = ''
+            AND attname IN ('body', 'module_data', 'module_json', 'threat_incident') LOOP
+        EXECUTE format('ALTER TABLE reports ALTER COLUMN %I SET COMPRESSION lz4', column_name);
+    END LOOP;
+EXCEPTION WHEN feature_not_supported OR insufficient_privilege THEN
+    NULL;
+END
+$$;
+)";
+
 StoreResult ReadVersion(SqlConnection& connection, int& version) {
     std::vector<SqlRow> rows;
     StoreResult result = connection.Exec("SELECT max(version) FROM schema_version", {}, &rows);
@@ -365,6 +391,11 @@ StoreResult MigrateSchema(SqlConnection& connection, int target, int& version, s
         return result;
     }
     result = Migrate(connection, target, version, error);
+    if (result == StoreResult::Ok && connection.Dialect() == SqlDialect::Postgres &&
+        connection.ExecScript(kPostgresCompression) != StoreResult::Ok) {
+        STORE_LOG(CAppLog::Warning,
+                  "PostgreSQL: the reports' large columns keep the server's default compression");
+    }
     connection.UnlockSchema();
     return result;
 }

@@ -650,6 +650,37 @@ TEST_P(StoreContract, ReadIndexesDeferredByABulkLoadComeBackAsTheSchemaMadeThem)
     EXPECT_EQ(20u, listed(kA));
 }
 
+TEST_P(StoreContract, LargeColumnsAskPostgresForLz4UnlessChosenAlready) {
+    if (GetParam() != "postgres") {
+        GTEST_SKIP() << "only PostgreSQL compresses columns";
+    }
+    TestDatabase db(GetParam());
+    ASSERT_TRUE(db.Open());
+    std::string error;
+    auto sql = Connect(db, error);
+    ASSERT_TRUE(sql) << error;
+    auto compression = [&sql](const std::string& column) {
+        std::vector<SqlRow> rows;
+        EXPECT_EQ(StoreResult::Ok,
+                  sql->Exec("SELECT attcompression::text FROM pg_attribute WHERE attrelid = "
+                            "'reports'::regclass AND attname = '" +
+                                column + "'",
+                            {}, &rows));
+        return rows.empty() ? std::string("missing") : rows[0][0].bytes;
+    };
+    EXPECT_EQ("l", compression("body"));
+    EXPECT_EQ("l", compression("module_json"));
+    EXPECT_EQ("", compression("machine_id")) << "short columns are left alone";
+    // A column set back to the server's default is asked again; one an operator chose
+    // keeps the choice.
+    ASSERT_EQ(StoreResult::Ok,
+              sql->ExecScript("ALTER TABLE reports ALTER COLUMN body SET COMPRESSION default, "
+                              "ALTER COLUMN module_data SET COMPRESSION pglz"));
+    ASSERT_TRUE(db.Open());
+    EXPECT_EQ("l", compression("body"));
+    EXPECT_EQ("p", compression("module_data"));
+}
+
 // The fields a validator found beforehand count exactly as those the store would find in
 // the module data's JSON itself.
 TEST_P(StoreContract, FieldsFoundBeforehandCountAsThoseFoundInTheJson) {
