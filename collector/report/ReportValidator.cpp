@@ -212,7 +212,7 @@ bool CheckData(const CBencodeDictionary& dictionary, ValidatedReport& report, Fa
         }
         if (moduleData->Size() != 0) {
             report.moduleDataJson = bencodejson::ToJson(*moduleData);
-            ForEachModuleField(report.moduleDataJson, [&report](const FieldValue& field) {
+            ForEachModuleField(*moduleData, [&report](const FieldValue& field) {
                 report.moduleFields.push_back(field);
             });
         }

@@ -219,6 +219,43 @@ TEST(ReportValidator, HashesTheKeptBytes) {
     }
 }
 
+// The validator finds module fields in the tree; they must be those that the store finds
+// in the JSON form (as it does for reports kept before, and when a purge takes them away).
+TEST(ReportValidator, ModuleFieldsFromTheTreeAreThoseOfItsJson) {
+    auto L = [](const std::vector<std::string>& items) {
+        std::string text = "l";
+        for (const std::string& item : items) {
+            text += item;
+        }
+        return text + "e";
+    };
+    // Four dictionaries deep from the module: past the depth where fields stop.
+    auto Deep = [](const std::string& value) {
+        return D({{"a", D({{"b", D({{"c", D({{"d", D({{"e", value}})}})}})}})}});
+    };
+    // clang-format off
+    const struct { const char* name; std::string module; size_t fields; } cases[] = {
+        {"integers and texts", D({{"n", I(-7)}, {"t", S("on")}, {"dot.key", S("x")}}), 3},
+        {"integers at the ends of their range",
+         D({{"lo", "i-9223372036854775808e"}, {"hi", "i9223372036854775807e"}}), 2},
+        {"UTF-8 of every length", D({{"t", S("\xc3\xa9 \xe2\x82\xac \xf0\x9f\x99\x82")}}), 1},
+        {"not UTF-8, shallow", D({{"v", S("\xff\xfe")}}), 1},
+        {"not UTF-8, past the depth", Deep(S("\xff")), 1},
+        {"a key not UTF-8, deep down", Deep(D({{"\xfe", I(1)}})), 0},
+        {"controls and quotes past the depth", Deep(S("\b\f\x01\"\\ \x7f")), 1},
+        {"lists within lists", D({{"l", L({I(1), S("x"), L({I(2), L({I(3), L({I(4)})})}), "de", "le"})}}), 5},
+        {"empty containers", D({{"d", "de"}, {"l", "le"}}), 0},
+        {"texts longer than kept", D({{"t", S(std::string(300, 'y'))}, {"b", S(std::string(300, '\xff'))}}), 2},
+    };
+    // clang-format on
+    for (const auto& row : cases) {
+        SCOPED_TRACE(row.name);
+        const std::string report = Report({{"ModuleData", D({{"M", row.module}})}});
+        EXPECT_EQ(reportfuzz::CheckReport(report), "");
+        EXPECT_EQ(ValidateBody("data=" + report, false).moduleFields.size(), row.fields);
+    }
+}
+
 // Every input the report fuzz target keeps (its seeds, and each that once broke it).
 TEST(ReportValidator, KeptFuzzInputsKeepTheInvariants) {
     const std::string dir = PW_REPORT_FUZZ_REGRESSIONS;

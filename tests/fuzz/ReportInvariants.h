@@ -4,7 +4,8 @@
 // - the same report zipped validates exactly as it does plain;
 // - a damaged report says why and keeps nothing derived from its content;
 // - a valid one is classified by its content, its dumps are what their hashes say, its
-//   module names are sorted and unique, and its JSON form is made.
+//   module names are sorted and unique, its JSON form is made, and the module fields found
+//   in its tree are those its JSON form gives.
 #pragma once
 
 #include <zlib.h>
@@ -12,6 +13,7 @@
 #include <string>
 
 #include "report/BodyDecoding.h"
+#include "report/ModuleDataFields.h"
 #include "report/ReportReader.h"
 #include "report/ReportValidator.h"
 
@@ -24,6 +26,20 @@ inline std::string Zip(const std::string& bytes) {
              reinterpret_cast<const Bytef*>(bytes.data()), bytes.size());
     zipped.resize(size);
     return zipped;
+}
+
+inline bool SameFields(const std::vector<collector::FieldValue>& a,
+                       const std::vector<collector::FieldValue>& b) {
+    if (a.size() != b.size()) {
+        return false;
+    }
+    for (size_t i = 0; i < a.size(); ++i) {
+        if (a[i].module != b[i].module || a[i].path != b[i].path || a[i].kind != b[i].kind ||
+            a[i].integer != b[i].integer || a[i].text != b[i].text) {
+            return false;
+        }
+    }
+    return true;
 }
 
 // The first broken invariant for "data=" and `input` posted, or "".
@@ -66,6 +82,16 @@ inline std::string CheckReport(const std::string& input) {
         if (!(plain.modules[i - 1] < plain.modules[i])) {
             return "module names not sorted and unique";
         }
+    }
+    std::vector<collector::FieldValue> fromJson;
+    if (!plain.moduleDataJson.empty() &&
+        !collector::ForEachModuleField(
+            plain.moduleDataJson,
+            [&fromJson](const collector::FieldValue& field) { fromJson.push_back(field); })) {
+        fromJson.clear();
+    }
+    if (!SameFields(plain.moduleFields, fromJson)) {
+        return "the module fields found in the tree are not those its JSON gives";
     }
     std::string json;
     std::string reason;
