@@ -248,12 +248,15 @@ BEGIN
     IF current_setting('server_version_num')::int < 140000 THEN
         RETURN;
     END IF;
+    -- The change takes the table's strongest lock, and queued behind a long reader (an
+    -- export) it would hold up every node's inserts: the next start tries again instead.
+    PERFORM set_config('lock_timeout', '1s', true);
     FOR column_name IN SELECT attname FROM pg_attribute
             WHERE attrelid = to_regclass('reports') AND attcompression = ''
             AND attname IN ('body', 'module_data', 'module_json', 'threat_incident') LOOP
         EXECUTE format('ALTER TABLE reports ALTER COLUMN %I SET COMPRESSION lz4', column_name);
     END LOOP;
-EXCEPTION WHEN feature_not_supported OR insufficient_privilege THEN
+EXCEPTION WHEN feature_not_supported OR insufficient_privilege OR lock_not_available THEN
     NULL;
 END
 $$;
