@@ -51,7 +51,7 @@ void Visit(const std::string& module, const std::string& path, const Json& value
 // The text a field beyond the depth limit gets: the JSON of its value, as the JSON library
 // writes it once it has read the value's JSON form.
 std::string JsonText(const CBencode& value) {
-    return Json::parse(bencodejson::ToJson(value))
+    return Json::parse(bencodejson::ToJson(value), nullptr, false)
         .dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
@@ -116,9 +116,11 @@ void VisitTree(const std::string& module, const std::string& path, const CBencod
     } else if (value->Get(field.text) &&
                !bencodejson::IsValidUtf8(field.text.data(), field.text.size())) {
         field.text = JsonText(*value);  // {"base64":"..."}
-        if (depth < kFieldMaxDepth) {
+        const Json wrapped = Json::parse(field.text, nullptr, false);
+        if (depth < kFieldMaxDepth && wrapped.is_object() && wrapped.size() == 1 &&
+            wrapped.begin().value().is_string()) {
             field.path = path.empty() ? "base64" : path + ".base64";
-            field.text = Json::parse(field.text)["base64"].get<std::string>();
+            field.text = wrapped.begin().value().get<std::string>();
         }
     }
     CutToLength(field.text);
