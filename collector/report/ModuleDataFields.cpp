@@ -115,12 +115,11 @@ void VisitTree(const std::string& module, const std::string& path, const CBencod
         field.text = JsonText(*value);
     } else if (value->Get(field.text) &&
                !bencodejson::IsValidUtf8(field.text.data(), field.text.size())) {
-        field.text = JsonText(*value);  // {"base64":"..."}
-        const Json wrapped = Json::parse(field.text, nullptr, false);
-        if (depth < kFieldMaxDepth && wrapped.is_object() && wrapped.size() == 1 &&
-            wrapped.begin().value().is_string()) {
+        if (depth < kFieldMaxDepth) {
             field.path = path.empty() ? "base64" : path + ".base64";
-            field.text = wrapped.begin().value().get<std::string>();
+            field.text = bencodejson::Base64(field.text);
+        } else {
+            field.text = JsonText(*value);  // {"base64":"..."}
         }
     }
     CutToLength(field.text);

@@ -83,14 +83,6 @@ size_t Utf8SequenceLength(const char* bytes, size_t size, size_t index) {
     return length;
 }
 
-// The host framework's encoder (libcrypto's), as the service encodes crash dumps.
-std::string Base64(const std::string& bytes) {
-    std::istringstream in(bytes);
-    std::ostringstream out;
-    lBase64::Encode(in, out, static_cast<int>((bytes.size() + 2) / 3 * 4));
-    return out.str();
-}
-
 // A container being written, with the index of its next item (lists). Sixteen bytes a
 // level: a tree of two million nested lists keeps two million of them. Dictionaries, whose
 // entries are reached through an iterator, keep it in a second stack, one per open
@@ -343,6 +335,13 @@ std::string ToJson(const CBencode& value) {
     });
     text.pop_back();  // the final line break
     return text;
+}
+
+std::string Base64(const std::string& bytes) {
+    std::istringstream in(bytes);
+    std::ostringstream out;
+    lBase64::Encode(in, out, static_cast<int>((bytes.size() + 2) / 3 * 4));
+    return out.str();
 }
 
 }  // namespace bencodejson

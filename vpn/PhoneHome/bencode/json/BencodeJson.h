@@ -85,4 +85,8 @@ std::string ToJson(const CBencode& value);
 // Whether `bytes` are valid UTF-8 (no overlong forms, no surrogates, nothing past U+10FFFF).
 bool IsValidUtf8(const char* bytes, size_t size);
 
+// The base64 text that stands for a string that is not UTF-8 ({"base64": TEXT}), made by the
+// host framework's encoder, as the service encodes crash dumps.
+std::string Base64(const std::string& bytes);
+
 }  // namespace bencodejson
