@@ -124,7 +124,10 @@ public:
     // chain, so that their reconnections cost the generator's one core little.
     ssl::context& SlowTls() { return m_slowTls; }
     const LoadTarget& Target() const { return m_target; }
-    const tcp::endpoint& Endpoint() const { return m_endpoint; }
+    // The next connection's endpoint: the target's addresses in turn.
+    const tcp::endpoint& NextEndpoint() {
+        return m_endpoints[m_nextEndpoint++ % m_endpoints.size()];
+    }
     std::chrono::milliseconds Timeout() const {
         return std::chrono::milliseconds(static_cast<long>(m_limits.timeoutSeconds * 1000));
     }
@@ -159,7 +162,8 @@ private:
     asio::io_context m_io{1};
     ssl::context m_tls;
     ssl::context m_slowTls;
-    tcp::endpoint m_endpoint;
+    std::vector<tcp::endpoint> m_endpoints;
+    size_t m_nextEndpoint = 0;
     std::function<void()> m_idleReady;
     std::vector<std::shared_ptr<CPost>> m_idle;
     unsigned int m_idleLaunched = 0;
@@ -236,7 +240,7 @@ void CPost::Start(const asio::ip::address& source) {
     }
     beast::get_lowest_layer(m_stream).expires_after(m_load.Timeout());
     beast::get_lowest_layer(m_stream).async_connect(
-        m_load.Endpoint(),
+        m_load.NextEndpoint(),
         [self = shared_from_this()](beast::error_code error) { self->OnConnected(error); });
 }
 
@@ -345,7 +349,7 @@ void CSlow::Connect() {
     }
     beast::get_lowest_layer(*m_stream).expires_after(m_load.Timeout());
     beast::get_lowest_layer(*m_stream).async_connect(
-        m_load.Endpoint(), [self = shared_from_this(), generation](beast::error_code error) {
+        m_load.NextEndpoint(), [self = shared_from_this(), generation](beast::error_code error) {
             if (generation != self->m_generation)
                 return;
             if (error)
@@ -431,13 +435,19 @@ void CSlow::Stop() {
 
 bool CLoad::Prepare() {
     beast::error_code error;
-    auto endpoints = tcp::resolver(m_io).resolve(m_target.host, m_target.port, error);
-    if (error || endpoints.empty()) {
-        fprintf(stderr, "collector_load: cannot resolve %s:%s: %s\n", m_target.host.c_str(),
-                m_target.port.c_str(), error.message().c_str());
+    for (const LoadAddress& address : m_target.addresses) {
+        auto endpoints = tcp::resolver(m_io).resolve(address.host, address.port, error);
+        if (error || endpoints.empty()) {
+            fprintf(stderr, "collector_load: cannot resolve %s:%s: %s\n", address.host.c_str(),
+                    address.port.c_str(), error.message().c_str());
+            return false;
+        }
+        m_endpoints.push_back(endpoints.begin()->endpoint());
+    }
+    if (m_endpoints.empty()) {
+        fprintf(stderr, "collector_load: no address to post to\n");
         return false;
     }
-    m_endpoint = endpoints.begin()->endpoint();
 
     SSL_CTX* slow = m_slowTls.native_handle();
     SSL_CTX_set_min_proto_version(slow, TLS1_2_VERSION);

@@ -25,9 +25,15 @@
 
 namespace collectorload {
 
-struct LoadTarget {
+struct LoadAddress {
     std::string host;  // address (or name) to connect to
     std::string port;
+};
+
+struct LoadTarget {
+    // The server's addresses: each new connection goes to the next one in turn, as
+    // clients spread over several nodes by a round-robin name would.
+    std::vector<LoadAddress> addresses;
     std::string serverName;  // TLS server name, certificate name and Host header
     std::string caFile;      // empty with verify: the system trust store
     bool verify = true;
@@ -72,7 +78,7 @@ struct LoadResult {
 
 // Runs the posts against `target`; `idleReady` (may be empty) is called once the idle
 // connections and slow clients are open, before the measured posts start. False (with a message on
-// stderr) when the run could not start: the target does not resolve or the CA file cannot be read.
+// stderr) when the run could not start: an address does not resolve or the CA file cannot be read.
 bool RunLoad(const LoadTarget& target, const LoadLimits& limits, CReportFleet& fleet,
              LoadResult& result, const std::function<void()>& idleReady);
 

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <map>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -65,11 +66,11 @@ struct DirCloser {
 
 }  // namespace
 
-ProcessUsage ReadProcessUsage(pid_t pid) {
+ProcessUsage ReadProcessUsage(const std::vector<pid_t>& pids) {
     ProcessUsage usage;
     std::map<pid_t, StatLine> all;
     std::unique_ptr<DIR, DirCloser> proc(opendir("/proc"));
-    if (!proc) {
+    if (!proc || pids.empty()) {
         return usage;
     }
     while (dirent* entry = readdir(proc.get())) {
@@ -80,15 +81,22 @@ ProcessUsage ReadProcessUsage(pid_t pid) {
             all[static_cast<pid_t>(number)] = stat;
         }
     }
-    if (all.count(pid) == 0) {
-        return usage;
+    // The trees below `pids`, breadth first; a process named twice (or below another one
+    // named) counts once.
+    std::vector<pid_t> tree;
+    std::set<pid_t> seen;
+    for (pid_t pid : pids) {
+        if (all.count(pid) == 0) {
+            return usage;
+        }
+        if (seen.insert(pid).second) {
+            tree.push_back(pid);
+        }
     }
     usage.found = true;
-    // The tree below `pid`, breadth first.
-    std::vector<pid_t> tree{pid};
     for (size_t i = 0; i < tree.size(); ++i) {
         for (const auto& process : all) {
-            if (process.second.parent == tree[i]) {
+            if (process.second.parent == tree[i] && seen.insert(process.first).second) {
                 tree.push_back(process.first);
             }
         }

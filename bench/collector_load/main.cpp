@@ -1,6 +1,6 @@
 // collector_load: posts reports from a simulated fleet to a feedback server as the
 // clients do, and prints one line of figures: reports per second, latency p50/p99, and,
-// given the server's pid, its CPU time per report and its peak resident memory (and, with
+// given the server's pids, its CPU time per report and its peak resident memory (and, with
 // idle connections held open, its resident memory once they are open).
 //
 // Exit status: 0 every post was delivered, 1 some were not (or the run could not start),
@@ -28,7 +28,8 @@ namespace {
 
 const char kUsage[] =
     "usage: collector_load --target HOST:PORT [options]\n"
-    "  --target HOST:PORT    the feedback server (an IPv6 address in brackets)\n"
+    "  --target HOST:PORT    the feedback server (an IPv6 address in brackets); given more\n"
+    "                        than once, the connections go to each in turn (several nodes)\n"
     "  --server-name NAME    TLS server name and Host header (feedback.pathweave.example)\n"
     "  --ca-file FILE        trust anchors for the server's certificate (default: the system's)\n"
     "  --no-verify           do not check the server's certificate\n"
@@ -41,7 +42,8 @@ const char kUsage[] =
     "  --machines N          simulated machines (10000)\n"
     "  --seed N              seed of the fleet (1)\n"
     "  --cpu N               the core the generator is pinned to (0); -1 leaves it unpinned\n"
-    "  --server-pid PID      the server: its CPU time per report and peak memory\n"
+    "  --server-pid PID      the server: its CPU time per report and peak memory; given\n"
+    "                        more than once, summed over the processes (several nodes)\n"
     "  --label TEXT          names the run in the figures line\n"
     "  --timeout SECONDS     limit for each step of a post (30)\n"
     "  --idle N              first open N connections that post once and stay open, idle,\n"
@@ -61,7 +63,7 @@ struct Options {
     unsigned long machines = 10000;
     unsigned long long seed = 1;
     long cpu = 0;
-    long serverPid = 0;
+    std::vector<pid_t> serverPids;
     std::string label = "run";
 };
 
@@ -78,7 +80,7 @@ bool ParseNumber(const char* text, double low, double& out) {
 }
 
 // HOST:PORT, or [IPv6]:PORT.
-bool SplitTarget(const std::string& text, LoadTarget& target) {
+bool SplitTarget(const std::string& text, LoadAddress& address) {
     size_t colon = text.rfind(':');
     if (colon == std::string::npos || colon == 0 || colon + 1 == text.size()) {
         return false;
@@ -90,14 +92,13 @@ bool SplitTarget(const std::string& text, LoadTarget& target) {
         }
         host = host.substr(1, host.size() - 2);
     }
-    target.host = host;
-    target.port = text.substr(colon + 1);
+    address.host = host;
+    address.port = text.substr(colon + 1);
     return true;
 }
 
 // 0 parsed, otherwise the process's exit status.
 int ParseOptions(int argc, char** argv, Options& options) {
-    bool haveTarget = false;
     for (int i = 1; i < argc; ++i) {
         const std::string name = argv[i];
         if (name == "--no-verify") {
@@ -115,10 +116,11 @@ int ParseOptions(int argc, char** argv, Options& options) {
         const char* value = argv[++i];
         double number = 0;
         if (name == "--target") {
-            if (!SplitTarget(value, options.target)) {
+            LoadAddress address;
+            if (!SplitTarget(value, address)) {
                 return Usage("--target wants HOST:PORT, not " + std::string(value));
             }
-            haveTarget = true;
+            options.target.addresses.push_back(address);
         } else if (name == "--server-name") {
             options.target.serverName = value;
         } else if (name == "--ca-file") {
@@ -160,12 +162,12 @@ int ParseOptions(int argc, char** argv, Options& options) {
         } else if (name == "--source-addresses" && number <= 65536) {
             options.limits.sourceAddresses = static_cast<unsigned int>(number);
         } else if (name == "--server-pid" && number >= 1) {
-            options.serverPid = static_cast<long>(number);
+            options.serverPids.push_back(static_cast<pid_t>(number));
         } else {
             return Usage("unknown option or value out of range: " + name + " " + value);
         }
     }
-    if (!haveTarget) {
+    if (options.target.addresses.empty()) {
         return Usage("--target is required");
     }
     if (options.target.serverName.empty()) {
@@ -299,10 +301,10 @@ int main(int argc, char** argv) {
     CReportFleet fleet(static_cast<unsigned int>(options.machines), options.mix, options.seed,
                        static_cast<int64_t>(time(nullptr)));
 
-    const pid_t server = static_cast<pid_t>(options.serverPid);
-    ProcessUsage before = server > 0 ? ReadProcessUsage(server) : ProcessUsage();
-    if (server > 0 && !before.found) {
-        fprintf(stderr, "collector_load: no process %ld\n", options.serverPid);
+    const std::vector<pid_t>& servers = options.serverPids;
+    ProcessUsage before = servers.empty() ? ProcessUsage() : ReadProcessUsage(servers);
+    if (!servers.empty() && !before.found) {
+        fprintf(stderr, "collector_load: a --server-pid process does not exist\n");
         return 1;
     }
     double cpuBefore = CpuSeconds();
@@ -311,8 +313,8 @@ int main(int argc, char** argv) {
     // cost is left out, and the server's memory with them open is noted.
     ProcessUsage idle;
     const auto idleReady = [&]() {
-        if (server > 0) {
-            idle = ReadProcessUsage(server);
+        if (!servers.empty()) {
+            idle = ReadProcessUsage(servers);
             before = idle;
         }
         cpuBefore = CpuSeconds();
@@ -321,7 +323,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     const double generatorCpu = CpuSeconds() - cpuBefore;
-    const ProcessUsage after = server > 0 ? ReadProcessUsage(server) : ProcessUsage();
+    const ProcessUsage after = servers.empty() ? ProcessUsage() : ReadProcessUsage(servers);
     PrintFigures(options, result, generatorCpu, before, idle, after);
     return result.delivered > 0 && result.Failed() == 0 && !result.fleetFailed ? 0 : 1;
 }

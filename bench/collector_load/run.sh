@@ -14,11 +14,15 @@
 # 16 MiB go at once on top of them; its table gives the server's resident memory with the
 # idle connections open and its peak. Between the two, the slow-client round (the
 # collector on SQLite only): feedback posts without and then with SLOW slowloris clients
-# open, RUNS times in turn, and the p99 latency of each.
+# open, RUNS times in turn, and the p99 latency of each; and the nodes round: feedback posts
+# to one collector node on PostgreSQL and then, in turn, to two nodes on the same database
+# (connections to each in turn), with the backends' waits for locks sampled meanwhile, once
+# with the nodes sharing the machine's cores and once with each node held to NODE_CPU of a
+# core (a cgroup of its own), as nodes on machines of their own would be.
 #
 # Usage: run.sh [--build DIR] [--collector PROGRAM] [--runs N] [--duration SECONDS]
 #               [--concurrency N] [--machines N] [--mixes "feedback fleet"]
-#               [--sources N] [--idle N] [--no-memory] [--slow N] [--keep]
+#               [--sources N] [--idle N] [--no-memory] [--slow N] [--no-nodes] [--keep]
 #   --build DIR          build directory with the generator (default: build-bench; the
 #                        generator and cefdump are built there when missing)
 #   --collector PROGRAM  the collector to measure (default: DIR/collector/pathweave-collector,
@@ -29,6 +33,8 @@
 #   --sources N          loopback source addresses of the posts (256)
 #   --idle N             idle connections of the memory run (10000); --no-memory skips it
 #   --slow N             slow clients of the slow-client round (5000); 0 skips it
+#   --no-nodes           skips the nodes round
+#   --node-cpu FRACTION  each node's share of a core in the nodes round's capped runs (0.25)
 #   --keep               keep the run's temporary directory (logs, stores) and say where
 # Servers run as an unprivileged user (nobody when started as root) from a temporary
 # directory, on loopback ports; all are stopped when the script ends.
@@ -47,6 +53,8 @@ sources=256
 idle=10000
 slow=5000
 memory=1
+nodes=1
+node_cpu=0.25
 keep=0
 server_name=feedback.pathweave.example
 # Idle connections of the memory run stay open this long on every target: opening 10,000
@@ -60,7 +68,7 @@ pg_bin=/usr/lib/postgresql/15/bin
 python=/usr/bin/python3
 [ -x "$python" ] || python=$(command -v python3)
 
-usage() { sed -n '2,32p' "$0" | sed 's/^# \{0,1\}//' >&2; exit 2; }
+usage() { sed -n '2,40p' "$0" | sed 's/^# \{0,1\}//' >&2; exit 2; }
 while [ $# -gt 0 ]; do
     case "$1" in
         --build) build=$2; shift 2 ;;
@@ -73,11 +81,17 @@ while [ $# -gt 0 ]; do
         --sources) sources=$2; shift 2 ;;
         --idle) idle=$2; shift 2 ;;
         --no-memory) memory=0; shift ;;
+        --no-nodes) nodes=0; shift ;;
+        --node-cpu) node_cpu=$2; shift 2 ;;
         --slow) slow=$2; shift 2 ;;
         --keep) keep=1; shift ;;
         *) usage ;;
     esac
 done
+
+# A share of a core that a CPU cgroup can be held to (at least a hundredth).
+[[ "$node_cpu" =~ ^[0-9]*\.?[0-9]+$ ]] && awk -v f="$node_cpu" 'BEGIN { exit !(f >= 0.01) }' ||
+    usage
 
 source "$root/bench/common/run_support.sh"
 # Every server and the generator hold thousands of connections: as many descriptors as
@@ -111,6 +125,7 @@ command -v nginx >/dev/null || die "nginx is not installed (scripts/setup instal
 work=$(mktemp -d /tmp/pw-load.XXXXXX)
 chmod 755 "$work"
 pids=()
+cgroups=()  # made for the nodes round, removed at the end
 declare -A port pid store  # of each target (and PostgreSQL): port, process, store directory
 cleanup() {
     local child
@@ -121,6 +136,9 @@ cleanup() {
     [ -z "${pid[postgres]:-}" ] || kill -INT "${pid[postgres]}" 2>/dev/null || true
     for child in "${pids[@]}"; do
         wait "$child" 2>/dev/null || true
+    done
+    for child in "${cgroups[@]}"; do
+        rmdir "$child" 2>/dev/null || true
     done
     if [ "$keep" = 1 ]; then
         say "kept $work"
@@ -236,8 +254,8 @@ start_postgres() {  # sets pg_port and pg_uri
 }
 
 # A collector that does not become ready is left out of the run (and said so), so that the
-# other targets are still measured.
-start_collector() {  # start_collector NAME DATABASE
+# other targets are still measured. A spare node is started but is not one of the targets.
+start_collector() {  # start_collector NAME DATABASE [spare]
     local name=$1 dir="$work/$1" answer=""
     mkdir -p "$dir/state"
     port[$name]=$(free_port)
@@ -271,7 +289,7 @@ EOF
         kill "${pid[$name]}" 2>/dev/null || true
         return 0
     fi
-    targets+=("$name")
+    [ "${3:-}" = spare ] || targets+=("$name")
 }
 
 start_nginx
@@ -280,6 +298,8 @@ if [ -n "$collector" ]; then
     start_collector collector-sqlite "$work/collector-sqlite/state/collector.db"
     start_postgres
     start_collector collector-pg "$pg_uri"
+    # The second node of the nodes round, on the same database.
+    [ "$nodes" = 0 ] || start_collector collector-pg2 "$pg_uri" spare
 else
     say "collector: skipped (no pathweave-collector program in this tree yet; give one with --collector)"
 fi
@@ -363,6 +383,89 @@ if [ "$slow" -gt 0 ] && [[ " ${targets[*]} " == *" collector-sqlite "* ]]; then
     done
 fi
 
+# A node's own CPU cgroup (v1's cpu controller, or v2 with cpu enabled): cap_node NAME
+# FRACTION holds it to that share of a core, "max" frees it. False without a writable
+# cgroup hierarchy for the cpu controller (not root, or a container without one).
+node_cgroup() {  # node_cgroup NAME PID
+    local dir
+    if [ -w /sys/fs/cgroup/cpu/cgroup.procs ] && [ -f /sys/fs/cgroup/cpu/cpu.cfs_quota_us ]; then
+        dir=/sys/fs/cgroup/cpu/pw-load-$$-$1
+    elif [ -w /sys/fs/cgroup/cgroup.procs ] &&
+        grep -qw cpu /sys/fs/cgroup/cgroup.subtree_control 2>/dev/null; then
+        dir=/sys/fs/cgroup/pw-load-$$-$1
+    else
+        return 1
+    fi
+    mkdir "$dir" 2>/dev/null && cgroups+=("$dir") && echo "$2" >"$dir/cgroup.procs"
+}
+cap_node() {  # cap_node NAME FRACTION|max
+    local dir quota=-1
+    for dir in "/sys/fs/cgroup/cpu/pw-load-$$-$1" "/sys/fs/cgroup/pw-load-$$-$1"; do
+        [ -d "$dir" ] || continue
+        [ "$2" = max ] || quota=$(awk -v f="$2" 'BEGIN { printf "%d", f * 100000 }')
+        if [ -f "$dir/cpu.cfs_quota_us" ]; then
+            echo 100000 >"$dir/cpu.cfs_period_us" && echo "$quota" >"$dir/cpu.cfs_quota_us"
+        else
+            echo "$([ "$quota" = -1 ] && echo max || echo "$quota") 100000" >"$dir/cpu.max"
+        fi
+        return
+    done
+}
+
+# The nodes round: the same feedback posts to one node, then to two nodes on the same
+# database, in turn. Nothing should make one node wait for the other: while the posts run,
+# pg_stat_activity is sampled five times a second for a backend waiting on a lock (a row,
+# a tuple, a transaction, an advisory lock), and the line counts the samples that saw one.
+# The CPU figure is the nodes' and the PostgreSQL server's together.
+nodes_results="$work/nodes.txt"
+: >"$nodes_results"
+if [ "$nodes" = 1 ] && [ -n "${pid[collector-pg2]:-}" ] &&
+    [[ " ${targets[*]} " == *" collector-pg "* ]]; then
+    variants=(shared)
+    if node_cgroup pg "${pid[collector-pg]}" && node_cgroup pg2 "${pid[collector-pg2]}"; then
+        variants+=("$node_cpu")
+    else
+        say "nodes: no CPU cgroup can be made here; the nodes are measured sharing the cores only"
+    fi
+    echo "# nodes: feedback posts to one collector node on PostgreSQL, then to two nodes on" \
+        "the same database (connections to each in turn); the nodes sharing the cores, then" \
+        "each held to $node_cpu of a core"
+    for round in $(seq "$runs"); do
+        for variant in "${variants[@]}"; do
+            cap_node pg "$([ "$variant" = shared ] && echo max || echo "$variant")"
+            cap_node pg2 "$([ "$variant" = shared ] && echo max || echo "$variant")"
+            for count in 1 2; do
+                addresses=(--target "127.0.0.1:${port[collector-pg]}")
+                servers=(--server-pid "${pid[collector-pg]}" --server-pid "${pid[postgres]}")
+                if [ "$count" = 2 ]; then
+                    addresses+=(--target "127.0.0.1:${port[collector-pg2]}")
+                    servers+=(--server-pid "${pid[collector-pg2]}")
+                fi
+                samples="$work/locks-$round-$variant-$count.txt"
+                echo "select count(*) from pg_stat_activity where wait_event_type = 'Lock' \watch 0.2" |
+                    "$pg_bin/psql" -h 127.0.0.1 -p "$pg_port" -U bench -d collector -At \
+                        >"$samples" 2>/dev/null &
+                sampler=$!
+                line=$("$load" "${addresses[@]}" --server-name "$server_name" \
+                    --ca-file "$work/certs/ca.pem" --concurrency "$concurrency" \
+                    --duration "$duration" --mix feedback --machines "$machines" \
+                    --seed $((800 + round * 4 + count * 2 + ${#variant} % 2)) --cpu 0 \
+                    "${servers[@]}" --source-addresses "$sources" \
+                    --label "nodes-$count-$variant" || true)
+                kill "$sampler" 2>/dev/null || true
+                wait "$sampler" 2>/dev/null || true
+                [ -n "$line" ] || die "the generator gave no figures for the nodes round"
+                line="$line lock_samples=$(grep -c '^[0-9]' "$samples" || true)"
+                line="$line lock_waits=$(grep -c '^[1-9]' "$samples" || true)"
+                echo "$line"
+                echo "$line" >>"$nodes_results"
+            done
+        done
+    done
+    cap_node pg max
+    cap_node pg2 max
+fi
+
 memory_results="$work/memory.txt"
 : >"$memory_results"
 if [ "$memory" = 1 ]; then
@@ -381,10 +484,11 @@ if [ "$memory" = 1 ]; then
 fi
 
 # --- the table -------------------------------------------------------------------------
-python3 - "$results" "$memory_results" "$slow_results" "${targets[@]}" <<'EOF'
+python3 - "$results" "$memory_results" "$slow_results" "$nodes_results" "${targets[@]}" <<'EOF'
 import statistics, sys
 
-path, memory_path, slow_path, targets = sys.argv[1], sys.argv[2], sys.argv[3], sys.argv[4:]
+path, memory_path, slow_path, nodes_path = sys.argv[1:5]
+targets = sys.argv[5:]
 runs = {}
 for line in open(path):
     fields = dict(item.split("=", 1) for item in line.split())
@@ -394,9 +498,10 @@ def median(rows, key):
     values = [float(row[key]) for row in rows if row[key] != "-"]
     return statistics.median(values) if values else None
 
-print("%-9s %-17s %9s %8s %8s %8s %12s %10s %12s %7s" % (
-    "mix", "target", "reports/s", "x nginx", "p50 ms", "p99 ms", "cpu ms/rep", "peak MiB",
-    "disk B/rep", "failed"))
+if runs:
+    print("%-9s %-17s %9s %8s %8s %8s %12s %10s %12s %7s" % (
+        "mix", "target", "reports/s", "x nginx", "p50 ms", "p99 ms", "cpu ms/rep", "peak MiB",
+        "disk B/rep", "failed"))
 for mix in dict.fromkeys(m for m, _ in runs):
     ceiling = median(runs.get((mix, "nginx"), []), "rate") if (mix, "nginx") in runs else None
     for target in targets:
@@ -434,6 +539,38 @@ if slow:
     if len(slow) == 2:
         quiet, loaded = (median(rows, "p99_ms") for rows in slow.values())
         print("p99 with the slow clients: %.2fx the p99 without" % (loaded / quiet))
+
+nodes = {}
+for line in open(nodes_path):
+    fields = dict(item.split("=", 1) for item in line.split())
+    nodes.setdefault(fields["label"], []).append(fields)
+if nodes:
+    print()
+    print("%-32s %9s %8s %8s %12s %14s %7s" % (
+        "collector-pg, feedback", "reports/s", "p50 ms", "p99 ms", "cpu ms/rep",
+        "lock waits", "failed"))
+    variants = list(dict.fromkeys(label.split("-", 2)[2] for label in nodes))
+    for variant in variants:
+        for count in ("1", "2"):
+            rows = nodes.get("nodes-%s-%s" % (count, variant), [])
+            if not rows:
+                continue
+            print("%-32s %9.1f %8.2f %8.2f %12.3f %14s %7d" % (
+                ("one node" if count == "1" else "two nodes") +
+                (", sharing the cores" if variant == "shared" else ", %s core each" % variant),
+                median(rows, "rate"), median(rows, "p50_ms"), median(rows, "p99_ms"),
+                median(rows, "server_cpu_ms"),
+                "%d of %d" % (sum(int(row["lock_waits"]) for row in rows),
+                              sum(int(row["lock_samples"]) for row in rows)),
+                sum(int(row["failed"]) for row in rows)))
+    for variant in variants:
+        one, two = (nodes.get("nodes-%s-%s" % (count, variant)) for count in ("1", "2"))
+        if one and two:
+            print("two nodes, %s: %.2fx the rate of one" % (
+                "sharing the cores" if variant == "shared" else "%s core each" % variant,
+                median(two, "rate") / median(one, "rate")))
+    print("(cpu: the nodes' and the PostgreSQL server's; lock waits: samples of"
+          " pg_stat_activity that saw a backend waiting on a lock)")
 
 memory = [dict(item.split("=", 1) for item in line.split()) for line in open(memory_path)]
 if memory:
