@@ -555,38 +555,39 @@ void SqlStore::AddModuleField(const FieldValue& field, int64_t day, int sign, Ro
 
 StoreResult SqlStore::WriteRollup(const Rollup& rollup) {
     // SQLite adds to one row per key; PostgreSQL inserts the batch's own rows (see Schema).
-    // They go in one batch after the statements deferred so far (details, new fields).
+    // Either way a table's rows go in statements of many rows: a batch of ten feedback
+    // reports has about forty breakdown rows, and a statement a row cost PostgreSQL more
+    // than the reports' own inserts. A key appears once in a batch's rollup, so an upsert
+    // of many rows adds each row as one of its own would. They go in one batch after the
+    // statements deferred so far (details, new fields).
     auto upsert = [this](const char* conflict, const char* update) {
         return m_sqlite ? std::string(" ON CONFLICT ") + conflict + " DO UPDATE SET " + update
                         : std::string();
     };
     std::vector<SqlStatement>& statements = m_deferred;
-    const std::string dailySql =
-        "INSERT INTO daily (day, feedback, crash, threat, damaged, duplicates, machines, bytes) "
-        "VALUES ($1, $2, $3, $4, $5, $6, $7, $8)" +
+    std::vector<SqlValue> values;  // views into the rollup and `blocks`, kept until written
+    std::map<std::tuple<int, int64_t, std::string>, std::pair<int64_t, int64_t>> blocks;
+    for (const auto& entry : rollup.daily) {
+        const DailyDelta& d = entry.second;
+        values.insert(values.end(), {entry.first, d.perKind[0], d.perKind[1], d.perKind[2],
+                                     d.perKind[3], d.duplicates, d.machines, d.bytes});
+    }
+    AppendInserts(
+        "INSERT INTO daily (day, feedback, crash, threat, damaged, duplicates, machines, bytes)",
         upsert("(day)",
                "feedback = feedback + excluded.feedback, crash = crash + excluded.crash, "
                "threat = threat + excluded.threat, damaged = damaged + excluded.damaged, "
                "duplicates = duplicates + excluded.duplicates, "
-               "machines = machines + excluded.machines, bytes = bytes + excluded.bytes");
-    for (const auto& entry : rollup.daily) {
-        const DailyDelta& d = entry.second;
-        statements.push_back({dailySql,
-                              {entry.first, d.perKind[0], d.perKind[1], d.perKind[2], d.perKind[3],
-                               d.duplicates, d.machines, d.bytes}});
-    }
+               "machines = machines + excluded.machines, bytes = bytes + excluded.bytes"),
+        8, std::move(values), statements);
     if (m_schemaVersion >= 2) {
-        const std::string sql =
-            "INSERT INTO breakdown (dim, day, value, count, repeats) VALUES ($1, $2, $3, $4, "
-            "$5)" +
-            upsert("(dim, day, value)",
-                   "count = count + excluded.count, repeats = repeats + excluded.repeats");
-        // The day rows, and from version 5 on the same figures summed per block of days.
-        std::map<std::tuple<int, int64_t, std::string>, std::pair<int64_t, int64_t>> blocks;
+        // The day rows, and from version 5 on the same figures summed per block of days
+        // (their dimensions offset, so that no block's key is a day's).
+        values.clear();
         for (const auto& entry : rollup.breakdown) {
             const auto& [dimension, day, value] = entry.first;
-            statements.push_back(
-                {sql, {dimension, day, value, entry.second.first, entry.second.second}});
+            values.insert(values.end(), {dimension, day, SqlValue::TextView(value),
+                                         entry.second.first, entry.second.second});
             if (m_schemaVersion >= 5) {
                 auto& block = blocks[std::make_tuple(dimension + kBlockDimensionOffset,
                                                      day / kBreakdownBlockDays, value)];
@@ -596,33 +597,40 @@ StoreResult SqlStore::WriteRollup(const Rollup& rollup) {
         }
         for (const auto& entry : blocks) {
             const auto& [dimension, block, value] = entry.first;
-            statements.push_back(
-                {sql, {dimension, block, value, entry.second.first, entry.second.second}});
+            values.insert(values.end(), {dimension, block, SqlValue::TextView(value),
+                                         entry.second.first, entry.second.second});
         }
+        AppendInserts(
+            "INSERT INTO breakdown (dim, day, value, count, repeats)",
+            upsert("(dim, day, value)",
+                   "count = count + excluded.count, repeats = repeats + excluded.repeats"),
+            5, std::move(values), statements);
     }
-    const std::string fieldSql =
-        "INSERT INTO field_days (module, day, path, count, sum, min, max) VALUES ($1, $2, $3, "
-        "$4, $5, $6, $7)" +
-        upsert("(module, day, path)",
-               "count = count + excluded.count, sum = sum + excluded.sum, "
-               "min = coalesce(min(min, excluded.min), min, excluded.min), "
-               "max = coalesce(max(max, excluded.max), max, excluded.max)");
+    values.clear();
     for (const auto& entry : rollup.fields) {
         const FieldDelta& f = entry.second;
-        statements.push_back(
-            {fieldSql,
-             {std::get<0>(entry.first), std::get<1>(entry.first), std::get<2>(entry.first), f.count,
-              f.sum, f.hasRange ? SqlValue(f.min) : SqlValue(),
-              f.hasRange ? SqlValue(f.max) : SqlValue()}});
+        values.insert(
+            values.end(),
+            {SqlValue::TextView(std::get<0>(entry.first)), std::get<1>(entry.first),
+             SqlValue::TextView(std::get<2>(entry.first)), f.count, f.sum,
+             f.hasRange ? SqlValue(f.min) : SqlValue(), f.hasRange ? SqlValue(f.max) : SqlValue()});
     }
-    const std::string valueSql =
-        "INSERT INTO value_days (module, day, path, value, count) VALUES ($1, $2, $3, $4, $5)" +
-        upsert("(module, day, path, value)", "count = count + excluded.count");
+    AppendInserts("INSERT INTO field_days (module, day, path, count, sum, min, max)",
+                  upsert("(module, day, path)",
+                         "count = count + excluded.count, sum = sum + excluded.sum, "
+                         "min = coalesce(min(min, excluded.min), min, excluded.min), "
+                         "max = coalesce(max(max, excluded.max), max, excluded.max)"),
+                  7, std::move(values), statements);
+    values.clear();
     for (const auto& entry : rollup.values) {
-        statements.push_back({valueSql,
-                              {std::get<0>(entry.first), std::get<1>(entry.first),
-                               std::get<2>(entry.first), std::get<3>(entry.first), entry.second}});
+        values.insert(values.end(),
+                      {SqlValue::TextView(std::get<0>(entry.first)), std::get<1>(entry.first),
+                       SqlValue::TextView(std::get<2>(entry.first)),
+                       SqlValue::TextView(std::get<3>(entry.first)), entry.second});
     }
+    AppendInserts("INSERT INTO value_days (module, day, path, value, count)",
+                  upsert("(module, day, path, value)", "count = count + excluded.count"), 5,
+                  std::move(values), statements);
     StoreResult result = m_db->ExecBatch(statements, nullptr);
     statements.clear();
     return result;
