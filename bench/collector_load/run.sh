@@ -430,10 +430,12 @@ if [ "$nodes" = 1 ] && [ -n "${pid[collector-pg2]:-}" ] &&
     echo "# nodes: feedback posts to one collector node on PostgreSQL, then to two nodes on" \
         "the same database (connections to each in turn); the nodes sharing the cores, then" \
         "each held to $node_cpu of a core"
+    nodes_run=0  # one seed a run: no node is sent a machine's period that another run sent
     for round in $(seq "$runs"); do
         for variant in "${variants[@]}"; do
-            cap_node pg "$([ "$variant" = shared ] && echo max || echo "$variant")"
-            cap_node pg2 "$([ "$variant" = shared ] && echo max || echo "$variant")"
+            quota=$([ "$variant" = shared ] && echo max || echo "$variant")
+            cap_node pg "$quota"
+            cap_node pg2 "$quota"
             for count in 1 2; do
                 addresses=(--target "127.0.0.1:${port[collector-pg]}")
                 servers=(--server-pid "${pid[collector-pg]}" --server-pid "${pid[postgres]}")
@@ -449,7 +451,7 @@ if [ "$nodes" = 1 ] && [ -n "${pid[collector-pg2]:-}" ] &&
                 line=$("$load" "${addresses[@]}" --server-name "$server_name" \
                     --ca-file "$work/certs/ca.pem" --concurrency "$concurrency" \
                     --duration "$duration" --mix feedback --machines "$machines" \
-                    --seed $((800 + round * 4 + count * 2 + ${#variant} % 2)) --cpu 0 \
+                    --seed $((800 + ++nodes_run)) --cpu 0 \
                     "${servers[@]}" --source-addresses "$sources" \
                     --label "nodes-$count-$variant" || true)
                 kill "$sampler" 2>/dev/null || true
